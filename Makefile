@@ -1,0 +1,100 @@
+# Thin wrapper over CMake. `make demo` builds the library and runs the record
+# tour example; `make test` installs what is missing and runs the whole suite
+# on the host, under AddressSanitizer + UndefinedBehaviorSanitizer and on
+# 32-bit ARM (qemu), then the install test and a short run of every fuzzer.
+
+SHELL := /bin/bash
+JOBS ?= 2
+CTEST_JOBS ?= 1
+BUILD ?= build
+BUILD_TYPE ?= RelWithDebInfo
+PREFIX ?= /usr/local
+CMAKE ?= cmake
+CTEST ?= ctest
+ARM_SYSROOT ?= $(or $(ORVO_ARM_SYSROOT),$(or $(XDG_CACHE_HOME),$(HOME)/.cache)/orvo-arm-sysroot)
+
+# `make fuzz` runs each target 60 s; within `make test` 20 s unless
+# FUZZ_SECONDS is given.
+ifeq ($(origin FUZZ_SECONDS),undefined)
+TEST_FUZZ_SECONDS := 20
+else
+TEST_FUZZ_SECONDS := $(FUZZ_SECONDS)
+endif
+FUZZ_SECONDS ?= 60
+
+HOST_DIR := $(BUILD)/host
+ASAN_DIR := $(BUILD)/asan
+ARM_DIR := $(BUILD)/arm
+FUZZ_DIR := $(BUILD)/fuzz
+BENCH_DIR := $(BUILD)/bench
+CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
+
+.PHONY: all deps build demo test host-test install-test asan-build asan-test \
+        arm-sysroot arm-build arm-test fuzz-build fuzz bench install clean
+
+all: build
+
+deps:
+	scripts/install-deps.sh
+
+build:
+	$(CMAKE) -S . -B $(HOST_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_SANITIZE=OFF
+	$(CMAKE) --build $(HOST_DIR) -j$(JOBS)
+
+demo: deps
+	@$(MAKE) --no-print-directory build
+	@test -x $(HOST_DIR)/examples/record_tour || { echo "demo: $(HOST_DIR)/examples/record_tour was not built (examples/record_tour.cpp missing?)"; exit 1; }
+	$(HOST_DIR)/examples/record_tour
+
+# The whole suite three ways plus install test and fuzzers; see scripts/test-all.sh.
+test: deps
+	@FUZZ_SECONDS=$(TEST_FUZZ_SECONDS) BUILD=$(BUILD) scripts/test-all.sh
+
+host-test: build
+	cd $(HOST_DIR) && $(CTEST_RUN) -E '^install_test$$'
+
+install-test: build
+	cd $(HOST_DIR) && $(CTEST_RUN) -R '^install_test$$'
+
+asan-build:
+	$(CMAKE) -S . -B $(ASAN_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_SANITIZE=ON
+	$(CMAKE) --build $(ASAN_DIR) -j$(JOBS)
+
+asan-test: asan-build
+	cd $(ASAN_DIR) && $(CTEST_RUN)
+
+arm-sysroot:
+	scripts/arm-sysroot.sh $(ARM_SYSROOT)
+
+arm-build: arm-sysroot
+	$(CMAKE) -S . -B $(ARM_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) \
+	    -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/arm-linux-gnueabihf.cmake \
+	    -DORVO_ARM_SYSROOT=$(ARM_SYSROOT)
+	$(CMAKE) --build $(ARM_DIR) -j$(JOBS)
+
+arm-test: arm-build
+	cd $(ARM_DIR) && $(CTEST_RUN)
+
+fuzz-build:
+	$(CMAKE) -S . -B $(FUZZ_DIR) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	    -DORVO_BUILD_FUZZ=ON -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build $(FUZZ_DIR) -j$(JOBS)
+
+fuzz: fuzz-build
+	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
+bench:
+	$(CMAKE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release \
+	    -DORVO_BUILD_BENCH=ON -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build $(BENCH_DIR) -j$(JOBS)
+	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \
+	    [ -x "$$b" ] || continue; found=1; \
+	    echo "== $$b"; "$$b" || exit 1; \
+	done; [ $$found = 1 ] || echo "bench: no benchmarks yet"
+
+install: build
+	$(CMAKE) --install $(HOST_DIR) --prefix $(PREFIX)
+
+clean:
+	rm -rf $(BUILD)

@@ -1,0 +1,91 @@
+// orvo_trace.h - named trace units, levels, outputs and the trace call.
+//
+// A trace call site tests the unit's level before any text is built:
+//     ORVO_TRACE(UnitORVO, ERROR, FormatString("bad length %i", n));
+// expands to one integer comparison when the unit does not admit the level.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "orvo_object.h"
+
+namespace orvo {
+
+class cRecord;
+
+enum eLEVEL {
+    NONE = 0,
+    FATAL = 1,
+    ERROR = 2,
+    WARNING = 4,
+    INFO = 8,
+    DEBUG = 16,
+    SYSLOG = 32,
+    ALL = 256
+};
+
+enum eOUTPUT {
+    OUTPUT_NONE = 0,
+    OUTPUT_STDOUT = 1,
+    OUTPUT_SYSLOG = 2,
+    OUTPUT_SERVICE = 3
+};
+
+// A named trace source with its own threshold and output. Constructing a unit
+// enters it in mUnits under its name (replacing an earlier unit of that name);
+// destroying it does not remove it. Units are created during start-up, before
+// threads run.
+class ORVO_API cUnit : public cObject {
+public:
+    cUnit(const char* name, eLEVEL level, eOUTPUT output);
+    ~cUnit() override;
+
+    eLEVEL GetLevel() const { return m_Level; }
+    eOUTPUT GetOutput() const { return m_Output; }
+    void SetLevel(eLEVEL level) { m_Level = level; }
+    void SetOutput(eOUTPUT output) { m_Output = output; }
+
+private:
+    eLEVEL m_Level;    // threshold: traces at or below it are shown
+    eOUTPUT m_Output;  // where the unit's own lines go
+};
+
+// Map from unit name to unit (not owning); created by the first unit.
+ORVO_API extern std::map<std::string, cUnit*>* mUnits;
+ORVO_API extern cUnit* UnitDefault;
+ORVO_API extern cUnit* UnitORVO;
+
+// "NONE", "FATAL", ... or "?" for a value outside the enumeration.
+ORVO_API const char* GetTraceLevelTxt(eLEVEL level);
+// Null units are ignored.
+ORVO_API void SetTraceLevel(cUnit* unit, eLEVEL level);
+ORVO_API void SetTraceOut(cUnit* unit, eOUTPUT output);
+// Exact, case-sensitive level name; any other text sets NONE.
+ORVO_API void SetTraceLevel(cUnit* unit, const std::string& name);
+// Drops the unit map (not the units) and the remembered last text.
+ORVO_API void ClearTraceUnits();
+
+// printf into a string; null format gives "", output is cut at 8095 chars.
+ORVO_API std::string FormatString(const char* fmt, ...)
+    __attribute__((format(printf, 1, 2)));
+
+// Issue a trace without testing the level (call sites test it first).
+ORVO_API void _Trace(cUnit* unit, eLEVEL level, const char* text);
+ORVO_API void _Trace(cUnit* unit, eLEVEL level, const std::string& text);
+ORVO_API void _Trace(cUnit* unit, eLEVEL level, const cObject& object);
+ORVO_API void _Trace(cUnit* unit, eLEVEL level, const cRecord& record);
+
+// True when the unit exists and admits traces of this level.
+inline bool TraceOn(const cUnit* unit, eLEVEL level)
+{
+    return unit != nullptr && unit->GetLevel() >= level;
+}
+
+}  // namespace orvo
+
+#define ORVO_TRACE(unit, level, text)                      \
+    do {                                                   \
+        if (::orvo::TraceOn((unit), (level)))              \
+            ::orvo::_Trace((unit), (level), (text));       \
+    } while (0)

@@ -1,0 +1,208 @@
+#define ORVO_SOURCE "orvo_record"
+#include "orvo_membuffer.h"
+
+#include <cstring>
+
+namespace orvo {
+
+// The shared block. Its count is a plain int: buffers are single-thread
+// objects.
+class cMemBufferData {
+public:
+    explicit cMemBufferData(int Size) : m_Size(Size), m_RefCount(1), m_pBuffer(nullptr)
+    {
+        if (Size > 0)
+            m_pBuffer = new char[Size];
+    }
+
+    void AddRef() { ++m_RefCount; }
+
+    // Frees the bytes, then the block, when the last holder lets go.
+    void Release()
+    {
+        if (--m_RefCount == 0) {
+            delete[] m_pBuffer;
+            m_pBuffer = nullptr;
+            delete this;
+        }
+    }
+
+    int m_Size;         // capacity in bytes
+    int m_RefCount;     // views pointing here
+    char* m_pBuffer;    // m_Size bytes, null when m_Size <= 0
+
+private:
+    ~cMemBufferData() = default;
+};
+
+cMemBuffer::cMemBuffer() : m_pData(nullptr), m_Offset(0), m_Size(0) {}
+
+cMemBuffer::cMemBuffer(const cMemBuffer& Other)
+    : m_pData(Other.m_pData), m_Offset(Other.m_Offset), m_Size(Other.m_Size)
+{
+    if (m_pData != nullptr)
+        m_pData->AddRef();
+}
+
+cMemBuffer::cMemBuffer(const cMemBuffer& Buf, int Offs, int Size)
+    : m_pData(Buf.m_pData), m_Offset(Buf.m_Offset + Offs), m_Size(Size)
+{
+    if (m_pData != nullptr)
+        m_pData->AddRef();
+    ORVO_ASSERT(m_Offset>=0);
+    ORVO_ASSERT(m_Size>=0);
+    ORVO_ASSERT((m_pData==0 && m_Size==0) || (m_pData!=0 && m_Offset+m_Size<=m_pData->m_Size));
+}
+
+cMemBuffer::cMemBuffer(const void* p, int Size, int NewSize)
+    : m_pData(nullptr), m_Offset(0), m_Size(0)
+{
+    Create(p, Size, NewSize);
+}
+
+cMemBuffer::~cMemBuffer()
+{
+    Release();
+}
+
+cMemBuffer& cMemBuffer::operator=(const cMemBuffer& Other)
+{
+    Create(Other);
+    return *this;
+}
+
+void cMemBuffer::Release()
+{
+    if (m_pData != nullptr) {
+        m_pData->Release();
+        m_pData = nullptr;
+    }
+}
+
+void cMemBuffer::CheckStrong() const
+{
+    ORVO_ASSERT((m_pData==0 && m_Size==0) || (m_pData!=0 && m_Size>0 && m_Offset+m_Size<=m_pData->m_Size));
+}
+
+char* cMemBuffer::GetBuffer() const
+{
+    return m_pData != nullptr ? m_pData->m_pBuffer + m_Offset : nullptr;
+}
+
+int cMemBuffer::GetCapacity() const
+{
+    return m_pData != nullptr ? m_pData->m_Size : 0;
+}
+
+int cMemBuffer::GetRefCount() const
+{
+    return m_pData != nullptr ? m_pData->m_RefCount : 0;
+}
+
+char* cMemBuffer::Create()
+{
+    Release();
+    m_Offset = 0;
+    m_Size = 0;
+    return nullptr;
+}
+
+char* cMemBuffer::Create(const cMemBuffer& Buf)
+{
+    if (Buf.m_pData != m_pData) {
+        // Take the new block before letting go of the old one: Buf may be a
+        // view that only this buffer keeps alive.
+        cMemBufferData* pOld = m_pData;
+        m_pData = Buf.m_pData;
+        if (m_pData != nullptr)
+            m_pData->AddRef();
+        if (pOld != nullptr)
+            pOld->Release();
+    }
+    m_Offset = Buf.m_Offset;
+    m_Size = Buf.m_Size;
+    ORVO_ASSERT(m_Offset>=0);
+    ORVO_ASSERT(m_Size>=0);
+    CheckStrong();
+    return GetBuffer();
+}
+
+char* cMemBuffer::Create(const cMemBuffer& Buf, int Offs, int Size)
+{
+    if (Size == 0)
+        return Create();
+    const int Offset = Buf.m_Offset + Offs;
+    if (Buf.m_pData != m_pData) {
+        cMemBufferData* pOld = m_pData;
+        m_pData = Buf.m_pData;
+        if (m_pData != nullptr)
+            m_pData->AddRef();
+        if (pOld != nullptr)
+            pOld->Release();
+    }
+    m_Offset = Offset;
+    m_Size = Size;
+    ORVO_ASSERT(m_Offset>=0);
+    ORVO_ASSERT(m_Size>=0);
+    CheckStrong();
+    return GetBuffer();
+}
+
+char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
+{
+    if (NewSize == -1)
+        NewSize = Size;
+    else if (Size > NewSize)
+        Size = NewSize;
+    ORVO_ASSERT(NewSize >= 0);
+    ORVO_ASSERT(Size >= 0 && Size <= NewSize);
+
+    if (NewSize == 0)
+        return Create();
+
+    // In place: the block is ours alone and already has exactly the wanted
+    // capacity. The capacity decides, not the view, so a view at an offset
+    // is moved down to the block's start.
+    if (m_pData != nullptr && m_pData->m_RefCount == 1 && m_pData->m_Size == NewSize) {
+        char* pStart = m_pData->m_pBuffer;
+        if (pSrc != nullptr && Size > 0 && pSrc != pStart)
+            std::memmove(pStart, pSrc, Size);
+        else if (pSrc == nullptr)
+            Size = 0;
+        std::memset(pStart + Size, 0, NewSize - Size);
+        m_Offset = 0;
+        m_Size = NewSize;
+        CheckStrong();
+        return pStart;
+    }
+
+    // A new block; pSrc may lie in the old one, so the old block is released
+    // only after the copy.
+    cMemBufferData* pNew = new cMemBufferData(NewSize);
+    if (pSrc != nullptr && Size > 0)
+        std::memcpy(pNew->m_pBuffer, pSrc, Size);
+    else
+        Size = 0;
+    std::memset(pNew->m_pBuffer + Size, 0, NewSize - Size);
+    Release();
+    m_pData = pNew;
+    m_Offset = 0;
+    m_Size = NewSize;
+    CheckStrong();
+    return m_pData->m_pBuffer;
+}
+
+char* cMemBuffer::SetBufferSize(int Size)
+{
+    ORVO_ASSERT(Size >= 0);
+    return Create(GetBuffer(), m_Size, Size);
+}
+
+char* cMemBuffer::CreateCopy(int Offs, int Size)
+{
+    ORVO_ASSERT(Size >= 0);
+    char* pStart = GetBuffer();
+    return Create(pStart != nullptr ? pStart + Offs : nullptr, Size, Size);
+}
+
+}  // namespace orvo

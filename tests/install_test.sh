@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Installs a build into a temporary prefix and checks what a program outside
+# the tree sees: the SONAME, a pkg-config build of a consumer program and a
+# CMake find_package(orvo) build of the same program.
+#   install_test.sh BUILD_DIR CONSUMER_DIR [CXX]
+set -euo pipefail
+
+build="$1"
+consumer="$2"
+cxx="${3:-g++}"
+
+work="$(mktemp -d "${TMPDIR:-/tmp}/orvo-install-test.XXXXXX")"
+trap 'rm -rf "$work"' EXIT
+prefix="$work/prefix"
+
+step() { echo "install_test: $*"; }
+fail() { echo "install_test: FAILED: $*" >&2; exit 1; }
+
+step "installing $build into $prefix"
+cmake --install "$build" --prefix "$prefix" >"$work/install.log" || { cat "$work/install.log"; fail "cmake --install"; }
+
+lib="$(find "$prefix" -name 'liborvo.so.3.*' -type f | head -n1)"
+[ -n "$lib" ] || fail "no liborvo.so.3.* under $prefix"
+libdir="$(dirname "$lib")"
+[ -L "$libdir/liborvo.so" ] || fail "no liborvo.so link in $libdir"
+soname="$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
+[ "$soname" = "liborvo.so.3" ] || fail "SONAME is '$soname', expected liborvo.so.3"
+step "SONAME $soname"
+[ -f "$prefix/include/orvo/orvo.h" ] || fail "include/orvo/orvo.h not installed"
+
+pcdir="$(dirname "$(find "$prefix" -name orvo.pc | head -n1)")"
+[ -f "$pcdir/orvo.pc" ] || fail "orvo.pc not installed"
+export PKG_CONFIG_PATH="$pcdir${PKG_CONFIG_PATH:+:$PKG_CONFIG_PATH}"
+version="$(pkg-config --modversion orvo)"
+[ "$version" = "3.20.0" ] || fail "pkg-config version is '$version'"
+flags="$(pkg-config --cflags --libs orvo)"
+step "pkg-config: $flags"
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Werror "$consumer/main.cpp" -o "$work/consumer-pc" $flags \
+    || fail "pkg-config build of the consumer"
+LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" || fail "pkg-config consumer run"
+# The program must find the installed library, not the build tree's.
+LD_LIBRARY_PATH="$libdir" ldd "$work/consumer-pc" | grep -q "$libdir/liborvo.so.3" \
+    || fail "pkg-config consumer does not load $libdir/liborvo.so.3"
+
+cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
+    -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Release >"$work/cmake.log" 2>&1 \
+    || { cat "$work/cmake.log"; fail "find_package(orvo) configure"; }
+cmake --build "$work/cmake-build" >"$work/build.log" 2>&1 || { cat "$work/build.log"; fail "find_package(orvo) build"; }
+"$work/cmake-build/consumer" || fail "find_package(orvo) consumer run"
+
+step "passed"
