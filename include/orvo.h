@@ -12,3 +12,5 @@
 #include "orvo_membuffer.h"
 #include "orvo_record.h"
 #include "orvo_recordpath.h"
+#include "orvo_sharedmem.h"
+#include "orvo_msg.h"
