@@ -14,3 +14,8 @@
 #include "orvo_recordpath.h"
 #include "orvo_sharedmem.h"
 #include "orvo_msg.h"
+#include "orvo_socketaddr.h"
+#include "orvo_init.h"
+#include "orvo_thread.h"
+#include "orvo_bytebuffer.h"
+#include "orvo_recordmerge.h"

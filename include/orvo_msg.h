@@ -7,7 +7,7 @@
 // carries along and never interprets. The group of a type is bits 12-23.
 //
 // Payload form (the kind 0-3 travels in the packet framing, not in the
-// payload; multi-byte numbers little-endian; see docs/):
+// payload; multi-byte numbers little-endian):
 //
 //     kind 0: header(4)                      record bytes
 //     kind 1: header(4) tid(16)              record bytes

@@ -295,8 +295,8 @@ public:
     void AppendPar(const cRecordPar& Par, int Flags, int Sel);
 
     // Setting: DeletePar(Name, 0, 0) followed by the matching append, so the
-    // element moves to the end of the record. A null Name changes nothing
-    // (it would otherwise remove the first element and append nothing).
+    // element moves to the end of the record. A null Name therefore removes
+    // the record's first element (whatever its name) and appends nothing.
     void SetEmtpyPar(const char* Name, int Flags = 0);
     void SetTextPar(const char* Name, const char* Value, int Flags = 0);
     void SetTextPar(const char* Name, const std::string& Value, int Flags = 0);

@@ -13,6 +13,7 @@
 namespace orvo {
 
 class cRecord;
+class cChannel;
 
 enum eLEVEL {
     NONE = 0,
@@ -63,14 +64,48 @@ ORVO_API void SetTraceLevel(cUnit* unit, eLEVEL level);
 ORVO_API void SetTraceOut(cUnit* unit, eOUTPUT output);
 // Exact, case-sensitive level name; any other text sets NONE.
 ORVO_API void SetTraceLevel(cUnit* unit, const std::string& name);
-// Drops the unit map (not the units) and the remembered last text.
+// Drops the unit map (not the units), the trace-channel list (not the
+// channels) and the remembered last text. Units constructed afterwards start
+// a new map. The repeat counter and the last unit and level stay.
 ORVO_API void ClearTraceUnits();
+
+// Trace channels: channels (remote trace viewers) that receive every trace as
+// a message 0x7002. The list does not own them; a channel must unregister
+// before it is destroyed. Thread-safe (one lock guards the list).
+// Register appends ch, first removing an earlier entry of it, so a channel is
+// listed once and a re-registration moves it to the end.
+ORVO_API void RegisterTraceChannel(cChannel* ch);
+// Removes ch; an unknown channel is ignored.
+ORVO_API void UnRegisterTraceChannel(cChannel* ch);
+// Sends the channel trace message 0x7002 ("service-id" and "name" when a
+// main service exists, "unit", "level", "time", "txt") to every registered
+// channel in list order, clearing each channel's per-send flag first. Send
+// results are ignored. Builds nothing when no channel is registered.
+ORVO_API void SendTrace(cUnit* unit, eLEVEL level, const std::string& text);
 
 // printf into a string; null format gives "", output is cut at 8095 chars.
 ORVO_API std::string FormatString(const char* fmt, ...)
     __attribute__((format(printf, 1, 2)));
 
-// Issue a trace without testing the level (call sites test it first).
+// Issue a trace without testing the level (call sites test it first, see
+// ORVO_TRACE). The text is the string, the object's ToString() or the
+// record's ToString(); the record travels along in the SCM and service
+// copies ("rec"). Each trace:
+//  - is dropped as a repeat when unit (same object), level and text equal the
+//    previous trace's and less than 60 s (whole UTC seconds, cTime::Now) have
+//    passed since the first repeat of the run; a unit with OUTPUT_STDOUT
+//    still prints the repeat. The next trace that goes out is preceded by
+//    "LAST TRACE FROM THIS SOURCE REPEATED <n> TIMES (<text>)" on the old
+//    unit and level when more than one repeat was dropped;
+//  - goes to the SCM as message 0x10190 when the SCM socket exists and the
+//    configuration's "trace.log-scm" is true (a send result of -1 prints
+//    "--FAILED-->>" and the line on standard output);
+//  - goes to the unit's output: standard output
+//    "<time>(<osc>) <exe>|<unit>[<level>]: <text>", the system log
+//    (priority 8, ident "orvo") or message 0x1007 to the main service;
+//  - goes to every trace channel (SendTrace).
+// A null unit is ignored. May be called from any thread; concurrent traces
+// may interleave their repeat decisions.
 ORVO_API void _Trace(cUnit* unit, eLEVEL level, const char* text);
 ORVO_API void _Trace(cUnit* unit, eLEVEL level, const std::string& text);
 ORVO_API void _Trace(cUnit* unit, eLEVEL level, const cObject& object);

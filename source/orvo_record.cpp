@@ -812,16 +812,12 @@ void cRecord::AppendPar(const cRecordPar& Par, int Flags, int Sel)
 
 void cRecord::SetEmtpyPar(const char* Name, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendEmtpyPar(Name, Flags);
 }
 
 void cRecord::SetTextPar(const char* Name, const char* Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendTextPar(Name, Value, Flags);
 }
@@ -833,88 +829,66 @@ void cRecord::SetTextPar(const char* Name, const std::string& Value, int Flags)
 
 void cRecord::SetSIntPar(const char* Name, int Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendSIntPar(Name, Value, Flags);
 }
 
 void cRecord::SetUIntPar(const char* Name, unsigned int Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendUIntPar(Name, Value, Flags);
 }
 
 void cRecord::SetTimePar(const char* Name, const cTime& Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendTimePar(Name, Value, Flags);
 }
 
 void cRecord::SetDataPar(const char* Name, const void* p, int Size, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendDataPar(Name, p, Size, Flags);
 }
 
 void cRecord::SetRecordPar(const char* Name, const cRecord& Rec, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendRecordPar(Name, Rec, Flags);
 }
 
 void cRecord::SetIRecPar(const char* Name, const cRecordList& List, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendIRecPar(Name, List, Flags);
 }
 
 void cRecord::SetUuidPar(const char* Name, const cUuid& Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendUuidPar(Name, Value, Flags);
 }
 
 void cRecord::SetSInt64Par(const char* Name, long long Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendSInt64Par(Name, Value, Flags);
 }
 
 void cRecord::SetUInt64Par(const char* Name, unsigned long long Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendUInt64Par(Name, Value, Flags);
 }
 
 void cRecord::SetBoolPar(const char* Name, bool Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendBoolPar(Name, Value, Flags);
 }
 
 void cRecord::SetObisPar(const char* Name, const cObis& Value, int Flags)
 {
-    if (Name == nullptr)
-        return;
     DeletePar(Name, 0, 0);
     AppendObisPar(Name, Value, Flags);
 }

@@ -1,20 +1,217 @@
 #define ORVO_SOURCE "orvo_trace"
 #include "orvo_trace.h"
 
+#include <syslog.h>
+
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <list>
+#include <mutex>
+#include <vector>
 
+#include "orvo_hooks.h"
+#include "orvo_init.h"
+#include "orvo_msg.h"
+#include "orvo_record.h"
+#include "orvo_sharedmem.h"
 #include "orvo_time.h"
+#include "orvo_uuid.h"
 
 namespace orvo {
+
+namespace hooks {
+tScmSend ScmSend = nullptr;
+tMainServiceInfo MainServiceInfo = nullptr;
+tMainServiceSend MainServiceSend = nullptr;
+tTraceChannelSend TraceChannelSend = nullptr;
+}  // namespace hooks
 
 std::map<std::string, cUnit*>* mUnits = nullptr;
 
 namespace {
+
 // The two built-in units exist from load time, in this order.
 cUnit gUnitDefault("UnitDefault", ERROR, OUTPUT_NONE);
 cUnit gUnitORVO("UnitORVO", ERROR, OUTPUT_NONE);
+
+const unsigned long kMsgScmTraceLog = 0x10190;
+const unsigned long kMsgServiceTrace = 0x1007;
+const unsigned long kMsgChannelTrace = 0x7002;
+
+const int kRepeatPeriod = 60;   // seconds a run of repeats is summarised over
+
+// Trace channels. Recursive: a channel's Send may itself trace, which comes
+// back into SendTrace on the same thread.
+// The locks are never destroyed, so traces during process exit stay safe.
+std::recursive_mutex& ChannelLock()
+{
+    static std::recursive_mutex* lock = new std::recursive_mutex();
+    return *lock;
+}
+std::list<cChannel*>* gTraceChannels = nullptr;
+
+// Repeat suppression. The lock keeps the state itself consistent; the
+// decisions of concurrent traces may still interleave.
+std::mutex& StateLock()
+{
+    static std::mutex* lock = new std::mutex();
+    return *lock;
+}
+cUnit* gLastUnit = nullptr;
+eLEVEL gLastLevel = NONE;
+std::string* gLastText = nullptr;       // created on first use, lives for the process
+uint32_t gRepeatCount = 0;
+int64_t gPeriodStart = 0;               // UTC seconds; the epoch at first
+bool gSyslogOpen = false;
+
+std::string& LastText()
+{
+    if (gLastText == nullptr)
+        gLastText = new std::string();
+    return *gLastText;
+}
+
+int64_t Seconds(const cTime& t)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(t.ToSeconds()));
+}
+
+// The identity part shared by all trace messages: present only when a main
+// service exists.
+void AppendService(cRecord& r)
+{
+    cUuid id;
+    std::string name;
+    if (hooks::MainServiceInfo != nullptr && hooks::MainServiceInfo(id, name)) {
+        r.AppendUuidPar("service-id", id, 0);
+        r.AppendTextPar("name", name, 0);
+    }
+}
+
+// Record of the SCM trace log (0x10190) and of the service trace (0x1007).
+void BuildLogRecord(cRecord& r, const cTime& now, unsigned long osc, cUnit* unit, eLEVEL level,
+                    const std::string& text, const cRecord& rec)
+{
+    AppendService(r);
+    r.AppendTextPar("executable", GetExeName(), 0);
+    r.AppendTextPar("unit", unit->GetObjName(), 0);
+    r.AppendTextPar("level", GetTraceLevelTxt(level), 0);
+    r.AppendTimePar("time", now, 0);
+    r.AppendUIntPar("osc", static_cast<unsigned int>(osc), 0);
+    r.AppendTextPar("txt", text, 0);
+    r.AppendRecordPar("rec", rec, 0);
+}
+
+bool LogToScm()
+{
+    return GetConfig()->GetFirstParByPath("trace.log-scm", ".").GetBool();
+}
+
+// SCM copy, the unit's own output, then the trace channels.
+void Output(const cTime& now, unsigned long osc, cUnit* unit, eLEVEL level,
+            const std::string& text, const cRecord& rec)
+{
+    const std::string timeText = now.ToString();
+    const char* exe = GetExeName().c_str();
+    const std::string unitName = unit->GetObjName();
+    const char* levelText = GetTraceLevelTxt(level);
+
+    if (hooks::ScmSend != nullptr && LogToScm()) {
+        cMsg msg(kMsgScmTraceLog);
+        BuildLogRecord(msg.GetRecord(), now, osc, unit, level, text, rec);
+        if (hooks::ScmSend(msg) == -1) {
+            std::printf("--FAILED-->>%s(%i) %-8s|%-13s[%-10s]: %s\n", timeText.c_str(),
+                        static_cast<int>(osc), exe, unitName.c_str(), levelText, text.c_str());
+            std::fflush(stdout);
+        }
+    }
+
+    switch (unit->GetOutput()) {
+    case OUTPUT_STDOUT:
+        std::printf("%s(%i) %-8s|%-13s[%-10s]: %s\n", timeText.c_str(), static_cast<int>(osc), exe,
+                    unitName.c_str(), levelText, text.c_str());
+        // Flushed per line: an aborting process must not lose its last traces.
+        std::fflush(stdout);
+        break;
+    case OUTPUT_SYSLOG:
+        // Priority 8 is LOG_USER at emergency severity, for every level alike.
+        ::syslog(8, "%-8s|%-13s[%-10s]: %s\n", exe, unitName.c_str(), levelText, text.c_str());
+        break;
+    case OUTPUT_SERVICE:
+        if (hooks::MainServiceSend != nullptr) {
+            cMsg msg(kMsgServiceTrace);
+            BuildLogRecord(msg.GetRecord(), now, osc, unit, level, text, rec);
+            hooks::MainServiceSend(msg);
+        }
+        break;
+    default:
+        break;
+    }
+
+    SendTrace(unit, level, text);
+}
+
+void Dispatch(cUnit* unit, eLEVEL level, const std::string& text, const cRecord& rec)
+{
+    if (unit == nullptr)
+        return;
+    cTime now;
+    now.Now(true);
+
+    bool summary = false;
+    cUnit* summaryUnit = nullptr;
+    eLEVEL summaryLevel = NONE;
+    std::string summaryText;
+    {
+        std::lock_guard<std::mutex> lock(StateLock());
+        if (!gSyslogOpen) {
+            ::openlog("orvo", LOG_ODELAY, LOG_USER);
+            gSyslogOpen = true;
+        }
+    }
+    // Read outside the lock: the cell's code may trace itself.
+    const unsigned long osc = GetOSC();
+    {
+        std::unique_lock<std::mutex> lock(StateLock());
+        std::string& lastText = LastText();
+        if (unit == gLastUnit && level == gLastLevel && text == lastText) {
+            if (gRepeatCount == 0)
+                gPeriodStart = Seconds(now);
+            if (gPeriodStart + kRepeatPeriod > Seconds(now)) {
+                ++gRepeatCount;
+                lock.unlock();
+                // The terminal still sees every repeat; nothing else does.
+                if (unit->GetOutput() == OUTPUT_STDOUT) {
+                    std::printf("%s(%lu) %-8s|%-13s[%-10s]: %s\n", now.ToString().c_str(), osc,
+                                GetExeName().c_str(), unit->GetObjName().c_str(),
+                                GetTraceLevelTxt(level), text.c_str());
+                    std::fflush(stdout);
+                }
+                return;
+            }
+        }
+        // A single dropped repeat is not worth a summary line.
+        if (gRepeatCount > 1) {
+            summary = true;
+            summaryUnit = gLastUnit;
+            summaryLevel = gLastLevel;
+            summaryText = FormatString("LAST TRACE FROM THIS SOURCE REPEATED %u TIMES",
+                                       gRepeatCount) + " (" + lastText + ")";
+            gPeriodStart = Seconds(now);
+        }
+        gLastUnit = unit;
+        gLastLevel = level;
+        lastText = text;
+        gRepeatCount = 0;
+    }
+
+    if (summary && summaryUnit != nullptr)
+        Output(now, osc, summaryUnit, summaryLevel, summaryText, rec);
+    Output(now, osc, unit, level, text, rec);
+}
+
 }  // namespace
 
 cUnit* UnitDefault = &gUnitDefault;
@@ -71,6 +268,7 @@ void SetTraceLevel(cUnit* unit, const std::string& name)
             return;
         }
     }
+    // A misspelt level switches the unit off.
     unit->SetLevel(NONE);
 }
 
@@ -79,6 +277,58 @@ void ClearTraceUnits()
     if (mUnits != nullptr) {
         delete mUnits;
         mUnits = nullptr;
+    }
+    {
+        std::lock_guard<std::recursive_mutex> lock(ChannelLock());
+        delete gTraceChannels;
+        gTraceChannels = nullptr;
+    }
+    std::lock_guard<std::mutex> lock(StateLock());
+    LastText().clear();
+}
+
+void RegisterTraceChannel(cChannel* ch)
+{
+    std::lock_guard<std::recursive_mutex> lock(ChannelLock());
+    if (gTraceChannels == nullptr)
+        gTraceChannels = new std::list<cChannel*>();
+    gTraceChannels->remove(ch);
+    gTraceChannels->push_back(ch);
+}
+
+void UnRegisterTraceChannel(cChannel* ch)
+{
+    std::lock_guard<std::recursive_mutex> lock(ChannelLock());
+    if (gTraceChannels != nullptr)
+        gTraceChannels->remove(ch);
+}
+
+void SendTrace(cUnit* unit, eLEVEL level, const std::string& text)
+{
+    std::lock_guard<std::recursive_mutex> lock(ChannelLock());
+    if (gTraceChannels == nullptr || gTraceChannels->empty())
+        return;
+
+    cTime now;
+    now.Now(true);
+    cMsg msg(kMsgChannelTrace);
+    cRecord& r = msg.GetRecord();
+    AppendService(r);
+    r.AppendTextPar("unit", unit != nullptr ? unit->GetObjName() : std::string(), 0);
+    r.AppendTextPar("level", GetTraceLevelTxt(level), 0);
+    r.AppendTimePar("time", now, 0);
+    r.AppendTextPar("txt", text, 0);
+
+    // A send may unregister channels (a failing channel closes) or clear the
+    // list on this thread; walk a copy and skip what is no longer listed.
+    const std::vector<cChannel*> channels(gTraceChannels->begin(), gTraceChannels->end());
+    for (cChannel* ch : channels) {
+        if (gTraceChannels == nullptr)
+            break;
+        if (std::find(gTraceChannels->begin(), gTraceChannels->end(), ch) == gTraceChannels->end())
+            continue;
+        if (hooks::TraceChannelSend != nullptr)
+            hooks::TraceChannelSend(ch, msg);
     }
 }
 
@@ -95,45 +345,24 @@ std::string FormatString(const char* fmt, ...)
     return std::string(buffer);
 }
 
-// Minimal dispatch: the unit's standard-output line. Repeat suppression, the
-// system log, the SCM copy and trace channels are added with the runtime frame.
-static void Dispatch(cUnit* unit, eLEVEL level, const std::string& text)
-{
-    if (unit == nullptr || unit->GetOutput() != OUTPUT_STDOUT)
-        return;
-    cTime now;
-    now.Now(true);
-    std::printf("%s(%i) %-8s|%-13s[%-10s]: %s\n", now.ToString().c_str(), 0, "",
-                unit->GetObjName().c_str(), GetTraceLevelTxt(level), text.c_str());
-    std::fflush(stdout);
-}
-
 void _Trace(cUnit* unit, eLEVEL level, const char* text)
 {
-    Dispatch(unit, level, text ? text : "");
+    Dispatch(unit, level, text ? text : "", cRecord());
 }
 
 void _Trace(cUnit* unit, eLEVEL level, const std::string& text)
 {
-    Dispatch(unit, level, text);
+    Dispatch(unit, level, text, cRecord());
 }
 
 void _Trace(cUnit* unit, eLEVEL level, const cObject& object)
 {
-    Dispatch(unit, level, object.ToString());
+    Dispatch(unit, level, object.ToString(), cRecord());
 }
-
-}  // namespace orvo
-
-// The record overload lives apart from the others: its text is the record's
-// one-line form.
-#include "orvo_record.h"
-
-namespace orvo {
 
 void _Trace(cUnit* unit, eLEVEL level, const cRecord& record)
 {
-    Dispatch(unit, level, record.ToString());
+    Dispatch(unit, level, record.ToString(), record);
 }
 
 }  // namespace orvo

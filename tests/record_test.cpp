@@ -215,9 +215,17 @@ TEST(Record, SetDeleteAndSearch)
     cRecord empty;
     EXPECT_FALSE(empty.DeletePar("x"));
     empty.SetBoolPar("x", true);
+    empty.SetUIntPar("y", 1);
+    EXPECT_EQ(empty.GetParCount(), 2);
+    // A null name: the first element goes, whatever its name; nothing is
+    // appended.
+    empty.SetBoolPar(nullptr, false);
     EXPECT_EQ(empty.GetParCount(), 1);
-    empty.SetBoolPar(nullptr, false);   // no change
-    EXPECT_EQ(empty.GetParCount(), 1);
+    EXPECT_STREQ(empty.GetFirstPar().GetName(), "y");
+    empty.SetTextPar(nullptr, std::string("v"));
+    EXPECT_TRUE(empty.IsEmpty());
+    empty.SetRecordPar(nullptr, cRecord());
+    EXPECT_TRUE(empty.IsEmpty());
 
     // DeletePar(Par): Par then views the element that moved into its place.
     cRecordPar first = r.GetFirstPar();
