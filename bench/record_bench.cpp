@@ -6,9 +6,10 @@
 // 1000 elements (capacity grows in 1024-byte steps).
 //
 // The ratios of the summary printed at the end come from the medians of this
-// one run. `record_bench --loop=<codec>:<count>` runs only the round trip of
-// one codec (orvo, protobuf, msgpack, handwritten) <count> times, without the
-// benchmark framework, as a small driver for callgrind or perf.
+// one run. `record_bench --loop=<codec>[-encode|-decode]:<count>` runs only
+// the round trip (or one half of it) of one codec (orvo, protobuf, msgpack,
+// handwritten) <count> times, without the benchmark framework, as a small
+// driver for callgrind or perf.
 
 #include <benchmark/benchmark.h>
 

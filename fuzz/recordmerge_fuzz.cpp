@@ -20,7 +20,8 @@ volatile size_t gSink;
 
 bool SameBytes(const cRecord& a, const cRecord& b)
 {
-    return a.GetSize() == b.GetSize() && (a.IsEmpty() || std::memcmp(a.GetBuffer(), b.GetBuffer(), a.GetSize()) == 0);
+    return a.GetSize() == b.GetSize() &&
+           (a.IsEmpty() || std::memcmp(a.GetBuffer(), b.GetBuffer(), a.GetSize()) == 0);
 }
 
 // Whether a walk over the elements reaches the record's end.
@@ -38,7 +39,8 @@ void Check(bool ok)
         std::abort();
 }
 
-void ChangeAndSearch(const cRecord& rec, const cRecordPath& path, const cRecord& change, const std::string& name)
+void ChangeAndSearch(const cRecord& rec, const cRecordPath& path, const cRecord& change,
+                     const std::string& name)
 {
     bool changed = false;
     const cRecord out = _ChangeRecord(rec, path, change, name, true, changed, 0);

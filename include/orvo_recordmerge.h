@@ -76,13 +76,14 @@ const unsigned int MaxRecordDepth = 64;
 //     missing record element contains is judged with it, not on its own.
 // So Result keeps Current's order for known names, followed by the missing
 // defaults in Default's order. Bytes at the end of a Current record that do
-// not form an element are dropped and set Changed. Below MaxRecordDepth
-// record elements are copied as they are (no merge, no template removal).
-// Changed is false when nothing of the above happened.
+// not form an element are dropped and set Changed. Record elements nested
+// MaxRecordDepth records deep are copied as they stand (no merge, no
+// template removal). Changed is false when nothing of the above happened.
+// Default, Current and Result may be the same object.
 ORVO_API bool BuildtConfigRecord(cRecord& Default, cRecord& Current, cRecord& Result, bool& Changed);
 
-// _ChangeRecord(Rec, Path, Change, Name, false, Changed, 0)... with a local
-// changed flag: returns the changed copy of Rec (see _ChangeRecord).
+// _ChangeRecord(Rec, Path, Change, Name, Apply, Changed, 0) with a local
+// changed flag: returns the changed copy of Rec.
 ORVO_API cRecord ChangeRecord(cRecord Rec, cRecordPath Path, cRecord Change, std::string Name, bool Apply);
 
 // Changes the child record that Path addresses below Rec, Rec standing at
@@ -133,9 +134,11 @@ ORVO_API cRecord _ChangeRecord(cRecord Rec, cRecordPath Path, cRecord Change, st
 // first candidate that matches). First false: every matching candidate of
 // each level is tried in order, depth first, and the first hit is returned.
 // Returns an invalid view when nothing is found, the position addresses
-// nothing, Rec does not match its own level's filter, or the path goes more
-// than MaxRecordDepth levels deep. The view shares Rec's bytes and stays
-// valid after Rec changes or goes.
+// nothing, Rec does not match its own level's filter, or the record to
+// search lies MaxRecordDepth or more records below Rec. The view shares
+// Rec's bytes and stays valid after Rec changes or goes.
+// cRecord::GetParByPath(Path, Name) is SearchRecordPar(*this, Path, Name,
+// "", nullptr, true).
 ORVO_API cRecordPar SearchRecordPar(cRecord Rec, cRecordPath Path, const char* Name, std::string Level,
                                     const char* Value, bool First);
 

@@ -28,7 +28,14 @@ tCloseSharedCells CloseSharedCells = nullptr;
 namespace {
 
 cRecord* gConfig = nullptr;
-std::string gExeName("unknown");
+
+// Built on first use, so a trace from another file's static initialiser
+// already sees "unknown".
+std::string& ExeName()
+{
+    static std::string name("unknown");
+    return name;
+}
 
 const int kArgFlags = 32;   // marks values from defaults or the command line
 
@@ -168,7 +175,7 @@ void orvoParseArgs(tArg* table, int argc, char** argv)
         table = kEmpty;
 
     if (argc > 0 && argv != nullptr && argv[0] != nullptr)
-        gExeName = ShortExeName(argv[0]);
+        ExeName() = ShortExeName(argv[0]);
 
     if (argc > 1 && argv[1] != nullptr &&
         (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "-?") == 0)) {
@@ -257,7 +264,7 @@ cRecord* GetConfig()
 
 const std::string& GetExeName()
 {
-    return gExeName;
+    return ExeName();
 }
 
 const char* GetOrvoVersion()

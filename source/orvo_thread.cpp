@@ -143,7 +143,7 @@ void cCriticalSection::Leave()
 
 namespace {
 
-void UnlockMutex(void* mutex)
+[[maybe_unused]] void UnlockMutex(void* mutex)
 {
     pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
 }

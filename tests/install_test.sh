@@ -40,7 +40,7 @@ step "pkg-config: $flags"
     || fail "pkg-config build of the consumer"
 LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" || fail "pkg-config consumer run"
 # The program must find the installed library, not the build tree's.
-LD_LIBRARY_PATH="$libdir" ldd "$work/consumer-pc" | grep -q "$libdir/liborvo.so.3" \
+LD_LIBRARY_PATH="$libdir" ldd "$work/consumer-pc" | grep "$libdir/liborvo.so.3" >/dev/null \
     || fail "pkg-config consumer does not load $libdir/liborvo.so.3"
 
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \

@@ -1,0 +1,297 @@
+// orvo_service.h - cService, the select loop of one thread of work: channel
+// descriptors, armed timers, a message queue, a TCP listening socket through
+// which other processes reach the service ("sapSocket") and a loopback UDP
+// socket through which other services of the same process reach it
+// ("internal").
+//
+// A program derives from cService (ThreadMain is pure), calls Init and loops
+//
+//     while (service.GetMessage(msg)) { ... handle msg ... }
+//
+// GetMessage waits in select() for descriptors, timers and signals, answers
+// the library's control messages itself (trace on/off 0x7000/0x7001, snoop
+// on/off 0x7003/0x7004, service information 0x7006 -> 0x7007) and hands every
+// other message to the program. It returns false once the process-wide stop
+// flag is set (SIGINT, SIGTERM, or a handed-out stop message 0x1004, 0x1005,
+// 0x1006) and the queue is empty. Setting the stop flag wakes every service
+// of the process, so all loops end promptly.
+//
+// Messages that name a state machine never enter the queue: OnMsg delivers
+// them at once to the state machine. All others enter the queue (at most
+// 200; the 201st empties the whole queue, with an ERROR trace).
+//
+// Ownership: a service owns its sap and internal sockets. Channels, timers
+// and state machines made by the program stay the program's; they must live
+// until they are unregistered (their destructors do that and purge queued
+// messages that name them). Accepted connections of the sap socket carry the
+// delete-after-close mark; the service deletes such a channel after it
+// handed out the channel's close message 0x4003, at the start of a later
+// GetMessage, never while the loop may still use it.
+//
+// Thread safety: a service is used only by the thread that runs its loop,
+// except SendToInternal, which any thread may call to post into another
+// service (the send path is locked per sending service), and the static
+// stop-flag functions. The snoop list is guarded by one process-wide lock.
+#pragma once
+
+#include <sys/select.h>
+
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "orvo_msg.h"
+#include "orvo_object.h"
+#include "orvo_socketaddr.h"
+#include "orvo_thread.h"
+#include "orvo_time.h"
+#include "orvo_uuid.h"
+
+namespace orvo {
+
+class cChannel;
+class cTimer;
+class cStateMachine;
+class cMsgTcpSocket;
+class cMsgUdpSocket;
+template <class T> class cTcpServer;
+class cService;
+
+// Direction of a snoop report: 1 for messages received (handed out by
+// GetMessage, delivered to a state machine), 0 for messages sent.
+enum eSnoopDir {
+    SNOOP_SEND = 0,
+    SNOOP_RECEIVE = 1
+};
+
+// A signal handler run on a service's loop thread: (service, sig, ctx).
+using tSignalHandler = void (*)(cService* service, int sig, void* ctx);
+
+// The first service that completed Init without being a thread service;
+// null until then and again after it is destroyed.
+ORVO_API extern cService* mMainService;
+
+class ORVO_API cService : public cObject {
+public:
+    // Largest number of select entries and descriptors (FD_SETSIZE).
+    static const int kMaxSelect = FD_SETSIZE;
+
+    // Empty select table, no sockets, no timers, empty queue.
+    cService();
+    cService(const cService&) = delete;
+    cService& operator=(const cService&) = delete;
+
+    // ---- Virtual slots, in this order ----------------------------------
+
+    // DeInit(); forgets the service as main service. Must not be called from
+    // inside the service's own loop.
+    ~cService() override;
+    // "{ name=<name>[, sap_socket=<sap text>], pid=<pid>[, id=<uuid>] }".
+    std::string ToString() const override;
+    // The service's main body; a thread service (cMsgThread) runs it on its
+    // own thread. Plain services may leave it empty.
+    virtual void ThreadMain() = 0;
+    // Names the service, makes it the main service when there is none (and
+    // it is not a thread service), creates a new service id, clears the
+    // select table, opens the sap socket ("sapSocket": a cTcpServer of
+    // message sockets listening on sap; an empty sap means any address with
+    // the configuration's "port", or, for a thread service, a port the
+    // system picks) and the internal socket ("internal": UDP bound to
+    // 127.0.0.1, port picked by the system), and traces the start. Always
+    // true; failures of the sockets are traced.
+    virtual bool Init(const std::string& name, cSocketAddr sap);
+    // Closes and deletes the sap socket and the internal socket, forgets
+    // every armed timer, deletes channels waiting for deferred deletion.
+    // Safe to call twice.
+    virtual void DeInit();
+    // Delivery into the service (channels and timers call it):
+    //  - 0x4002 with a channel: stores "peer-name"/"peer-id" in the channel;
+    //  - 0x3004: replaced by the message in its record;
+    //  - no state machine: queued (front = newest); above 200 queued the
+    //    whole queue is emptied ("cService::m_msgQ overload; msg=..." at
+    //    ERROR);
+    //  - a state machine: snooped, delivered at once to it, then
+    //    PostHdlMessage. A state machine that is not alive (not in the
+    //    handle table) is traced and the message dropped.
+    // Loop thread only.
+    virtual void OnMsg(cMsg& msg);
+    // The library's control messages; returns true when msg was consumed
+    // (0x7000, 0x7001, 0x7003, 0x7004, 0x7006), false otherwise (0x4003 is
+    // handled and still passed on).
+    virtual bool PreDispatchMessage(cMsg& msg);
+
+    // ---- Process-wide set-up ---------------------------------------------
+
+    // Clears the signal table; installs: SIGPIPE ignored; SIGALRM, SIGHUP,
+    // SIGTSTP, SIGTTIN, SIGTTOU print "SignalIgnr sig=%i \n"; SIGTERM and
+    // SIGINT post 0x1005 / 0x1004 to the service whose loop sees them.
+    // Called by orvoInit. Always true.
+    static bool InitGlobal();
+    // sig must lie in 1..65, else -1. An installed handler is not replaced
+    // by another non-null one (-1). A non-null handler catches sig (the
+    // catcher only marks it; the handler runs later on the loop thread that
+    // sees it first); null restores the default action. Returns 0.
+    static int SignalAsyncSelect(int sig, tSignalHandler handler, void* ctx);
+
+    // The process-wide stop flag. Setting it wakes every service's select.
+    // Clearing it is for programs (and tests) that start a new round of
+    // services after a stop.
+    static bool GetStopFlag();
+    static void SetStopFlag(bool on);
+
+    // ---- Select table ------------------------------------------------------
+
+    // Registers (events != 0 and channel != null) or unregisters fd; events
+    // are SELECT_READ | SELECT_WRITE | SELECT_EXCEPT. fd must be >= 0 (the
+    // process aborts: "fd>=0"). A descriptor >= FD_SETSIZE never enters a
+    // descriptor set: a registration of one is refused with an ERROR trace
+    // and the channel is closed (Close()); returns -1 then. Returns -1 when
+    // the table is full, else 1.
+    int ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx);
+    // The same for the channel's own descriptor; nothing (0) when it has
+    // none. Channels call it from UpdateSelect.
+    int ChannelAsyncSelect(cChannel* channel, int events, void* ctx);
+    // The events currently registered for fd (0 when none).
+    int GetSelectEvents(int fd) const;
+
+    // ---- Timers -----------------------------------------------------------
+
+    // ms == 0 removes every entry of timer; otherwise the timer becomes due
+    // at GetMsecClock() + ms and is appended to the list, which stays sorted
+    // by due time (equal due times keep their arming order). An earlier
+    // entry of the same timer is not removed (cTimer::Start unschedules
+    // first).
+    void TimerAsyncSelect(cTimer* timer, unsigned long ms);
+    // Milliseconds until the first timer is due, within 0..60000; 60000
+    // when no timer is armed.
+    unsigned long ScheduleGetIdleTimeMs() const;
+    // Fires every timer due at the current time: removes it from the list,
+    // then calls its OnExec(). Works on a copy of the list, so OnExec may
+    // arm or cancel timers; a timer removed by an earlier OnExec of the
+    // same scan is not fired.
+    void ScanTimers();
+    // Number of armed timer entries.
+    size_t GetTimerCount() const { return m_Timers.size(); }
+
+    // ---- The loop -----------------------------------------------------------
+
+    // One wait: select (or, with no descriptors, a wait of the idle time)
+    // with the nearest timer as time-out, then readiness to channels, due
+    // timers, pending signal handlers; a select error posts 0x1003.
+    void ScheduleSelect();
+    // The next message for the program (true), or false when the process is
+    // stopping and the queue is empty.
+    bool GetMessage(cMsg& msg);
+    // After a message was handed out: a 0x4003 whose channel carries the
+    // delete-after-close mark puts the channel on the deferred-deletion
+    // list.
+    void PostHdlMessage(cMsg& msg);
+    // Drops every queued message whose channel, state machine or timer is
+    // obj (compared by address; these classes have cObject as their first
+    // base). Also forgets the last handed-out message when it names obj.
+    void RemoveMsgsByObject(const cObject* obj);
+    // Number of queued messages.
+    size_t GetQueueSize() const { return m_MsgQ.size(); }
+
+    // ---- Posting between services ---------------------------------------
+
+    // Sends msg from this service's internal socket to target's internal
+    // socket. Any thread may call it (the send is locked). Returns the
+    // send's result (bytes, or negative), 0 when either service has no
+    // internal socket.
+    int SendToInternal(cService* target, cMsg& msg);
+    // Addresses msg to sm and sends it to sm's service as above; 0 and
+    // nothing sent when sm is null (or has no service).
+    int SendToInternal(cStateMachine* sm, cMsg& msg);
+
+    // Waits up to ms for a message of type1, type2 or type3. Messages of
+    // other types are set aside and afterwards put back at the newest end of
+    // the queue, the last one set aside first (they come out after those
+    // still queued, in reverse order of arrival). Returns the message that
+    // ended the wait: one of the three types, 0x2015 on time-out, or an
+    // empty message when the process is stopping.
+    cMsg WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long type2 = 0,
+                     unsigned long type3 = 0);
+    // channel.Send(msg), then WaitSyncMsg.
+    cMsg SendSyncMsg(cChannel& channel, cMsg& msg, unsigned long ms, unsigned long type1,
+                     unsigned long type2 = 0, unsigned long type3 = 0);
+
+    // ---- Accessors ------------------------------------------------------------
+
+    // The sap socket and internal socket (owned; null before Init, after
+    // DeInit, or when they could not be made).
+    cTcpServer<cMsgTcpSocket>* GetSapSocket() const { return m_pSapSocket; }
+    cMsgUdpSocket* GetInternalSocket() const { return m_pInternalSocket; }
+    // Local address of the sap socket / internal socket (0.0.0.0:0 when none).
+    cSocketAddr GetSapAddress() const;
+    cSocketAddr GetInternalAddress() const;
+    // A fresh uuid made by each Init.
+    const cUuid& GetServiceId() const { return m_ServiceId; }
+    bool IsThreadService() const { return m_bThreadService; }
+
+    // With the switch on, every return from select records the wall time.
+    void EnableLastSelectedTimeStamp(bool on) { m_bTimeStamp = on; }
+    cTime GetLastSelectedTimeStamp() const { return m_LastSelected; }
+    // Sets the last hand-out time to now: call it before a long task that
+    // should not be reported as lost time.
+    void TimelostTrigger();
+    // A hand-out that follows the previous one by at least this many
+    // milliseconds traces "hint: time lost (%Li ms) in application" (ALL).
+    long long GetTimelostThreshold() const { return m_TimelostMs; }
+    void SetTimelostThreshold(long long ms) { m_TimelostMs = ms; }
+    unsigned GetQueueLimit() const { return m_QueueLimit; }
+
+protected:
+    // Set by thread services before Init.
+    void SetThreadService(bool on) { m_bThreadService = on; }
+
+private:
+    struct sSelectEntry {
+        int fd;                  // the descriptor
+        cChannel* channel;       // null: free entry
+        void* ctx;               // caller's context
+    };
+    struct sTimerEntry {
+        cTimer* timer;           // not owned
+        uint64_t due;            // GetMsecClock() value
+    };
+
+    void ClearSelectTable();
+    void UnregisterAll();
+    void RunDeferredDeletion();
+    void CloseSockets();
+
+    // Select table: count of used entries (never decreases), the highest
+    // descriptor ever registered, the three sets and the entries.
+    int m_SelectCount;
+    int m_SelectHighest;
+    fd_set m_ReadSet;
+    fd_set m_WriteSet;
+    fd_set m_ExceptSet;
+    sSelectEntry m_Select[kMaxSelect];
+
+    std::deque<cMsg> m_MsgQ;                 // front = newest, back = oldest
+    std::vector<sTimerEntry> m_Timers;       // sorted by due time
+    cTcpServer<cMsgTcpSocket>* m_pSapSocket; // owned
+    cUuid m_ServiceId;
+    cMsg m_LastMsg;                          // last message handed out
+    bool m_bTimeStamp;
+    cTime m_LastSelected;
+    long long m_LastHandOut;                 // GetMsecClock(); 0 = none yet
+    cMsgUdpSocket* m_pInternalSocket;        // owned
+    bool m_bThreadService;
+    long long m_TimelostMs;                  // 8000
+    unsigned m_QueueLimit;                   // 200
+    cCriticalSection* m_pSendLock;           // owned; guards internal sends
+    std::vector<cObject*> m_Deferred;        // deleted at the next GetMessage
+};
+
+// Sends a snoop report (0x7005) about msg to every channel of the snoop list:
+// "name", "service-id", "dir", "peer-name" (+ "peer-id"), "time",
+// "msg-type", "msg-record", "msg-tid". Nothing when the list is empty or msg
+// is of type 0x7002, 0x10190, 0x3002, 0x3001 or 0x7005. Any thread.
+ORVO_API void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir);
+
+}  // namespace orvo
