@@ -84,7 +84,7 @@ fuzz-build:
 fuzz: fuzz-build
 	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
 
-bench:
+bench: deps
 	$(CMAKE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release \
 	    -DORVO_BUILD_BENCH=ON -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
 	$(CMAKE) --build $(BENCH_DIR) -j$(JOBS)

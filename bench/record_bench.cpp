@@ -36,7 +36,9 @@ using orvo::cRecordPar;
 // Allocation counter: every operator new of the process (liborvo's and the
 // peers' included) bumps it, so the summary can say how many heap
 // allocations one round trip makes. The count costs one add per allocation,
-// the same for every codec.
+// the same for every codec. The replacements are kept out of line so that
+// every new and delete goes through them (and memory checkers see matching
+// pairs).
 
 namespace {
 unsigned long long gAllocations = 0;
@@ -48,26 +50,28 @@ void* CountedAlloc(std::size_t n)
 }
 }  // namespace
 
-void* operator new(std::size_t n)
+#define ORVO_BENCH_NOINLINE __attribute__((noinline))
+
+ORVO_BENCH_NOINLINE void* operator new(std::size_t n)
 {
     if (void* p = CountedAlloc(n))
         return p;
     throw std::bad_alloc();
 }
-void* operator new[](std::size_t n)
+ORVO_BENCH_NOINLINE void* operator new[](std::size_t n)
 {
     if (void* p = CountedAlloc(n))
         return p;
     throw std::bad_alloc();
 }
-void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
-void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
+ORVO_BENCH_NOINLINE void* operator new(std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
+ORVO_BENCH_NOINLINE void* operator new[](std::size_t n, const std::nothrow_t&) noexcept { return CountedAlloc(n); }
+ORVO_BENCH_NOINLINE void operator delete(void* p) noexcept { std::free(p); }
+ORVO_BENCH_NOINLINE void operator delete[](void* p) noexcept { std::free(p); }
+ORVO_BENCH_NOINLINE void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+ORVO_BENCH_NOINLINE void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+ORVO_BENCH_NOINLINE void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
+ORVO_BENCH_NOINLINE void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
 namespace {
 
@@ -949,10 +953,10 @@ void PrintSummary(const cCaptureReporter& rep)
 
 // --loop=<codec>[-encode|-decode]:<count>: the round trip (or one half of
 // it) alone, for profilers.
-int RunLoop(const char* spec)
+int RunLoop(const char* choice)
 {
-    const char* colon = std::strchr(spec, ':');
-    std::string codec = colon != nullptr ? std::string(spec, colon) : std::string(spec);
+    const char* colon = std::strchr(choice, ':');
+    std::string codec = colon != nullptr ? std::string(choice, colon) : std::string(choice);
     const long count = colon != nullptr ? std::atol(colon + 1) : 100000;
     bool encode = true;
     bool decode = true;
@@ -1009,7 +1013,7 @@ int RunLoop(const char* spec)
         }
         sink += v.id + v.sec + static_cast<unsigned char>(wire.empty() ? 0 : wire[0]);
     }
-    std::printf("%s: %ld loops (check %llu)\n", spec, count, sink);
+    std::printf("%s: %ld loops (check %llu)\n", choice, count, sink);
     return 0;
 }
 
