@@ -19,3 +19,8 @@
 #include "orvo_thread.h"
 #include "orvo_bytebuffer.h"
 #include "orvo_recordmerge.h"
+#include "orvo_channel.h"
+#include "orvo_socket.h"
+#include "orvo_msgsocket.h"
+#include "orvo_service.h"
+#include "orvo_msgthread.h"

@@ -19,6 +19,9 @@
 // construction (HandleCreate(this, HANDLE_CHANNEL)) and gives it back at
 // destruction, so messages can name it across records and sockets.
 //
+// Lifetime: the service must outlive its channels (a channel's destructor
+// purges the service's queue and select table of itself).
+//
 // Thread safety: a channel belongs to the thread that runs its service's
 // loop; every member is called on that thread. Nothing here locks.
 //

@@ -23,16 +23,50 @@
 
 #include "orvo_object.h"
 
+// Internal members of the record family's exported classes: not exported,
+// so that the library's own calls to them are direct and can be inlined.
+#ifndef ORVO_RECORD_INTERNAL
+#define ORVO_RECORD_INTERNAL __attribute__((visibility("hidden")))
+#endif
+
 namespace orvo {
 
-class cMemBufferData;   // the shared block; private to the implementation
+// The shared block: header and bytes in one allocation. Internal; declared
+// here only so that sharing and releasing a block can be inlined.
+class ORVO_API cMemBufferData {
+public:
+    // A block of Size bytes (not initialised) with count 1.
+    static cMemBufferData* New(int Size);
+    void AddRef() { ++m_RefCount; }
+    // Frees the block when the last holder lets go.
+    void Release()
+    {
+        if (--m_RefCount == 0)
+            Free();
+    }
+
+    int m_Size;         // capacity in bytes
+    int m_RefCount;     // views pointing here
+    // The m_Size bytes right behind this header. The header is kept at 8
+    // bytes so that a 1024-byte block plus header (1032 bytes) still fits
+    // the allocator's per-thread cache.
+    char* Bytes() { return reinterpret_cast<char*>(this + 1); }
+
+private:
+    void Free();
+};
 
 class ORVO_API cMemBuffer {
 public:
     // Empty buffer: no block, offset 0, size 0.
-    cMemBuffer();
+    cMemBuffer() : m_pData(nullptr), m_Offset(0), m_Size(0) {}
     // Shares Other's block (count + 1) with the same offset and size.
-    cMemBuffer(const cMemBuffer& Other);
+    cMemBuffer(const cMemBuffer& Other)
+        : m_pData(Other.m_pData), m_Offset(Other.m_Offset), m_Size(Other.m_Size)
+    {
+        if (m_pData != nullptr)
+            m_pData->AddRef();
+    }
     // Sub-view: shares Buf's block, offset Buf's offset + Offs, size Size.
     // A view of length 0 onto a block is accepted here (and only here); such
     // a view must not be assigned with operator=/Create(const cMemBuffer&),
@@ -40,7 +74,11 @@ public:
     cMemBuffer(const cMemBuffer& Buf, int Offs, int Size);
     // Starts empty, then Create(p, Size, NewSize).
     cMemBuffer(const void* p, int Size, int NewSize = -1);
-    ~cMemBuffer();
+    ~cMemBuffer()
+    {
+        if (m_pData != nullptr)
+            m_pData->Release();
+    }
 
     // Same as Create(Other).
     cMemBuffer& operator=(const cMemBuffer& Other);
@@ -69,15 +107,38 @@ public:
     int GetBufferSize() const { return m_Size; }
     // First byte of the view, or null when no block is held. Valid while this
     // buffer (or another view of the same block) holds the block.
-    char* GetBuffer() const;
+    char* GetBuffer() const { return m_pData != nullptr ? m_pData->Bytes() + m_Offset : nullptr; }
     // Capacity of the held block (0 when empty) and the number of views that
     // share it (0 when empty); for diagnostics and tests.
     int GetCapacity() const;
+    // Whether this buffer is its block's only holder and views all of the
+    // block's Size bytes from its start: SetBufferSize(Size) would then
+    // change nothing.
+    bool IsPrivateWhole(int Size) const
+    {
+        return m_pData != nullptr && m_pData->m_RefCount == 1 && m_pData->m_Size == Size &&
+               m_Offset == 0 && m_Size == Size;
+    }
+    // Create(Buf) for a Buf known to satisfy the block invariant (e.g. a
+    // record's own buffer): shares block, offset and size without checks.
+    void Share(const cMemBuffer& Buf)
+    {
+        if (Buf.m_pData != m_pData) {
+            cMemBufferData* pOld = m_pData;
+            m_pData = Buf.m_pData;
+            if (m_pData != nullptr)
+                m_pData->AddRef();
+            if (pOld != nullptr)
+                pOld->Release();
+        }
+        m_Offset = Buf.m_Offset;
+        m_Size = Buf.m_Size;
+    }
     int GetRefCount() const;
 
 private:
-    void Release();
-    void CheckStrong() const;
+    ORVO_RECORD_INTERNAL void Release();
+    ORVO_RECORD_INTERNAL void CheckStrong() const;
 
     cMemBufferData* m_pData;   // shared block, or null
     int m_Offset;              // start of the view inside the block

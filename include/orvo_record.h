@@ -40,6 +40,7 @@ class cObis;
 class cRecord;
 class cRecordList;
 class cRecordPath;
+namespace recordcodec { struct tElement; }
 
 // Value types (low nibble of the type word).
 enum eRecordType {
@@ -114,10 +115,16 @@ private:
 // the next GetText/GetLink call on the same view.
 class ORVO_API cRecordPar : public cObject {
 public:
-    cRecordPar();                                  // invalid view
+    // Invalid view.
+    cRecordPar()
+        : m_pIRec(nullptr), m_pElement(nullptr), m_pName(nullptr), m_pValue(nullptr),
+          m_ValueSize(0), m_Type(0)
+    {
+        m_Text[0] = 0;
+    }
     cRecordPar(const cRecordPar& Other);           // shares the block
     cRecordPar& operator=(const cRecordPar& Other);
-    ~cRecordPar() override;
+    ~cRecordPar() override {}
 
     // Views the element starting at p. When p lies in [start, end) of pIRec
     // and the element's bytes lie inside the record, the view shares pIRec's
@@ -213,6 +220,11 @@ public:
     // Internal: one past the element's last byte; null when invalid.
     const char* GetElementEnd() const { return m_pValue != nullptr ? m_pValue + m_ValueSize : nullptr; }
 
+    // Library-internal (not exported): Set for an element that a search of
+    // pIRec has already decoded and checked against its bytes.
+    ORVO_RECORD_INTERNAL int SetDecoded(const cRecord* pIRec, const char* p,
+                                        const recordcodec::tElement& e);
+
 private:
     void Invalidate();
     const char* BoundedText() const;
@@ -231,7 +243,7 @@ private:
 // [GetBuffer(), GetBuffer() + GetSize()).
 class ORVO_API cRecord : public cObject {
 public:
-    cRecord();
+    cRecord() : m_pEnd(nullptr), m_pBuffer(nullptr) {}
     // Private copy of Size bytes (capacity exactly Size). Null p or Size <= 0
     // give an empty record.
     cRecord(const void* p, int Size);
@@ -239,7 +251,7 @@ public:
     cRecord(const cMemBuffer& Buf, int Offs, int Size);
     cRecord(const cRecord& Other);                 // shares the block
     cRecord& operator=(const cRecord& Other);      // shares the block
-    ~cRecord() override;
+    ~cRecord() override {}
 
     // Empty record (no block).
     void Create();
@@ -366,12 +378,16 @@ public:
 private:
     friend class cRecordPar;
 
+    // CheckSize's work, callable inline from the appends.
+    ORVO_RECORD_INTERNAL void Reserve(int Size);
     // Writes one element: type word, varint(length), name NUL, then the
     // value pieces v1 and v2 (either may be null/0).
-    void AppendElement(uint32_t TypeWord, const char* Name, const void* v1, int n1,
-                       const void* v2 = nullptr, int n2 = 0);
-    // The first match at or behind p; null when none.
-    const char* Find(const char* p, const char* Name, int Type, int Sel) const;
+    ORVO_RECORD_INTERNAL void AppendElement(uint32_t TypeWord, const char* Name, const void* v1,
+                                            int n1, const void* v2 = nullptr, int n2 = 0);
+    // The first match at or behind p; null when none. When pFound is given
+    // it receives the decoded match.
+    ORVO_RECORD_INTERNAL const char* Find(const char* p, const char* Name, int Type, int Sel,
+                                          recordcodec::tElement* pFound = nullptr) const;
     void AppendIndented(std::string& Out, unsigned int Level, unsigned int MaxLevel) const;
 
     cMemBuffer m_Buffer;   // storage; its size is the capacity

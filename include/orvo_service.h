@@ -39,6 +39,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -155,6 +156,9 @@ public:
     int ChannelAsyncSelect(cChannel* channel, int events, void* ctx);
     // The events currently registered for fd (0 when none).
     int GetSelectEvents(int fd) const;
+    // Drops every entry that names channel, whatever its descriptor; a
+    // channel's destructor calls it so the loop never sees it again.
+    void ForgetChannel(cChannel* channel);
 
     // ---- Timers -----------------------------------------------------------
 
@@ -252,12 +256,15 @@ private:
         int fd;                  // the descriptor
         cChannel* channel;       // null: free entry
         void* ctx;               // caller's context
+        uint32_t seq;            // registration number (see ScheduleSelect)
     };
     struct sTimerEntry {
-        cTimer* timer;           // not owned
+        cTimer* timer;           // not owned; null for a WaitSyncMsg time-out
         uint64_t due;            // GetMsecClock() value
+        uint32_t wait;           // non-zero: the WaitSyncMsg time-out of that number
     };
 
+    void AddTimerEntry(const sTimerEntry& entry);
     void ClearSelectTable();
     void UnregisterAll();
     void RunDeferredDeletion();
@@ -286,6 +293,12 @@ private:
     unsigned m_QueueLimit;                   // 200
     cCriticalSection* m_pSendLock;           // owned; guards internal sends
     std::vector<cObject*> m_Deferred;        // deleted at the next GetMessage
+    // Guards the select table: the loop thread copies the sets while an
+    // internal send from another thread may update its socket's entry.
+    mutable std::mutex m_TableLock;
+    uint32_t m_SelectSeq;                    // last registration number given
+    uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
+    std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
 };
 
 // Sends a snoop report (0x7005) about msg to every channel of the snoop list:

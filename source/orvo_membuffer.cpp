@@ -2,46 +2,24 @@
 #include "orvo_membuffer.h"
 
 #include <cstring>
+#include <new>
 
 namespace orvo {
 
-// The shared block. Its count is a plain int: buffers are single-thread
-// objects.
-class cMemBufferData {
-public:
-    explicit cMemBufferData(int Size) : m_Size(Size), m_RefCount(1), m_pBuffer(nullptr)
-    {
-        if (Size > 0)
-            m_pBuffer = new char[Size];
-    }
-
-    void AddRef() { ++m_RefCount; }
-
-    // Frees the bytes, then the block, when the last holder lets go.
-    void Release()
-    {
-        if (--m_RefCount == 0) {
-            delete[] m_pBuffer;
-            m_pBuffer = nullptr;
-            delete this;
-        }
-    }
-
-    int m_Size;         // capacity in bytes
-    int m_RefCount;     // views pointing here
-    char* m_pBuffer;    // m_Size bytes, null when m_Size <= 0
-
-private:
-    ~cMemBufferData() = default;
-};
-
-cMemBuffer::cMemBuffer() : m_pData(nullptr), m_Offset(0), m_Size(0) {}
-
-cMemBuffer::cMemBuffer(const cMemBuffer& Other)
-    : m_pData(Other.m_pData), m_Offset(Other.m_Offset), m_Size(Other.m_Size)
+cMemBufferData* cMemBufferData::New(int Size)
 {
-    if (m_pData != nullptr)
-        m_pData->AddRef();
+    // One allocation for header and bytes: a record costs one malloc, not two.
+    void* raw = ::operator new(sizeof(cMemBufferData) + (Size > 0 ? static_cast<size_t>(Size) : 0));
+    cMemBufferData* d = static_cast<cMemBufferData*>(raw);
+    d->m_Size = Size;
+    d->m_RefCount = 1;
+    static_assert(sizeof(cMemBufferData) == 8, "block header grew");
+    return d;
+}
+
+void cMemBufferData::Free()
+{
+    ::operator delete(static_cast<void*>(this));
 }
 
 cMemBuffer::cMemBuffer(const cMemBuffer& Buf, int Offs, int Size)
@@ -58,11 +36,6 @@ cMemBuffer::cMemBuffer(const void* p, int Size, int NewSize)
     : m_pData(nullptr), m_Offset(0), m_Size(0)
 {
     Create(p, Size, NewSize);
-}
-
-cMemBuffer::~cMemBuffer()
-{
-    Release();
 }
 
 cMemBuffer& cMemBuffer::operator=(const cMemBuffer& Other)
@@ -82,11 +55,6 @@ void cMemBuffer::Release()
 void cMemBuffer::CheckStrong() const
 {
     ORVO_ASSERT((m_pData==0 && m_Size==0) || (m_pData!=0 && m_Size>0 && m_Offset+m_Size<=m_pData->m_Size));
-}
-
-char* cMemBuffer::GetBuffer() const
-{
-    return m_pData != nullptr ? m_pData->m_pBuffer + m_Offset : nullptr;
 }
 
 int cMemBuffer::GetCapacity() const
@@ -164,7 +132,7 @@ char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
     // capacity. The capacity decides, not the view, so a view at an offset
     // is moved down to the block's start.
     if (m_pData != nullptr && m_pData->m_RefCount == 1 && m_pData->m_Size == NewSize) {
-        char* pStart = m_pData->m_pBuffer;
+        char* pStart = m_pData->Bytes();
         if (pSrc != nullptr && Size > 0 && pSrc != pStart)
             std::memmove(pStart, pSrc, Size);
         else if (pSrc == nullptr)
@@ -178,18 +146,18 @@ char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
 
     // A new block; pSrc may lie in the old one, so the old block is released
     // only after the copy.
-    cMemBufferData* pNew = new cMemBufferData(NewSize);
+    cMemBufferData* pNew = cMemBufferData::New(NewSize);
     if (pSrc != nullptr && Size > 0)
-        std::memcpy(pNew->m_pBuffer, pSrc, Size);
+        std::memcpy(pNew->Bytes(), pSrc, Size);
     else
         Size = 0;
-    std::memset(pNew->m_pBuffer + Size, 0, NewSize - Size);
+    std::memset(pNew->Bytes() + Size, 0, NewSize - Size);
     Release();
     m_pData = pNew;
     m_Offset = 0;
     m_Size = NewSize;
     CheckStrong();
-    return m_pData->m_pBuffer;
+    return m_pData->Bytes();
 }
 
 char* cMemBuffer::SetBufferSize(int Size)

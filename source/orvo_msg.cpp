@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "orvo_channel.h"
 #include "orvo_handle.h"
 #include "orvo_msg_hooks.h"
 #include "orvo_trace.h"
@@ -11,7 +12,6 @@
 namespace orvo {
 
 namespace msghooks {
-std::string (*ChannelText)(const cChannel* channel) = nullptr;
 std::string (*TimerText)(const cTimer* timer) = nullptr;
 }  // namespace msghooks
 
@@ -286,9 +286,12 @@ std::string cMsg::ToString() const
         s += ", record=";
         s += m_Record.ToString();
     }
-    if (m_pChannel != nullptr && msghooks::ChannelText != nullptr) {
+    // A message may outlive its channel (a copy kept after the channel was
+    // deleted): only a channel that is still in the handle table is printed.
+    if (m_pChannel != nullptr &&
+        HandleResolve(HandleOf(m_pChannel), HANDLE_CHANNEL) == static_cast<void*>(m_pChannel)) {
         s += ", channel={";
-        s += msghooks::ChannelText(m_pChannel);
+        s += m_pChannel->ToString();
         s += "}";
     }
     if (m_pTimer != nullptr && msghooks::TimerText != nullptr) {

@@ -118,6 +118,16 @@ using namespace recordcodec;
 
 namespace {
 
+// Type words, lengths and small numbers take one byte.
+inline const char* Varint32(const char* p, const char* end, uint32_t& v)
+{
+    if (p < end && (static_cast<unsigned char>(*p) & 0x80) == 0) {
+        v = static_cast<unsigned char>(*p);
+        return p + 1;
+    }
+    return GetVarint32(p, end, v);
+}
+
 // Ordered pointer tests without comparing unrelated pointers directly.
 inline bool InRange(const void* p, const void* lo, const void* hi)
 {
@@ -217,13 +227,6 @@ cRecordString& cRecordString::operator+=(const char* Text)
 // ---------------------------------------------------------------------------
 // cRecordPar
 
-cRecordPar::cRecordPar()
-    : m_pIRec(nullptr), m_pElement(nullptr), m_pName(nullptr), m_pValue(nullptr),
-      m_ValueSize(0), m_Type(0)
-{
-    m_Text[0] = 0;
-}
-
 cRecordPar::cRecordPar(const cRecordPar& Other)
     : cObject(Other), m_Buffer(Other.m_Buffer), m_pIRec(Other.m_pIRec),
       m_pElement(Other.m_pElement), m_pName(Other.m_pName), m_pValue(Other.m_pValue),
@@ -248,8 +251,6 @@ cRecordPar& cRecordPar::operator=(const cRecordPar& Other)
     return *this;
 }
 
-cRecordPar::~cRecordPar() = default;
-
 void cRecordPar::Invalidate()
 {
     m_Text[0] = 0;
@@ -260,6 +261,23 @@ void cRecordPar::Invalidate()
     m_pValue = nullptr;
     m_ValueSize = 0;
     m_Type = 0;
+}
+
+int cRecordPar::SetDecoded(const cRecord* pIRec, const char* p, const tElement& e)
+{
+    // The record's own buffer satisfies the block invariant already, so it
+    // is shared without Create's checks.
+    m_Buffer.Share(pIRec->m_Buffer);
+    const char* Buffer = m_Buffer.GetBuffer();
+    ORVO_ASSERT(Buffer==pIRec->m_pBuffer);
+    m_pIRec = pIRec;
+    m_Text[0] = 0;
+    m_pElement = p;
+    m_pName = e.name;
+    m_pValue = e.value;
+    m_ValueSize = static_cast<int32_t>(e.valueSize);
+    m_Type = e.type;
+    return static_cast<int>(e.value - e.name);
 }
 
 int cRecordPar::Set(const cRecord* pIRec, char* p)
@@ -363,7 +381,9 @@ bool cRecordPar::operator==(const cRecordPar& Other) const
 // elements must not make readers run past the record).
 const char* cRecordPar::BoundedText() const
 {
-    if (m_ValueSize > 0 && std::memchr(m_pValue, 0, m_ValueSize) != nullptr)
+    // A well-formed text ends with its NUL; otherwise look for an earlier one.
+    if (m_ValueSize > 0 &&
+        (m_pValue[m_ValueSize - 1] == 0 || std::memchr(m_pValue, 0, m_ValueSize) != nullptr))
         return m_pValue;
     const size_t n = m_ValueSize < static_cast<int32_t>(sizeof m_Text) - 1
                          ? static_cast<size_t>(m_ValueSize) : sizeof m_Text - 1;
@@ -385,7 +405,7 @@ unsigned int cRecordPar::GetUInt() const
     const uint32_t type = m_Type & 0x0F;
     if (type == RECORD_SINT || type == RECORD_UINT) {
         uint32_t v = 0;
-        if (GetVarint32(m_pValue, m_pValue + m_ValueSize, v) == nullptr)
+        if (Varint32(m_pValue, m_pValue + m_ValueSize, v) == nullptr)
             return 0;
         return v;
     }
@@ -408,8 +428,11 @@ unsigned long long cRecordPar::GetUInt64() const
         return 0;
     const uint32_t type = m_Type & 0x0F;
     if (type == RECORD_SINT64 || type == RECORD_UINT64) {
+        const char* end = m_pValue + m_ValueSize;
+        if (m_pValue < end && (static_cast<unsigned char>(*m_pValue) & 0x80) == 0)
+            return static_cast<unsigned char>(*m_pValue);
         uint64_t v = 0;
-        if (GetVarint64(m_pValue, m_pValue + m_ValueSize, v) == nullptr)
+        if (GetVarint64(m_pValue, end, v) == nullptr)
             return 0;
         return v;
     }
@@ -573,8 +596,6 @@ const char* cRecordPar::GetText() const
 // ---------------------------------------------------------------------------
 // cRecord
 
-cRecord::cRecord() : m_pEnd(nullptr), m_pBuffer(nullptr) {}
-
 cRecord::cRecord(const void* p, int Size) : m_pEnd(nullptr), m_pBuffer(nullptr)
 {
     Create(p, Size);
@@ -600,8 +621,6 @@ cRecord& cRecord::operator=(const cRecord& Other)
     m_pBuffer = Other.m_pBuffer;
     return *this;
 }
-
-cRecord::~cRecord() = default;
 
 void cRecord::Create()
 {
@@ -638,16 +657,78 @@ void cRecord::Create(const cMemBuffer& Buf, int Offs, int Size)
 
 void cRecord::CheckSize(int Size)
 {
+    Reserve(Size);
+}
+
+inline void cRecord::Reserve(int Size)
+{
     const long long OldSize = GetSize();
     ORVO_ASSERT(OldSize>=0);
     ORVO_ASSERT(OldSize+Size>0);
     const long long capacity = (OldSize + Size + 1024) & ~1023LL;
     ORVO_ASSERT(capacity <= INT_MAX);
+    // Already private with exactly this capacity (the common append): a
+    // resize would keep block, offset and bytes as they are.
+    if (m_Buffer.IsPrivateWhole(static_cast<int>(capacity)))
+        return;
     m_Buffer.SetBufferSize(static_cast<int>(capacity));
     m_pBuffer = m_Buffer.GetBuffer();
     m_pEnd = m_pBuffer + OldSize;
     ORVO_ASSERT(m_pBuffer>(char*)1000);
 }
+
+namespace {
+
+// Copies n bytes; names and small values without a library call. Overlapping
+// fixed-size moves never read or write outside [s, s + n) and [d, d + n).
+inline void CopyBytes(char* d, const void* src, size_t n)
+{
+    const char* s = static_cast<const char*>(src);
+    if (n >= 8 && n <= 16) {
+        uint64_t a;
+        uint64_t b;
+        std::memcpy(&a, s, 8);
+        std::memcpy(&b, s + n - 8, 8);
+        std::memcpy(d, &a, 8);
+        std::memcpy(d + n - 8, &b, 8);
+    } else if (n >= 4 && n < 8) {
+        uint32_t a;
+        uint32_t b;
+        std::memcpy(&a, s, 4);
+        std::memcpy(&b, s + n - 4, 4);
+        std::memcpy(d, &a, 4);
+        std::memcpy(d + n - 4, &b, 4);
+    } else if (n > 0 && n < 4) {
+        d[0] = s[0];
+        d[n / 2] = s[n / 2];
+        d[n - 1] = s[n - 1];
+    } else if (n > 16) {
+        std::memcpy(d, s, n);
+    }
+}
+
+// Writes an element at p: type word, length, name (nameSize bytes with its
+// NUL), then the value pieces. Returns the byte behind it.
+inline char* PutElement(char* p, uint32_t TypeWord, uint32_t length, const char* Name,
+                        size_t nameSize, const void* v1, size_t n1, const void* v2, size_t n2)
+{
+    if (TypeWord < 0x80 && length < 0x80) {
+        p[0] = static_cast<char>(TypeWord);
+        p[1] = static_cast<char>(length);
+        p += 2;
+    } else {
+        p = PutVarint(p, TypeWord);
+        p = PutVarint(p, length);
+    }
+    CopyBytes(p, Name, nameSize);
+    p += nameSize;
+    CopyBytes(p, v1, n1);
+    p += n1;
+    CopyBytes(p, v2, n2);
+    return p + n2;
+}
+
+}  // namespace
 
 void cRecord::AppendElement(uint32_t TypeWord, const char* Name, const void* v1, int n1,
                             const void* v2, int n2)
@@ -661,29 +742,26 @@ void cRecord::AppendElement(uint32_t TypeWord, const char* Name, const void* v1,
     const size_t nameSize = std::strlen(Name) + 1;
     const long long length = static_cast<long long>(nameSize) + n1 + n2;
     ORVO_ASSERT(length + 20 <= INT_MAX);
+    const int Size = static_cast<int>(length) + 20;
 
-    // A source inside our own bytes would be freed by a reallocation.
-    cMemBuffer keep;
+    // A source inside our own bytes would be freed by a reallocation; that
+    // can only happen when the block is not already ours with the capacity
+    // needed.
     const char* lo = m_Buffer.GetBuffer();
-    const char* hi = lo != nullptr ? lo + m_Buffer.GetBufferSize() : nullptr;
-    if (InRange(Name, lo, hi) || InRange(v1, lo, hi) || InRange(v2, lo, hi))
-        keep = m_Buffer;
-
-    CheckSize(static_cast<int>(length) + 20);
-    char* p = m_pEnd;
-    p = PutVarint(p, TypeWord);
-    p = PutVarint(p, static_cast<uint64_t>(length));
-    std::memcpy(p, Name, nameSize);
-    p += nameSize;
-    if (n1 > 0) {
-        std::memcpy(p, v1, n1);
-        p += n1;
+    if (lo != nullptr &&
+        !m_Buffer.IsPrivateWhole(static_cast<int>((GetSize() + static_cast<long long>(Size) + 1024) & ~1023LL))) {
+        const char* hi = lo + m_Buffer.GetBufferSize();
+        if (InRange(Name, lo, hi) || InRange(v1, lo, hi) || InRange(v2, lo, hi)) {
+            const cMemBuffer keep(m_Buffer);
+            Reserve(Size);
+            m_pEnd = PutElement(m_pEnd, TypeWord, static_cast<uint32_t>(length), Name, nameSize,
+                                v1, static_cast<size_t>(n1), v2, static_cast<size_t>(n2));
+            return;
+        }
     }
-    if (n2 > 0) {
-        std::memcpy(p, v2, n2);
-        p += n2;
-    }
-    m_pEnd = p;
+    Reserve(Size);
+    m_pEnd = PutElement(m_pEnd, TypeWord, static_cast<uint32_t>(length), Name, nameSize,
+                        v1, static_cast<size_t>(n1), v2, static_cast<size_t>(n2));
 }
 
 namespace {
@@ -893,27 +971,139 @@ void cRecord::SetObisPar(const char* Name, const cObis& Value, int Flags)
     AppendObisPar(Name, Value, Flags);
 }
 
-const char* cRecord::Find(const char* p, const char* Name, int Type, int Sel) const
+namespace {
+
+// Eight bytes at p as a little-endian word (p may be unaligned).
+inline uint64_t Load64(const char* p)
 {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    uint64_t w;
+    std::memcpy(&w, p, sizeof w);
+    return w;
+#else
+    uint64_t w = 0;
+    for (int i = 7; i >= 0; --i)
+        w = (w << 8) | static_cast<unsigned char>(p[i]);
+    return w;
+#endif
+}
+
+// Bit 7 of every byte of w that is 0; the lowest such bit marks the first
+// zero byte exactly (bits above it may be false hits).
+inline uint64_t ZeroBytes(uint64_t w)
+{
+    return (w - 0x0101010101010101ULL) & ~w & 0x8080808080808080ULL;
+}
+
+// The name searched for, prepared once per search. A name of up to seven
+// characters is compared together with its NUL as one word.
+struct tKey {
+    explicit tKey(const char* Name) : name(Name)
+    {
+        if (Name == nullptr) {
+            shortName = true;   // bytes 0: every name matches
+            return;
+        }
+        while (size < 8 && Name[size] != 0) {
+            word |= static_cast<uint64_t>(static_cast<unsigned char>(Name[size])) << (8 * size);
+            ++size;
+        }
+        if (size < 8) {
+            shortName = true;
+            bytes = ~0ULL >> (56 - 8 * size);   // the name and its NUL
+        } else {
+            size += std::strlen(Name + 8);
+        }
+    }
+    // Whether the element name at q with its NUL at nul is this name.
+    bool Matches(const char* q, const char* nul) const
+    {
+        return name == nullptr ||
+               (static_cast<size_t>(nul - q) == size && std::memcmp(q, name, size) == 0);
+    }
+    const char* name;       // null: any name
+    size_t size = 0;        // characters before the NUL
+    bool shortName = false; // compared by word and bytes below
+    uint64_t word = 0;      // the name's bytes, then zero
+    uint64_t bytes = 0;     // mask of the name's bytes and its NUL
+};
+
+}  // namespace
+
+const char* cRecord::Find(const char* p, const char* Name, int Type, int Sel, tElement* pFound) const
+{
+    if (p == nullptr)
+        return nullptr;
     const uint32_t mask = SelMask(Sel);
-    while (p != nullptr && p < m_pEnd) {
-        tElement e;
-        if (!DecodeElement(p, m_pEnd, e))
+    const uint32_t want = static_cast<uint32_t>(Type);
+    const char* const end = m_pEnd;
+    const tKey key(Name);
+    const uint64_t keyWord = key.word;
+    const uint64_t keyBytes = key.bytes;
+    uint32_t type = 0;
+    uint32_t length = 0;
+    const char* q = nullptr;
+    const char* nul = nullptr;
+    while (p < end) {
+        // The common case: one-byte type word and length, a name of up to
+        // seven characters and eight bytes to look at behind the length.
+        // The name's NUL must lie inside the element, or the walk ends here.
+        if (key.shortName) {
+            while (end - p >= 10) {
+                type = static_cast<unsigned char>(p[0]);
+                length = static_cast<unsigned char>(p[1]);
+                if (((type | length) & 0x80) != 0)
+                    break;
+                q = p + 2;
+                if (static_cast<uintptr_t>(end - q) < length)
+                    return nullptr;
+                const uint64_t w = Load64(q);
+                const uint64_t z = ZeroBytes(w);
+                if (z == 0)
+                    break;
+                const uint32_t at = static_cast<uint32_t>(__builtin_ctzll(z)) >> 3;
+                if (at >= length)
+                    return nullptr;
+                // Same bytes up to and including the NUL: the same name.
+                if (((w ^ keyWord) & keyBytes) == 0 && (type & mask) == want) {
+                    nul = q + at;
+                    goto found;
+                }
+                p = q + length;
+            }
+            if (p >= end)
+                break;
+        }
+        q = Varint32(p, end, type);
+        if (q == nullptr || (q = Varint32(q, end, length)) == nullptr ||
+            static_cast<uintptr_t>(end - q) < length)
             return nullptr;
-        if ((e.type & mask) == static_cast<uint32_t>(Type) &&
-            (Name == nullptr || std::strcmp(e.name, Name) == 0))
-            return p;
-        p = e.next;
+        if ((nul = static_cast<const char*>(std::memchr(q, 0, length))) == nullptr)
+            return nullptr;
+        if (key.Matches(q, nul) && (type & mask) == want)
+            goto found;
+        p = q + length;
     }
     return nullptr;
+
+found:
+    if (pFound != nullptr) {
+        pFound->type = type;
+        pFound->name = q;
+        pFound->value = nul + 1;
+        pFound->valueSize = static_cast<uint32_t>(q + length - (nul + 1));
+        pFound->next = q + length;
+    }
+    return p;
 }
 
 cRecordPar cRecord::GetFirstPar(const char* Name, int Type, int Sel) const
 {
     cRecordPar Par;
-    const char* p = Find(m_pBuffer, Name, Type, Sel);
+    tElement e;
+    const char* p = Find(m_pBuffer, Name, Type, Sel, &e);
     if (p != nullptr)
-        Par.Set(this, const_cast<char*>(p));
+        Par.SetDecoded(this, p, e);
     return Par;
 }
 
@@ -927,19 +1117,23 @@ bool cRecord::SeekNextPar(cRecordPar& Par, const char* Name, int Type, int Sel) 
         Par.Set(nullptr, nullptr);
         return false;
     }
-    const char* p = Find(from, Name, Type, Sel);
-    Par.Set(this, const_cast<char*>(p));
-    return Par.IsValid();
+    tElement e;
+    const char* p = Find(from, Name, Type, Sel, &e);
+    if (p == nullptr) {
+        Par.Set(nullptr, nullptr);
+        return false;
+    }
+    Par.SetDecoded(this, p, e);
+    return true;
 }
 
 int cRecord::GetParCount(const char* Name, int Type, int Sel) const
 {
     int count = 0;
     const char* p = m_pBuffer;
-    while ((p = Find(p, Name, Type, Sel)) != nullptr) {
+    tElement e;
+    while ((p = Find(p, Name, Type, Sel, &e)) != nullptr) {
         ++count;
-        tElement e;
-        DecodeElement(p, m_pEnd, e);   // succeeded inside Find
         p = e.next;
     }
     return count;
@@ -947,11 +1141,10 @@ int cRecord::GetParCount(const char* Name, int Type, int Sel) const
 
 bool cRecord::DeletePar(const char* Name, int Type, int Sel)
 {
-    const char* p = Find(m_pBuffer, Name, Type, Sel);
+    tElement e;
+    const char* p = Find(m_pBuffer, Name, Type, Sel, &e);
     if (p == nullptr)
         return false;
-    tElement e;
-    DecodeElement(p, m_pEnd, e);
     const long offset = static_cast<long>(p - m_pBuffer);
     const long size = static_cast<long>(e.next - p);
     // Copy on write: a shared record moves to a private block first.

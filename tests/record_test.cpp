@@ -359,6 +359,65 @@ TEST(RecordPar, DamagedBytesStayInside)
     EXPECT_EQ(r3.ToString(), "{r={ } }");
 }
 
+TEST(Record, SearchAcrossNameAndVarintSizes)
+{
+    // Names shorter, equal to and longer than eight bytes, two-byte type
+    // words and lengths, values of 1 to 17 bytes: every search path.
+    const std::string names[] = {"a", "ab", "seven77", "eight888", "a-longer-name-x", "ext", "big"};
+    const uint32_t types[] = {5, 5, 5, 5, 5, 0x105, 5};
+    Bytes expect;
+    cRecord r;
+    std::vector<Bytes> values;
+    for (size_t i = 0; i < 7; ++i) {
+        Bytes v(i == 6 ? 130 : 1 + i * 8 / 3);
+        for (size_t k = 0; k < v.size(); ++k)
+            v[k] = static_cast<uint8_t>(i * 31 + k + 1);
+        values.push_back(v);
+        r.AppendDataPar(names[i].c_str(), v.data(), static_cast<int>(v.size()), types[i] & ~0x0F);
+        const Bytes e = Element(types[i], names[i], v);
+        expect.insert(expect.end(), e.begin(), e.end());
+    }
+    for (int n = 1; n <= 17; ++n) {
+        const Bytes v(n, static_cast<uint8_t>(n));
+        r.AppendDataPar("v", v.data(), n);
+        const Bytes e = Element(5, "v", v);
+        expect.insert(expect.end(), e.begin(), e.end());
+    }
+    ASSERT_EQ(Of(r), expect);
+    const cRecord copy(r.GetBuffer(), r.GetSize());   // block of exactly its size
+    for (size_t i = 0; i < 7; ++i) {
+        const cRecordPar p = copy.GetFirstPar(names[i].c_str());
+        ASSERT_TRUE(p.IsValid()) << names[i];
+        EXPECT_EQ(Bytes(p.GetData(), p.GetData() + p.GetSize()), values[i]) << names[i];
+        EXPECT_EQ(copy.GetParCount(names[i].c_str()), 1) << names[i];
+    }
+    for (const char* missing : {"", "seven7", "eight88", "eight8888", "a-longer-name", "b"})
+        EXPECT_FALSE(copy.GetFirstPar(missing).IsValid()) << missing;
+    EXPECT_EQ(copy.GetParCount("v"), 17);
+    EXPECT_EQ(copy.GetParCount(nullptr, RECORD_FLAG_EXTERNAL, RECORD_SEL_MARKS), 1);
+    cRecordPar last = copy.GetFirstPar("v");
+    int n = 1;
+    while (copy.SeekNextPar(last, "v"))
+        ++n;
+    EXPECT_EQ(n, 17);
+
+    // Damage with plenty of bytes behind it ends the walk there as well: a
+    // name without NUL, a NUL right behind the length, a long name without
+    // NUL inside its length.
+    const Bytes good = Element(3, "x", {1});
+    const Bytes tail = Element(1, "t", {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 0});
+    const Bytes bad[] = {{3, 2, 'n', 'n', 1}, {3, 2, 'n', 'n', 0, 1}, {3, 9, 'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 0}};
+    for (const Bytes& b : bad) {
+        Bytes all = good;
+        all.insert(all.end(), b.begin(), b.end());
+        all.insert(all.end(), tail.begin(), tail.end());
+        cRecord d(all.data(), static_cast<int>(all.size()));
+        EXPECT_TRUE(d.GetFirstPar("x").IsValid());
+        EXPECT_FALSE(d.GetFirstPar("t").IsValid());
+        EXPECT_EQ(d.GetParCount(), 1);
+    }
+}
+
 TEST(RecordDeath, Assertions)
 {
     cRecord r;

@@ -1,0 +1,529 @@
+#define ORVO_SOURCE "orvo_msgsocket"
+#include "orvo_msgsocket.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "orvo_handle.h"
+#include "orvo_service.h"
+#include "orvo_trace.h"
+
+namespace orvo {
+
+cCriticalSection g_FrameLock;
+
+template class cTcpServer<cMsgTcpSocket>;
+
+namespace {
+
+uint32_t GetLe32(const unsigned char* p)
+{
+    return static_cast<uint32_t>(p[0]) | (static_cast<uint32_t>(p[1]) << 8) |
+           (static_cast<uint32_t>(p[2]) << 16) | (static_cast<uint32_t>(p[3]) << 24);
+}
+
+void PutLe32(unsigned char* p, uint32_t v)
+{
+    for (int i = 0; i < 4; ++i)
+        p[i] = static_cast<unsigned char>(v >> (8 * i));
+}
+
+bool LengthOk(uint32_t length)
+{
+    return length >= static_cast<uint32_t>(kFrameHeaderSize) && length < kFrameBufferSize;
+}
+
+// Holds g_FrameLock unless the calling thread already does (a send made
+// from a handler that runs inside a flush, or Close from inside a write):
+// the lock does not count nesting, so an inner Leave would release the
+// outer section.
+class cFrameLockGuard {
+public:
+    cFrameLockGuard() : m_bEntered(g_FrameLock.GetOwner() != cThread::GetCurrentThreadId())
+    {
+        if (m_bEntered)
+            g_FrameLock.Enter();
+    }
+    ~cFrameLockGuard()
+    {
+        if (m_bEntered)
+            g_FrameLock.Leave();
+    }
+    cFrameLockGuard(const cFrameLockGuard&) = delete;
+    cFrameLockGuard& operator=(const cFrameLockGuard&) = delete;
+
+private:
+    bool m_bEntered;
+};
+
+struct tPiece {
+    const void* p;
+    int n;
+};
+
+// Total frame length of the pieces, or -1 when a length is negative.
+long long FrameTotal(const tPiece* pieces, int count)
+{
+    long long total = kFrameHeaderSize;
+    for (int i = 0; i < count; ++i) {
+        if (pieces[i].n < 0)
+            return -1;
+        total += pieces[i].n;
+    }
+    return total;
+}
+
+// Appends header and pieces under cByteBuffer's strict rule; the caller has
+// checked that the free space is at least total.
+void QueueFrame(cByteBuffer& buffer, unsigned char type, uint32_t total, const tPiece* pieces,
+                int count)
+{
+    unsigned char header[kFrameHeaderSize] = {kFrameVersion, type, 0, 0, 0, 0};
+    PutLe32(header + 2, total);
+    buffer.pushback(header, sizeof header);
+    for (int i = 0; i < count; ++i) {
+        if (pieces[i].p != nullptr)
+            buffer.pushback(pieces[i].p, static_cast<unsigned long>(pieces[i].n));
+    }
+}
+
+int TraceLength(long long total)
+{
+    return total > INT_MAX ? INT_MAX : static_cast<int>(total);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------- cFrameReader
+
+cFrameReader::cFrameReader()
+    : m_Buffer(kFrameBufferSize), m_Generation(0), m_BrokenLength(0), m_bBusy(false)
+{
+}
+
+void cFrameReader::Clear()
+{
+    m_Buffer.clear();
+    ++m_Generation;
+}
+
+int cFrameReader::Feed(const void* data, int size, tHandler handler, void* ctx)
+{
+    if (m_bBusy) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cFrameReader::Feed: nested call, %i bytes dropped", size));
+        return FEED_NESTED;
+    }
+    if (data == nullptr || size <= 0)
+        return FEED_OK;
+
+    struct cBusy {
+        bool& flag;
+        explicit cBusy(bool& f) : flag(f) { flag = true; }
+        ~cBusy() { flag = false; }
+    } busy(m_bBusy);
+
+    const unsigned char* p = static_cast<const unsigned char*>(data);
+    unsigned long left = static_cast<unsigned long>(size);
+    const unsigned generation = m_Generation;
+
+    for (;;) {
+        if (m_Buffer.size() == 0) {
+            // Nothing pending: whole frames are handed out straight from the
+            // caller's bytes.
+            while (left >= static_cast<unsigned long>(kFrameHeaderSize)) {
+                const uint32_t length = GetLe32(p + 2);
+                if (!LengthOk(length)) {
+                    m_BrokenLength = length;
+                    Clear();
+                    return FEED_BROKEN;
+                }
+                if (left < length)
+                    break;
+                handler(ctx, p[1], p + kFrameHeaderSize, static_cast<int>(length) - kFrameHeaderSize);
+                if (m_Generation != generation)
+                    return FEED_OK;
+                p += length;
+                left -= length;
+            }
+            if (left == 0)
+                return FEED_OK;
+        }
+
+        // Top the pending bytes up with as much as the strict append takes.
+        // The buffer holds less than one frame here, and a frame is at most
+        // capacity - 1 bytes, so there is always room for at least one byte.
+        const unsigned long room = m_Buffer.asize() - 1;
+        const unsigned long take = left < room ? left : room;
+        ORVO_ASSERT(take > 0);
+        m_Buffer.pushback(p, take);
+        p += take;
+        left -= take;
+
+        while (m_Buffer.size() >= static_cast<unsigned long>(kFrameHeaderSize)) {
+            const unsigned char* b = m_Buffer.data();
+            const uint32_t length = GetLe32(b + 2);
+            if (!LengthOk(length)) {
+                m_BrokenLength = length;
+                Clear();
+                return FEED_BROKEN;
+            }
+            if (m_Buffer.size() < length)
+                break;
+            handler(ctx, b[1], b + kFrameHeaderSize, static_cast<int>(length) - kFrameHeaderSize);
+            if (m_Generation != generation)
+                return FEED_OK;
+            m_Buffer.popfront(length);
+        }
+        if (left == 0)
+            return FEED_OK;
+    }
+}
+
+// ----------------------------------------------------------- cTpktTcpSocket
+
+cTpktTcpSocket::cTpktTcpSocket(cService* service, cStateMachine* statem)
+    : cTcpSocket(service, statem, nullptr), m_SendBuffer(kFrameBufferSize)
+{
+    SetWriteReadyMsg(0);
+}
+
+cTpktTcpSocket::~cTpktTcpSocket()
+{
+    cTpktTcpSocket::Close();
+}
+
+void cTpktTcpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
+                                  int size)
+{
+    static_cast<cTpktTcpSocket*>(ctx)->OnPacketRead(type, payload, size);
+}
+
+int cTpktTcpSocket::OnRead(const void* data, int size)
+{
+    if (m_RecvBuffer.Feed(data, size, &cTpktTcpSocket::FrameHandler, this) ==
+        cFrameReader::FEED_BROKEN) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cTpktTcpSocket::OnRead error: frame length %u outside %i..%i, "
+                                "stream broken, closing %s",
+                                static_cast<unsigned>(m_RecvBuffer.GetBrokenLength()),
+                                kFrameHeaderSize, kFrameMaxSize, m_RemoteAddr.ToString().c_str()));
+        OnClose();
+        Close();
+    }
+    return size;
+}
+
+void cTpktTcpSocket::OnWrite()
+{
+    {
+        cFrameLockGuard lock;
+        if (m_SendBuffer.size() > 0) {
+            int written = cChannel::Write(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
+            if (written > 0)
+                m_SendBuffer.popfront(static_cast<unsigned long>(written));
+            return;
+        }
+    }
+    cSocket::OnWrite();
+}
+
+void cTpktTcpSocket::Close()
+{
+    {
+        cFrameLockGuard lock;
+        m_SendBuffer.clear();
+    }
+    m_RecvBuffer.Clear();
+    cTcpSocket::Close();
+}
+
+int cTpktTcpSocket::Write(const void* data, int size)
+{
+    return WritePacket(0, data, size, nullptr, 0, nullptr, 0);
+}
+
+void cTpktTcpSocket::OnConnect(int err)
+{
+    if (err == 0) {
+        int on = 1;
+        SetSockOpt(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    }
+    cTcpSocket::OnConnect(err);
+}
+
+int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, const void* p2, int n2,
+                                const void* p3, int n3)
+{
+    const tPiece pieces[3] = {{p1, n1}, {p2, n2}, {p3, n3}};
+    const long long total = FrameTotal(pieces, 3);
+    if (total < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (total >= static_cast<long long>(kFrameBufferSize)) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cTpktTcpSocket::WritePacket error: packet size %i to large, "
+                                "support only %ikB",
+                                TraceLength(total), 191));
+        errno = E2BIG;
+        return -1;
+    }
+
+    cFrameLockGuard lock;
+    if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {
+        ORVO_TRACE(UnitORVO, INFO,
+                   FormatString("cTpktTcpSocket::WritePacket packetlen=%i buffer overflow "
+                                "(sendb=%d, tpkt=%d)",
+                                n1, static_cast<int>(m_SendBuffer.asize()), static_cast<int>(total)));
+        errno = EAGAIN;
+        return -2;
+    }
+    QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 3);
+    int written = cChannel::Write(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
+    if (written > 0) {
+        m_SendBuffer.popfront(static_cast<unsigned long>(written));
+        return written;
+    }
+    return static_cast<int>(total);
+}
+
+void cTpktTcpSocket::OnPacketRead(unsigned char /*type*/, const void* /*payload*/, int /*size*/)
+{
+}
+
+unsigned long cTpktTcpSocket::GetSendQueued()
+{
+    cFrameLockGuard lock;
+    return m_SendBuffer.size();
+}
+
+// ----------------------------------------------------------- cTpktUdpSocket
+
+cTpktUdpSocket::cTpktUdpSocket(cService* service, cStateMachine* statem)
+    : cUdpSocket(service, statem), m_SendBuffer(kFrameBufferSize)
+{
+}
+
+cTpktUdpSocket::~cTpktUdpSocket()
+{
+    cTpktUdpSocket::Close();
+}
+
+void cTpktUdpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
+                                  int size)
+{
+    static_cast<cTpktUdpSocket*>(ctx)->OnPacketRead(type, payload, size);
+}
+
+int cTpktUdpSocket::FlushTo(const cSocketAddr& to)
+{
+    int sent = cUdpSocket::SendTo(to, m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
+    if (sent > 0) {
+        m_SendBuffer.popfront(static_cast<unsigned long>(sent));
+    } else if (sent < 0 && errno == EMSGSIZE) {
+        // The kernel will never take this datagram; kept, it would go out
+        // in front of every later frame and fail them all.
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cTpktUdpSocket: datagram of %lu bytes to %s too large for UDP, "
+                                "dropped",
+                                m_SendBuffer.size(), to.ToString().c_str()));
+        m_SendBuffer.clear();
+        errno = EMSGSIZE;
+    }
+    return sent;
+}
+
+int cTpktUdpSocket::SendTo(const cSocketAddr& to, unsigned char type, const void* p1, int n1,
+                           const void* p2, int n2, const void* p3, int n3, const void* p4, int n4)
+{
+    const tPiece pieces[4] = {{p1, n1}, {p2, n2}, {p3, n3}, {p4, n4}};
+    const long long total = FrameTotal(pieces, 4);
+    if (total < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (total >= static_cast<long long>(kFrameBufferSize)) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cTpktUdpSocket::WritePacket error: packet size %i to large, "
+                                "support only %ikB",
+                                TraceLength(total), 191));
+        errno = E2BIG;
+        return -1;
+    }
+
+    cFrameLockGuard lock;
+    if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {
+        ORVO_TRACE(UnitORVO, INFO,
+                   FormatString("cTpktUdpSocket::WritePacket packetlen=%i buffer overflow", n1));
+        errno = EAGAIN;
+        return -2;
+    }
+    QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 4);
+    int sent = FlushTo(to);
+    if (sent > 0)
+        return sent;
+    if (sent < 0 && errno == EMSGSIZE)
+        return -1;
+    return static_cast<int>(total);
+}
+
+void cTpktUdpSocket::OnWrite()
+{
+    cFrameLockGuard lock;
+    if (m_SendBuffer.size() > 0)
+        FlushTo(m_RemoteAddr);
+}
+
+void cTpktUdpSocket::Close()
+{
+    {
+        cFrameLockGuard lock;
+        m_SendBuffer.clear();
+    }
+    m_RecvBuffer.Clear();
+    cSocket::Close();
+}
+
+void cTpktUdpSocket::OnReceiveFrom(const cSocketAddr& from, const void* data, int size)
+{
+    m_RemoteAddr = from;
+    if (m_RecvBuffer.Feed(data, size, &cTpktUdpSocket::FrameHandler, this) ==
+        cFrameReader::FEED_BROKEN) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cTpktUdpSocket::OnReceiveFrom error: frame length %u outside "
+                                "%i..%i from %s, buffered bytes dropped",
+                                static_cast<unsigned>(m_RecvBuffer.GetBrokenLength()),
+                                kFrameHeaderSize, kFrameMaxSize, from.ToString().c_str()));
+    }
+}
+
+void cTpktUdpSocket::OnPacketRead(unsigned char /*type*/, const void* /*payload*/, int /*size*/)
+{
+}
+
+unsigned long cTpktUdpSocket::GetSendQueued()
+{
+    cFrameLockGuard lock;
+    return m_SendBuffer.size();
+}
+
+// ------------------------------------------------------------ cMsgTcpSocket
+
+namespace {
+
+// The record's bytes, or null/0 for an empty record (whose buffer pointer
+// must not be read).
+const void* RecordBytes(const cMsg& msg, int& size)
+{
+    const cRecord& record = msg.GetRecord();
+    size = record.GetSize();
+    return size > 0 ? record.GetBuffer() : nullptr;
+}
+
+// Turns a message that could not be parsed into 0x1002 for the socket.
+void MakeUndecodable(cMsg& msg, cChannel* channel, const std::string& indic)
+{
+    msg.SetType(MSG_UNDECODABLE);
+    msg.SetChannel(channel);
+    msg.SetStatem(channel->GetStatem());
+    msg.GetRecord().AppendTextPar("indic", indic);
+}
+
+}  // namespace
+
+cMsgTcpSocket::cMsgTcpSocket(cService* service, cStateMachine* statem)
+    : cTpktTcpSocket(service, statem)
+{
+    SetWriteReadyMsg(0);
+}
+
+cMsgTcpSocket::~cMsgTcpSocket() = default;
+
+int cMsgTcpSocket::Send(cMsg& msg)
+{
+    msg.SetChannel(this);
+    if (GetService() != nullptr)
+        SendSnoop(GetService(), msg, SNOOP_SEND);
+    int recordSize = 0;
+    const void* record = RecordBytes(msg, recordSize);
+    if (msg.GetTid().IsValid())
+        return WritePacket(1, msg.GetHeader(), 4, msg.GetTid().GetBuffer(), 16, record, recordSize);
+    return WritePacket(0, msg.GetHeader(), 4, record, recordSize, nullptr, 0);
+}
+
+void cMsgTcpSocket::SendSocketOnConnectMsg(cMsg& msg)
+{
+    if (cService* service = GetService()) {
+        msg.GetRecord().AppendTextPar("peer-name", service->GetObjName());
+        msg.GetRecord().AppendUuidPar("peer-id", service->GetServiceId());
+    }
+    Send(msg);
+}
+
+void cMsgTcpSocket::OnPacketRead(unsigned char type, const void* payload, int size)
+{
+    cMsg msg;
+    int result = msg.Create(type, payload, size, this, GetStatem());
+    if (result < 0)
+        MakeUndecodable(msg, this,
+                        FormatString("can't create message from buff, ret=%i, count=%i", result, size));
+    OnMsg(msg);
+}
+
+// ------------------------------------------------------------ cMsgUdpSocket
+
+cMsgUdpSocket::cMsgUdpSocket(cService* service, cStateMachine* statem)
+    : cTpktUdpSocket(service, statem), m_NoSnoop(0)
+{
+}
+
+cMsgUdpSocket::~cMsgUdpSocket() = default;
+
+int cMsgUdpSocket::Send(cMsg& msg)
+{
+    return SendTo(GetRemoteAddress(), msg);
+}
+
+int cMsgUdpSocket::SendTo(const cSocketAddr& to, cMsg& msg)
+{
+    msg.SetChannel(this);
+    if (m_NoSnoop == 0 && GetService() != nullptr)
+        SendSnoop(GetService(), msg, SNOOP_SEND);
+
+    const unsigned char kind = msg.GetKind();
+    unsigned char token[4];
+    PutLe32(token, HandleOf(msg.GetStatem()));
+    int recordSize = 0;
+    const void* record = RecordBytes(msg, recordSize);
+    const void* tid = msg.GetTid().GetBuffer();
+    switch (kind) {
+    case 0:
+        return cTpktUdpSocket::SendTo(to, 0, msg.GetHeader(), 4, record, recordSize, nullptr, 0,
+                                      nullptr, 0);
+    case 1:
+        return cTpktUdpSocket::SendTo(to, 1, msg.GetHeader(), 4, tid, 16, record, recordSize,
+                                      nullptr, 0);
+    case 2:
+        return cTpktUdpSocket::SendTo(to, 2, msg.GetHeader(), 4, token, 4, record, recordSize,
+                                      nullptr, 0);
+    default:
+        return cTpktUdpSocket::SendTo(to, 3, msg.GetHeader(), 4, tid, 16, token, 4, record,
+                                      recordSize);
+    }
+}
+
+void cMsgUdpSocket::OnPacketRead(unsigned char type, const void* payload, int size)
+{
+    cMsg msg;
+    int result = msg.Create(type, payload, size, this, GetStatem());
+    if (result < 0)
+        MakeUndecodable(msg, this, FormatString("can't create message from buff, ret=%i", result));
+    OnMsg(msg);
+}
+
+}  // namespace orvo

@@ -1,0 +1,435 @@
+// Services over real sockets: two processes through the sap socket, a
+// thread service and its parent through the internal sockets, signals and
+// stop messages from outside, traces to the main service. Each child runs
+// under a time limit; each test ends by checking that every descriptor the
+// services opened was closed again.
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../source/orvo_service_hooks.h"
+#include "orvo_handle.h"
+#include "orvo_init.h"
+#include "orvo_msgsocket.h"
+#include "orvo_msgthread.h"
+#include "orvo_record.h"
+#include "orvo_service.h"
+#include "orvo_time.h"
+#include "orvo_trace.h"
+
+using namespace orvo;
+
+namespace {
+
+const int kOk = 0, kLeak = 90, kWrong = 91;   // child exit codes
+const unsigned kChildSeconds = 60;            // generous: sanitizers, qemu
+const unsigned long kWaitMs = 20000;
+
+class cTestService : public cService {
+public:
+    void ThreadMain() override {}
+};
+
+int CountFds()
+{
+    int n = -1;   // the directory's own descriptor
+    if (DIR* dir = ::opendir("/proc/self/fd")) {
+        while (dirent* e = ::readdir(dir))
+            n += e->d_name[0] != '.';
+        ::closedir(dir);
+    }
+    return n;
+}
+
+const cSocketAddr kLoopback("127.0.0.1", 0);
+
+struct sChild {
+    pid_t pid;
+    int pipe;   // read end: what the child reports
+};
+
+// Runs body in a forked child under an alarm; its result is the exit code,
+// or kLeak when the child's descriptor count changed.
+sChild Fork(const std::function<int(int toParent)>& body)
+{
+    int fds[2];
+    if (::pipe(fds) != 0)
+        return {-1, -1};
+    std::fflush(stdout);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::close(fds[0]);
+        cService::SignalAsyncSelect(SIGALRM, nullptr, nullptr);
+        ::alarm(kChildSeconds);
+        const int before = CountFds();
+        int rc = body(fds[1]);
+        ::_exit(rc == kOk && CountFds() != before ? kLeak : rc);
+    }
+    ::close(fds[1]);
+    return {pid, fds[0]};
+}
+
+// The child's exit code; -1 when it was killed or had to be.
+int Wait(const sChild& child)
+{
+    ::close(child.pipe);
+    int status = 0;
+    const long long end = GetMsecClock() + 1000LL * (kChildSeconds + 10);
+    while (::waitpid(child.pid, &status, WNOHANG) == 0) {
+        if (GetMsecClock() > end) {
+            ::kill(child.pid, SIGKILL);
+            ::waitpid(child.pid, &status, 0);
+            return -1;
+        }
+        ::usleep(10000);
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+void Report(int fd, uint16_t value) { (void)!::write(fd, &value, sizeof value); }
+uint16_t Receive(int fd)
+{
+    uint16_t value = 0;
+    return ::read(fd, &value, sizeof value) == sizeof value ? value : 0;
+}
+
+// The child side: service "svcB" on 127.0.0.1 reports its port; answers
+// 0x100 with 0x101 (same tid, "echo" and "n"+1), traces on 0x300 before
+// answering 0x301, answers 0x302 with 0x303; ends when its client leaves.
+int EchoService(int toParent)
+{
+    cTestService b;
+    b.Init("svcB", kLoopback);
+    Report(toParent, b.GetSapAddress().GetPort());
+    cMsg msg;
+    while (b.GetMessage(msg)) {
+        const cRecord& r = msg.GetRecord();
+        cMsg reply;
+        reply.SetTid(msg.GetTid());
+        switch (msg.GetType()) {
+        case 0x100:
+            reply.SetType(0x101);
+            reply.GetRecord().AppendTextPar("echo", r.GetFirstPar("text").GetString(), 0);
+            reply.GetRecord().AppendUIntPar("n", r.GetFirstPar("n").GetUInt() + 1, 0);
+            break;
+        case 0x300:
+            ORVO_TRACE(UnitORVO, INFO, "traced by B");
+            reply.SetType(0x301);
+            break;
+        case 0x302:
+            reply.SetType(0x303);
+            break;
+        case 0x4001:   // the sap socket accepted the client
+        case 0x4002:
+            continue;
+        case 0x4003:
+            cService::SetStopFlag(true);
+            continue;
+        default:
+            return kWrong;
+        }
+        msg.GetChannel()->Send(reply);
+    }
+    return kOk;
+}
+
+// A client of a connected to port; returns once the peer announced itself.
+cMsgTcpSocket* Connect(cService& a, uint16_t port)
+{
+    cMsgTcpSocket* client = new cMsgTcpSocket(&a, nullptr);
+    client->Socket(AF_INET, SOCK_STREAM, 0);
+    client->Connect(cSocketAddr("127.0.0.1", port));
+    if (a.WaitSyncMsg(kWaitMs, 0x4002, 0x4000, 0x4003).GetType() == 0x4002)
+        return client;
+    delete client;
+    return nullptr;
+}
+
+class ServiceIpc : public testing::Test {
+protected:
+    static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
+    void SetUp() override { m_Fds = CountFds(); }
+    void TearDown() override
+    {
+        cService::SetStopFlag(false);
+        svchooks::StatemOnMsg = nullptr;
+        svchooks::StatemService = nullptr;
+        EXPECT_EQ(CountFds(), m_Fds) << "descriptors left open";
+    }
+    int m_Fds = 0;
+};
+
+}  // namespace
+
+TEST_F(ServiceIpc, TwoProcessesTalkThroughTheSapIncludingControlMessages)
+{
+    sChild child = Fork(EchoService);
+    const uint16_t port = Receive(child.pipe);
+    ASSERT_NE(port, 0);
+    cTestService a;
+    a.Init("svcA", kLoopback);
+    cMsgTcpSocket* client = Connect(a, port);
+    ASSERT_NE(client, nullptr);
+    EXPECT_EQ(client->GetPeer().name, "svcB");   // from the peer's 0x4002
+    // Sends type (with rec and tid), waits for replyType; what arrived before
+    // the reply lands in before, in arrival order.
+    std::vector<cMsg> before;
+    auto ask = [&](unsigned long type, unsigned long replyType, const cRecord& rec = cRecord(),
+                   const cUuid& tid = cUuid()) {
+        cMsg msg(type);
+        msg.SetRecord(rec);
+        msg.SetTid(tid);
+        cMsg reply = a.SendSyncMsg(*client, msg, kWaitMs, replyType);
+        before.clear();
+        for (cMsg m; a.GetQueueSize() > 0 && a.GetMessage(m);)
+            before.push_back(m);
+        std::reverse(before.begin(), before.end());   // set aside: came back reversed
+        return reply;
+    };
+
+    // Request and reply, tid and record intact both ways.
+    cUuid tid;
+    tid.Create();
+    cRecord rec;
+    rec.AppendTextPar("text", "hello over tcp", 0);
+    rec.AppendUIntPar("n", 41, 0);
+    cMsg reply = ask(0x100, 0x101, rec, tid);
+    ASSERT_EQ(reply.GetType(), 0x101u);
+    EXPECT_EQ(reply.GetTid(), tid);
+    EXPECT_EQ(reply.GetRecord().GetFirstPar("echo").GetString(), "hello over tcp");
+    EXPECT_EQ(reply.GetRecord().GetFirstPar("n").GetUInt(), 42u);
+    EXPECT_FALSE(ask(0x100, 0x101, rec).GetTid().IsValid());
+
+    // Service information.
+    cMsg info = ask(0x7006, 0x7007, cRecord(), tid);
+    ASSERT_EQ(info.GetType(), 0x7007u);
+    EXPECT_EQ(info.GetTid(), tid);
+    const cRecord& r = info.GetRecord();
+    EXPECT_EQ(r.GetFirstPar("name").GetString(), "svcB");
+    EXPECT_EQ(r.GetFirstPar("sap").GetString(), FormatString("127.0.0.1:%u", port));
+    cUuid id;
+    EXPECT_TRUE(r.GetFirstPar("service-id").GetUuid(id));
+    EXPECT_EQ(id, client->GetPeer().id);
+    EXPECT_TRUE(r.GetFirstPar("config").IsValid());
+    EXPECT_EQ(r.GetFirstParByPath("units.UnitORVO.level", ".").GetString(), "ERROR");
+
+    // Trace on: B's INFO trace reaches the client ahead of B's answer; off:
+    // nothing but the answer.
+    cRecord on, units, unit;
+    unit.AppendTextPar("name", "UnitORVO", 0);
+    unit.AppendTextPar("level", "DEBUG", 0);
+    units.AppendRecordPar("u", unit, 0);
+    on.AppendRecordPar("units", units, 0);
+    cMsg traceOn(0x7000);
+    traceOn.SetRecord(on);
+    client->Send(traceOn);   // consumed by B's loop: no answer
+    EXPECT_EQ(ask(0x300, 0x301).GetType(), 0x301u);
+    ASSERT_EQ(before.size(), 1u);
+    EXPECT_EQ(before[0].GetType(), 0x7002u);
+    EXPECT_EQ(before[0].GetRecord().GetFirstPar("txt").GetString(), "traced by B");
+    cMsg off(0x7001);
+    client->Send(off);
+    EXPECT_EQ(ask(0x300, 0x301).GetType(), 0x301u);
+    EXPECT_TRUE(before.empty());
+
+    // Snoop: the request as received (dir 1), the answer as sent (dir 0).
+    cMsg snoopOn(0x7003);
+    client->Send(snoopOn);
+    EXPECT_EQ(ask(0x302, 0x303).GetType(), 0x303u);
+    ASSERT_EQ(before.size(), 2u);
+    EXPECT_EQ(before[0].GetType(), 0x7005u);
+    EXPECT_EQ(before[0].GetRecord().GetFirstPar("dir").GetUInt(), 1u);
+    EXPECT_EQ(before[0].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x302u);
+    EXPECT_EQ(before[0].GetRecord().GetFirstPar("peer-name").GetString(), "svcA");
+    EXPECT_EQ(before[1].GetRecord().GetFirstPar("dir").GetUInt(), 0u);
+    EXPECT_EQ(before[1].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x303u);
+    cMsg snoopOff(0x7004);
+    client->Send(snoopOff);
+    EXPECT_EQ(ask(0x302, 0x303).GetType(), 0x303u);
+    ASSERT_EQ(before.size(), 1u);   // the snoop-off request itself, then silence
+    EXPECT_EQ(before[0].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x7004u);
+
+    client->Close();
+    delete client;
+    a.DeInit();
+    EXPECT_EQ(Wait(child), kOk);
+}
+
+namespace {
+
+// Echoes 0x200 to its parent as 0x201 ("n" doubled) and ends on 0x202.
+class cEchoThread : public cMsgThread {
+public:
+    cEchoThread(cService* parent, cStateMachine* sm) : cMsgThread(parent, sm, "echo") {}
+    ~cEchoThread() override
+    {
+        Terminate();
+        Join();
+    }
+    void ThreadMain() override
+    {
+        cMsg msg;
+        while (GetMessage(msg) && msg.GetType() != 0x202) {
+            cMsg reply(0x201);
+            reply.SetTid(msg.GetTid());
+            reply.GetRecord().AppendUIntPar("n", msg.GetRecord().GetFirstPar("n").GetUInt() * 2, 0);
+            SendToParent(reply);
+        }
+    }
+};
+
+struct sFakeSm {
+    std::vector<cMsg> got;
+    cService* service;
+};
+
+}  // namespace
+
+TEST_F(ServiceIpc, ThreadServiceAndParentTalkThroughInternalSockets)
+{
+    cTestService parent;
+    parent.Init("parent", kLoopback);
+    {
+        cEchoThread echo(&parent, nullptr);
+        EXPECT_NE(echo.GetInternalAddress().GetPort(), 0);
+        ASSERT_EQ(echo.Start(), 0);
+        EXPECT_EQ(echo.Start(), EBUSY);
+        cUuid tid;
+        tid.Create();
+        for (unsigned n = 1; n <= 3; ++n) {
+            cMsg req(0x200);
+            req.SetTid(tid);
+            req.GetRecord().AppendUIntPar("n", n, 0);
+            EXPECT_GT(parent.SendToInternal(&echo, req), 0);
+            cMsg reply = parent.WaitSyncMsg(kWaitMs, 0x201);
+            ASSERT_EQ(reply.GetType(), 0x201u);
+            EXPECT_EQ(reply.GetTid(), tid);
+            EXPECT_EQ(reply.GetRecord().GetFirstPar("n").GetUInt(), 2 * n);
+        }
+        cMsg end(0x202);
+        parent.SendToInternal(&echo, end);
+        echo.Join();
+        EXPECT_FALSE(echo.IsRunning());
+    }
+
+    // To a parent state machine: the token crosses the datagram socket and
+    // the reply goes straight to the machine, never into the queue.
+    sFakeSm sm{{}, &parent};
+    const uint32_t h = HandleCreate(&sm, HANDLE_STATEM);
+    svchooks::StatemService = [](cStateMachine* s) { return reinterpret_cast<sFakeSm*>(s)->service; };
+    svchooks::StatemOnMsg = [](cStateMachine* s, cMsg& m) {
+        reinterpret_cast<sFakeSm*>(s)->got.push_back(m);
+    };
+    {
+        cEchoThread echo(&parent, reinterpret_cast<cStateMachine*>(&sm));
+        ASSERT_EQ(echo.Start(), 0);
+        cMsg req(0x200);
+        req.GetRecord().AppendUIntPar("n", 21, 0);
+        parent.SendToInternal(&echo, req);
+        const long long end = GetMsecClock() + static_cast<long long>(kWaitMs);
+        while (sm.got.empty() && GetMsecClock() < end)
+            parent.ScheduleSelect();
+        ASSERT_EQ(sm.got.size(), 1u);
+        EXPECT_EQ(sm.got[0].GetRecord().GetFirstPar("n").GetUInt(), 42u);
+        EXPECT_EQ(parent.GetQueueSize(), 0u);
+        // The destructor cancels the thread waiting in its select.
+    }
+    HandleRelease(h);
+    parent.DeInit();
+}
+
+TEST_F(ServiceIpc, SigintAndSigtermEndGetMessage)
+{
+    for (int sig : {SIGINT, SIGTERM}) {
+        sChild child = Fork([sig](int toParent) {
+            cTestService b;
+            b.Init("sig", kLoopback);
+            Report(toParent, 1);
+            cMsg msg;
+            if (!b.GetMessage(msg) || msg.GetType() != (sig == SIGINT ? 0x1004u : 0x1005u))
+                return kWrong;
+            return b.GetMessage(msg) ? kWrong : kOk;
+        });
+        ASSERT_EQ(Receive(child.pipe), 1);
+        ::kill(child.pid, sig);
+        EXPECT_EQ(Wait(child), kOk) << "signal " << sig;
+    }
+}
+
+TEST_F(ServiceIpc, StopMessageFromAClientEndsEveryServiceOfTheProcess)
+{
+    class cLoopThread : public cMsgThread {
+    public:
+        explicit cLoopThread(cService* parent) : cMsgThread(parent, "loop") {}
+        ~cLoopThread() override
+        {
+            Terminate();
+            Join();
+        }
+        void ThreadMain() override
+        {
+            for (cMsg msg; GetMessage(msg);) {
+            }
+        }
+    };
+    sChild child = Fork([](int toParent) {
+        cTestService b;
+        b.Init("svcB", kLoopback);
+        cLoopThread loop(&b);
+        loop.Start();
+        Report(toParent, b.GetSapAddress().GetPort());
+        bool stopSeen = false;
+        for (cMsg msg; b.GetMessage(msg);)
+            stopSeen = stopSeen || msg.GetType() == 0x1006;
+        loop.Join();   // ends by itself, not by cancellation
+        return stopSeen ? kOk : kWrong;
+    });
+    const uint16_t port = Receive(child.pipe);
+    ASSERT_NE(port, 0);
+    cTestService a;
+    a.Init("svcA", kLoopback);
+    cMsgTcpSocket* client = Connect(a, port);
+    ASSERT_NE(client, nullptr);
+    cMsg stop(0x1006);
+    EXPECT_GT(client->Send(stop), 0);
+    EXPECT_EQ(a.WaitSyncMsg(kWaitMs, 0x4003).GetType(), 0x4003u);   // the child went away
+    client->Close();
+    delete client;
+    a.DeInit();
+    EXPECT_EQ(Wait(child), kOk);
+}
+
+TEST_F(ServiceIpc, TracesOfAServiceUnitArriveAtTheMainService)
+{
+    cTestService main;
+    main.Init("main", kLoopback);
+    EXPECT_EQ(mMainService, &main);
+    SetTraceLevel(UnitORVO, INFO);
+    SetTraceOut(UnitORVO, OUTPUT_SERVICE);
+    ORVO_TRACE(UnitORVO, INFO, "to the main service");
+    std::thread worker([] { ORVO_TRACE(UnitORVO, WARNING, "from a worker"); });
+    worker.join();
+    SetTraceOut(UnitORVO, OUTPUT_NONE);
+    SetTraceLevel(UnitORVO, ERROR);
+
+    cMsg first = main.WaitSyncMsg(kWaitMs, 0x1007);
+    cMsg second = main.WaitSyncMsg(kWaitMs, 0x1007);
+    const cRecord& r = first.GetRecord();
+    EXPECT_EQ(r.GetFirstPar("txt").GetString(), "to the main service");
+    EXPECT_EQ(r.GetFirstPar("name").GetString(), "main");
+    EXPECT_EQ(r.GetFirstPar("level").GetString(), "INFO");
+    cUuid id;
+    r.GetFirstPar("service-id").GetUuid(id);
+    EXPECT_EQ(id, main.GetServiceId());
+    EXPECT_EQ(second.GetRecord().GetFirstPar("txt").GetString(), "from a worker");
+}

@@ -1,0 +1,431 @@
+// cService inside one process: queue limit, state-machine delivery, timer
+// list, select hygiene, signals, stop flag, WaitSyncMsg, deferred deletion
+// and the control lists. Sockets between processes: service_ipc_test.cpp.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "../source/orvo_service_hooks.h"
+#include "orvo_channel.h"
+#include "orvo_handle.h"
+#include "orvo_init.h"
+#include "orvo_msg.h"
+#include "orvo_record.h"
+#include "orvo_service.h"
+#include "orvo_time.h"
+#include "orvo_trace.h"
+
+using namespace orvo;
+
+namespace {
+
+class cTestService : public cService {
+public:
+    void ThreadMain() override {}
+};
+
+// A channel over a socket-pair end that keeps what is sent on it.
+class cSink : public cChannel {
+public:
+    explicit cSink(cService* service, bool* deleted = nullptr)
+        : cChannel(service, nullptr), m_pDeleted(deleted) {}
+    ~cSink() override
+    {
+        if (m_pDeleted)
+            *m_pDeleted = true;
+        cSink::Close();
+    }
+    void OnClose() override
+    {
+        cMsg msg(0x4003, this, nullptr);
+        OnMsg(msg);
+    }
+    int OnRead(const void*, int size) override { return size; }
+    void OnWrite() override {}
+    void Close() override
+    {
+        if (m_fd > 0)
+            ::close(m_fd);
+        cChannel::Close();
+    }
+    int rawWrite(const void*, int size) override { return size; }
+    int rawRead(void* b, int n) override { return static_cast<int>(::read(m_fd, b, n)); }
+    int Send(cMsg& msg) override
+    {
+        sent.push_back(msg);
+        flagAtSend.push_back(GetWriteReadyMsg());
+        return 1;
+    }
+    void Reset()
+    {
+        sent.clear();
+        flagAtSend.clear();
+    }
+    std::vector<cMsg> sent;
+    std::vector<unsigned char> flagAtSend;
+
+private:
+    bool* m_pDeleted;
+};
+
+// Stand-ins for state machines and timers: the loop only hands their
+// pointers to the hooks.
+struct sFake {
+    std::vector<unsigned long> got;
+    std::function<void()> onExec;
+};
+cStateMachine* AsStatem(sFake& o) { return reinterpret_cast<cStateMachine*>(&o); }
+cTimer* AsTimer(sFake& o) { return reinterpret_cast<cTimer*>(&o); }
+std::vector<sFake*> gFired;
+
+class Service : public testing::Test {
+protected:
+    static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
+    void SetUp() override
+    {
+        svchooks::StatemOnMsg = [](cStateMachine* sm, cMsg& msg) {
+            reinterpret_cast<sFake*>(sm)->got.push_back(msg.GetType());
+        };
+        svchooks::TimerExec = [](cTimer* t) {
+            sFake* f = reinterpret_cast<sFake*>(t);
+            gFired.push_back(f);
+            if (f->onExec)
+                f->onExec();
+        };
+        gFired.clear();
+    }
+    void TearDown() override
+    {
+        svchooks::StatemOnMsg = nullptr;
+        svchooks::TimerExec = nullptr;
+        SetTraceLevel(UnitORVO, ERROR);
+        SetTraceOut(UnitORVO, OUTPUT_NONE);
+        cService::SetStopFlag(false);
+    }
+    static unsigned long Take(cService& svc)
+    {
+        cMsg msg;
+        EXPECT_TRUE(svc.GetMessage(msg));
+        return msg.GetType();
+    }
+    static void Post(cService& svc, unsigned long type, cChannel* ch = nullptr)
+    {
+        cMsg msg(type, ch, nullptr);
+        svc.OnMsg(msg);
+    }
+};
+
+}  // namespace
+
+TEST_F(Service, QueueIsFifoAndTheMessageAboveTheLimitEmptiesIt)
+{
+    cTestService svc;
+    for (unsigned long i = 1; i <= 200; ++i)
+        Post(svc, 0x100000 + i);
+    EXPECT_EQ(Take(svc), 0x100001u);
+    EXPECT_EQ(Take(svc), 0x100002u);
+    Post(svc, 0x200001);
+    Post(svc, 0x200002);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    Post(svc, 0x2000AA);   // the 201st
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(svc.GetQueueSize(), 0u);   // all of them, not only the excess
+    EXPECT_NE(out.find("cService::m_msgQ overload; msg={type="), std::string::npos) << out;
+    EXPECT_NE(out.find("(0x2000AA)"), std::string::npos) << out;
+
+    // Below ERROR the queue is emptied silently.
+    SetTraceLevel(UnitORVO, FATAL);
+    testing::internal::CaptureStdout();
+    for (unsigned long i = 1; i <= 201; ++i)
+        Post(svc, 0x300000 + i);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(svc.GetQueueSize(), 0u);
+}
+
+TEST_F(Service, MessagesForStateMachinesBypassTheQueue)
+{
+    cTestService svc;
+    sFake sm, gone;
+    const uint32_t h = HandleCreate(&sm, HANDLE_STATEM);
+    cMsg msg(0x5000, nullptr, AsStatem(sm)), stale(0x5001, nullptr, AsStatem(gone));
+    svc.OnMsg(msg);
+    svc.OnMsg(stale);   // not a live state machine: dropped
+    EXPECT_EQ(sm.got, std::vector<unsigned long>{0x5000});
+    EXPECT_TRUE(gone.got.empty());
+    EXPECT_EQ(svc.GetQueueSize(), 0u);
+
+    // 0x3004 carries a message in record form; its handle resolves again.
+    cMsg wrapped(0x3004);
+    cMsg(0x5002, nullptr, AsStatem(sm)).ToRecord(wrapped.GetRecord());
+    svc.OnMsg(wrapped);
+    EXPECT_EQ(sm.got.back(), 0x5002u);
+    HandleRelease(h);
+    svc.OnMsg(msg);
+    EXPECT_EQ(sm.got.size(), 2u);
+}
+
+TEST_F(Service, TimerListOrderIdleTimeAndReentrancy)
+{
+    cTestService svc;
+    sFake a, b, x, y, z;
+    EXPECT_EQ(svc.ScheduleGetIdleTimeMs(), 60000u);
+    svc.TimerAsyncSelect(AsTimer(a), 100000);
+    EXPECT_EQ(svc.ScheduleGetIdleTimeMs(), 60000u);   // capped
+    svc.TimerAsyncSelect(AsTimer(b), 30000);
+    svc.TimerAsyncSelect(AsTimer(b), 40000);          // a second entry
+    EXPECT_LE(svc.ScheduleGetIdleTimeMs(), 30000u);
+    EXPECT_GT(svc.ScheduleGetIdleTimeMs(), 20000u);
+    svc.TimerAsyncSelect(AsTimer(b), 0);              // removes both
+    EXPECT_EQ(svc.GetTimerCount(), 1u);
+    svc.TimerAsyncSelect(AsTimer(a), 0);
+
+    // Without channels the loop sleeps until the nearest timer; due order,
+    // equal time-outs in arming order.
+    const long long start = GetMsecClock();
+    svc.TimerAsyncSelect(AsTimer(x), 60);
+    svc.TimerAsyncSelect(AsTimer(y), 60);
+    svc.TimerAsyncSelect(AsTimer(z), 20);
+    while (svc.GetTimerCount() > 0)
+        svc.ScheduleSelect();
+    EXPECT_GE(GetMsecClock() - start, 60);
+    EXPECT_EQ(gFired, (std::vector<sFake*>{&z, &x, &y}));
+
+    // A timer fired in a scan may stop another due one and re-arm itself.
+    gFired.clear();
+    a.onExec = [&] {
+        svc.TimerAsyncSelect(AsTimer(b), 0);
+        svc.TimerAsyncSelect(AsTimer(a), 100000);
+    };
+    svc.TimerAsyncSelect(AsTimer(a), 1);
+    svc.TimerAsyncSelect(AsTimer(b), 2);
+    const long long armed = GetMsecClock();
+    while (GetMsecClock() < armed + 3)
+        ::usleep(1000);
+    svc.ScanTimers();
+    EXPECT_EQ(gFired, std::vector<sFake*>{&a});
+    EXPECT_EQ(svc.GetTimerCount(), 1u);
+    svc.DeInit();
+    EXPECT_EQ(svc.GetTimerCount(), 0u);
+}
+
+TEST_F(Service, SelectRefusesLargeDescriptorsAndRecoversFromBadOnes)
+{
+    cTestService svc;
+    int sv[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    {
+        // EBADF: a descriptor closed behind the loop's back.
+        cSink ch(&svc);
+        ch.Attach(sv[0]);
+        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+        testing::internal::CaptureStdout();   // opens a file: before the close
+        ::close(sv[0]);
+        svc.ScheduleSelect();
+        std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_NE(out.find("select() error, retval=-1"), std::string::npos) << out;
+        EXPECT_EQ(svc.GetSelectEvents(sv[0]), 0);   // the whole table unregistered
+        EXPECT_EQ(Take(svc), 0x1003u);
+        ch.Dettach();
+    }
+    ::close(sv[1]);
+
+    // A descriptor at FD_SETSIZE never enters a set; its channel is closed.
+    rlimit lim, saved;
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    lim = saved;
+    if (lim.rlim_cur <= FD_SETSIZE + 8) {
+        if (lim.rlim_max <= FD_SETSIZE + 8)
+            GTEST_SKIP() << "descriptor limit " << lim.rlim_max << " does not reach FD_SETSIZE";
+        lim.rlim_cur = FD_SETSIZE + 8;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lim), 0);
+    }
+    const int big = ::fcntl(1, F_DUPFD, FD_SETSIZE);
+    ASSERT_GE(big, FD_SETSIZE);
+    cSink ch(&svc);
+    ch.Attach(big);
+    EXPECT_EQ(ch.GetFd(), -1);
+    EXPECT_EQ(::fcntl(big, F_GETFD), -1);   // closed
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+TEST_F(Service, SignalsRunHandlersOnTheLoopThread)
+{
+    static cService* seen = nullptr;
+    static void* seenCtx = nullptr;
+    auto handler = [](cService* s, int, void* ctx) {
+        seen = s;
+        seenCtx = ctx;
+    };
+    EXPECT_EQ(cService::SignalAsyncSelect(0, handler, nullptr), -1);
+    EXPECT_EQ(cService::SignalAsyncSelect(66, handler, nullptr), -1);
+    EXPECT_EQ(cService::SignalAsyncSelect(SIGINT, handler, nullptr), -1);   // no replacement
+    int ctx = 0;
+    ASSERT_EQ(cService::SignalAsyncSelect(SIGUSR1, handler, &ctx), 0);
+
+    cTestService svc;
+    ::kill(::getpid(), SIGUSR1);
+    EXPECT_EQ(seen, nullptr);                 // only marked so far
+    svc.ScheduleSelect();
+    EXPECT_EQ(seen, &svc);
+    EXPECT_EQ(seenCtx, &ctx);
+    EXPECT_EQ(cService::SignalAsyncSelect(SIGUSR1, nullptr, nullptr), 0);
+
+    // SIGTERM from another thread while the loop waits without a time-out.
+    std::thread killer([] { ::kill(::getpid(), SIGTERM); });
+    EXPECT_EQ(Take(svc), 0x1005u);
+    killer.join();
+    EXPECT_TRUE(cService::GetStopFlag());
+    cMsg msg;
+    EXPECT_FALSE(svc.GetMessage(msg));
+}
+
+TEST_F(Service, StopMessageEndsEveryServiceOfTheProcess)
+{
+    cTestService a, b;
+    std::thread loop([&] {
+        cMsg msg;
+        while (b.GetMessage(msg)) {
+        }
+    });
+    Post(a, 0x1006);
+    Post(a, 0x1234);
+    EXPECT_EQ(Take(a), 0x1006u);
+    loop.join();                              // b was waiting in select
+    EXPECT_EQ(Take(a), 0x1234u);              // the rest of a's queue still comes
+    cMsg msg;
+    EXPECT_FALSE(a.GetMessage(msg));
+}
+
+TEST_F(Service, WaitSyncMsgPutsSetAsideMessagesBackInReverse)
+{
+    cTestService svc;
+    for (unsigned long type : {0x101ul, 0x102ul, 0x103ul, 0x200ul, 0x104ul})
+        Post(svc, type);
+    EXPECT_EQ(svc.WaitSyncMsg(5000, 0x300, 0x200, 0x400).GetType(), 0x200u);
+    EXPECT_EQ(svc.GetTimerCount(), 0u);
+    std::vector<unsigned long> order;
+    while (svc.GetQueueSize() > 0)
+        order.push_back(Take(svc));
+    EXPECT_EQ(order, (std::vector<unsigned long>{0x104, 0x103, 0x102, 0x101}));
+
+    const long long start = GetMsecClock();
+    EXPECT_EQ(svc.WaitSyncMsg(30, 0x300).GetType(), 0x2015u);   // time-out
+    EXPECT_GE(GetMsecClock() - start, 30);
+    cService::SetStopFlag(true);
+    EXPECT_EQ(svc.WaitSyncMsg(60000, 0x300).GetType(), 0u);     // stopping
+}
+
+TEST_F(Service, ClosedChannelIsDeletedOnlyAfterItsCloseMessage)
+{
+    cTestService svc;
+    int sv[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+    bool deleted = false;
+    cSink* ch = new cSink(&svc, &deleted);
+    ch->SetDeleteAfterClose(true);
+    ch->Attach(sv[0]);
+    ::close(sv[1]);
+    // The end of stream is seen inside the loop, where the channel closes
+    // itself; it survives until the program has handled its 0x4003.
+    cMsg msg;
+    ASSERT_TRUE(svc.GetMessage(msg));
+    ASSERT_EQ(msg.GetType(), 0x4003u);
+    EXPECT_EQ(msg.GetChannel(), ch);
+    EXPECT_FALSE(deleted);
+    Post(svc, 0x777);
+    EXPECT_EQ(Take(svc), 0x777u);
+    EXPECT_TRUE(deleted);
+
+    // Without the mark it stays the program's.
+    bool kept = false;
+    cSink own(&svc, &kept);
+    Post(svc, 0x4003, &own);
+    Post(svc, 0x777);
+    Take(svc);
+    Take(svc);
+    EXPECT_FALSE(kept);
+}
+
+// The request/answer exchange runs over a real socket in service_ipc_test;
+// here the details a peer cannot see.
+TEST_F(Service, ControlMessagesKeepTheListsInStep)
+{
+    cTestService svc;
+    cSink ch(&svc);
+    auto run = [&](unsigned long type, const cRecord& rec) {
+        cMsg msg(type, &ch, nullptr);
+        msg.SetRecord(rec);
+        svc.OnMsg(msg);
+        Post(svc, 0xABC);
+        std::vector<unsigned long> seen;
+        while (seen.empty() || seen.back() != 0xABC)
+            seen.push_back(Take(svc));
+        return seen;
+    };
+
+    // Unknown unit names get an empty map entry that listings skip; trace
+    // sends clear the channel's write-ready flag.
+    cRecord on, units, u1, u2;
+    u1.AppendTextPar("name", "UnitORVO", 0);
+    u1.AppendTextPar("level", "DEBUG", 0);
+    u2.AppendTextPar("name", "NoSuchUnit", 0);
+    u2.AppendTextPar("level", "INFO", 0);
+    units.AppendRecordPar("a", u1, 0);
+    units.AppendRecordPar("b", u2, 0);
+    on.AppendRecordPar("units", units, 0);
+    EXPECT_EQ(run(0x7000, on), std::vector<unsigned long>{0xABC});
+    EXPECT_EQ(UnitORVO->GetLevel(), DEBUG);
+    ORVO_TRACE(UnitORVO, INFO, "trace to channel");
+    ASSERT_EQ(ch.sent.size(), 1u);
+    EXPECT_EQ(ch.sent[0].GetRecord().GetFirstPar("txt").GetString(), "trace to channel");
+    EXPECT_EQ(ch.flagAtSend[0], 0);
+    ch.Reset();
+    run(0x7006, cRecord());
+    cRecord listed;
+    ASSERT_TRUE(ch.sent.at(0).GetRecord().GetFirstPar("units").GetRecord(listed));
+    EXPECT_TRUE(listed.GetFirstPar("UnitORVO").IsValid());
+    EXPECT_FALSE(listed.GetFirstPar("NoSuchUnit").IsValid());
+
+    // Snoop: the report's keys in order; data messages are not reported.
+    cUuid peerId;
+    peerId.Create();
+    cRecord peer;
+    peer.AppendTextPar("peer-name", "remote", 0);
+    peer.AppendUuidPar("peer-id", peerId, 0);
+    run(0x4002, peer);
+    EXPECT_EQ(ch.GetPeer().id, peerId);
+    run(0x7003, cRecord());
+    ch.Reset();
+    run(0x3001, cRecord());
+    ASSERT_EQ(ch.sent.size(), 1u);   // the marker only
+    EXPECT_EQ(ch.sent[0].GetRecord().GetFirstPar("peer-name").GetString(), "internal");
+    ch.Reset();
+    run(0x555, cRecord());
+    ASSERT_EQ(ch.sent.size(), 2u);
+    const cRecord& rep = ch.sent[0].GetRecord();
+    std::vector<std::string> keys;
+    for (cRecordPar par = rep.GetFirstPar(); par.IsValid(); rep.SeekNextPar(par))
+        keys.push_back(par.GetName());
+    EXPECT_EQ(keys, (std::vector<std::string>{"name", "service-id", "dir", "peer-name", "peer-id",
+                                              "time", "msg-type", "msg-record", "msg-tid"}));
+    EXPECT_EQ(rep.GetFirstPar("peer-name").GetString(), "remote");
+    EXPECT_EQ(rep.GetFirstPar("msg-type").GetUInt(), 0x555u);
+
+    // Closing takes the channel off both lists; the program still gets it.
+    EXPECT_EQ(run(0x4003, cRecord()), (std::vector<unsigned long>{0x4003, 0xABC}));
+    ch.Reset();
+    ORVO_TRACE(UnitORVO, INFO, "after close");
+    Post(svc, 0x1);
+    Take(svc);
+    EXPECT_TRUE(ch.sent.empty());
+}

@@ -1,0 +1,269 @@
+// Base sockets in a running service on 127.0.0.1: the event messages of a
+// connection's life, connect failure, datagrams, and descriptors the select
+// loop must never see (at or above FD_SETSIZE, none left at all). Tests that
+// change the descriptor limit run in a child process with a time limit.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "orvo_service.h"
+#include "orvo_socket.h"
+
+using namespace orvo;
+
+namespace {
+
+class cTestService : public cService {
+public:
+    cTestService() { Init("svc", cSocketAddr("127.0.0.1", 0)); }
+    void ThreadMain() override {}
+};
+
+// Waits for a message of type (from channel ch when given); others of that
+// type go back in the queue. 0x2015 when none came.
+cMsg Await(cService& svc, unsigned long type, cChannel* ch = nullptr, unsigned long ms = 30000)
+{
+    std::vector<cMsg> other;
+    cMsg m;
+    for (;;) {
+        m = svc.WaitSyncMsg(ms, type);
+        if (m != type || ch == nullptr || m.GetChannel() == ch)
+            break;
+        other.push_back(m);
+    }
+    for (cMsg& o : other)
+        svc.OnMsg(o);
+    return m;
+}
+
+std::string Data(const cMsg& m)
+{
+    cRecordPar p = m.GetRecord().GetFirstPar("DATA");
+    return std::string(p.GetData(), size_t(p.GetSize()));
+}
+
+// A port on 127.0.0.1 that nothing listens on.
+unsigned short ClosedPort()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    cSocketAddr a("127.0.0.1", 0);
+    socklen_t len = sizeof(sockaddr_in);
+    bind(fd, a.GetSockAddr(), len);
+    getsockname(fd, a.GetSockAddr(), &len);
+    close(fd);
+    return a.GetPort();
+}
+
+int RawSocket()
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    timeval tv = {20, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    return fd;
+}
+
+bool PeerClosed(int fd)
+{
+    char c;
+    ssize_t r = recv(fd, &c, 1, 0);
+    return r == 0 || (r < 0 && errno == ECONNRESET);
+}
+
+// Runs body in a child process (its own descriptor limits); fails when the
+// body fails, crashes or runs longer than seconds (alarm() ends it).
+void RunInChild(unsigned seconds, const std::function<void()>& body)
+{
+    fflush(stdout);
+    pid_t pid = fork();
+    if (pid == 0) {
+        alarm(seconds);
+        body();
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
+}
+
+// Opens /dev/null until the process limit is reached or the descriptor
+// reaches stop; returns them.
+std::vector<int> FillDescriptors(int stop)
+{
+    std::vector<int> fds;
+    for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;) {
+        if (fd >= stop) {
+            close(fd);
+            break;
+        }
+        fds.push_back(fd);
+    }
+    return fds;
+}
+
+}  // namespace
+
+TEST(TcpSocket, ConnectionLifeIsReportedAsMessages)
+{
+    cTestService svc;
+    cTcpServer<cTcpSocket> server(&svc, cSocketAddr("127.0.0.1", 0), nullptr);
+    ASSERT_EQ(server.Run(), 0);
+    EXPECT_TRUE(server.IsListening());
+    const unsigned short port = server.GetLocalAddress().GetPort();
+    ASSERT_NE(port, 0);
+
+    cTcpSocket client(&svc, nullptr);
+    ASSERT_GT(client.Socket(AF_INET, SOCK_STREAM, 0), 0);
+    ASSERT_EQ(client.Connect(cSocketAddr("127.0.0.1", port)), 0);
+    EXPECT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
+    EXPECT_EQ(Await(svc, MSG_SOCKET_CONNECTED, &client), MSG_SOCKET_CONNECTED);
+    ASSERT_EQ(server.GetClients().size(), 1u);
+    cTcpSocket* accepted = server.GetClients().front();
+    EXPECT_EQ(Await(svc, MSG_SOCKET_CONNECTED, accepted), MSG_SOCKET_CONNECTED);
+    EXPECT_TRUE(client.IsConnected() && accepted->IsConnected());
+    EXPECT_TRUE(accepted->GetDeleteAfterClose());
+    EXPECT_EQ(accepted->GetServer(), &server);
+    EXPECT_EQ(accepted->GetRemoteAddress(), client.GetLocalAddress());
+    EXPECT_EQ(accepted->GetLocalAddress(), client.GetRemoteAddress());
+    EXPECT_EQ(client.ToString(), "name=cSocket, fd=" + std::to_string(client.GetFd()) + "{, localAddr=" +
+                                     client.GetLocalAddress().ToString() + ", remoteAddr=127.0.0.1:" +
+                                     std::to_string(port) + "}");
+
+    // Bytes arrive as 0x3001; the writer hears 0x3002 when it may write again.
+    EXPECT_EQ(client.Write("ping", 4), 4);
+    EXPECT_EQ(Await(svc, MSG_SOCKET_WRITABLE, &client), MSG_SOCKET_WRITABLE);
+    cMsg m = Await(svc, MSG_SOCKET_DATA, accepted);
+    EXPECT_EQ(Data(m), "ping");
+    EXPECT_EQ(client.Send(m), 0);
+
+    // The peer closing: 0x4003, then the service deletes the accepted socket.
+    client.Close();
+    EXPECT_FALSE(client.IsConnected());
+    EXPECT_EQ(Await(svc, MSG_SOCKET_CLOSED, accepted), MSG_SOCKET_CLOSED);
+    svc.WaitSyncMsg(50, 0xFFFFFE);
+    svc.WaitSyncMsg(50, 0xFFFFFE);
+    EXPECT_TRUE(server.GetClients().empty());
+}
+
+TEST(TcpSocket, ConnectToClosedPortReportsTheError)
+{
+    cTestService svc;
+    cTcpSocket c(&svc, nullptr);
+    ASSERT_GT(c.Socket(AF_INET, SOCK_STREAM, 0), 0);
+    c.Connect(cSocketAddr("127.0.0.1", ClosedPort()));
+    cMsg m = Await(svc, MSG_SOCKET_CONNECT_FAILED, &c);
+    ASSERT_EQ(m, MSG_SOCKET_CONNECT_FAILED);
+    EXPECT_EQ(m.GetRecord().GetFirstPar("error").GetUInt(), unsigned(ECONNREFUSED));
+    EXPECT_EQ(m.GetRecord().GetFirstPar("indic").GetString(), strerror(ECONNREFUSED));
+    EXPECT_FALSE(c.IsConnected() || c.IsConnecting());
+    EXPECT_GT(c.GetFd(), 0);    // the owner closes or retries
+    EXPECT_EQ(svc.GetSelectEvents(c.GetFd()), 0);
+}
+
+TEST(UdpSocket, DatagramsCarrySenderAndAreCutAt16384)
+{
+    cTestService svc;
+    cUdpSocket a(&svc, nullptr), b(&svc, nullptr);
+    for (cUdpSocket* s : {&a, &b}) {
+        ASSERT_GT(s->Socket(AF_INET, SOCK_DGRAM, 0), 0);
+        ASSERT_EQ(s->Bind(cSocketAddr("127.0.0.1", 0)), 0);
+        EXPECT_EQ(svc.GetSelectEvents(s->GetFd()), SELECT_READ);
+    }
+    EXPECT_EQ(a.SendTo(b.GetLocalAddress(), "hello", 5), 5);
+    EXPECT_EQ(a.GetRemoteAddress(), b.GetLocalAddress());
+    cMsg m = Await(svc, MSG_SOCKET_DATA, &b);
+    EXPECT_EQ(m.GetRecord().GetFirstPar("ADDR").GetString(), a.GetLocalAddress().ToString());
+    EXPECT_EQ(Data(m), "hello");
+    EXPECT_EQ(b.GetRemoteAddress(), a.GetLocalAddress());
+
+    std::string big(20000, 'a');
+    big[16383] = 'z';
+    EXPECT_EQ(a.SendTo(b.GetLocalAddress(), big.data(), int(big.size())), 20000);
+    EXPECT_EQ(Data(Await(svc, MSG_SOCKET_DATA, &b)), big.substr(0, 16384));
+    EXPECT_EQ(a.Send(m), -1);
+}
+
+TEST(TcpSocket, AcceptedSocketOutlivesItsListener)
+{
+    cTestService svc;
+    cTcpSocket* listener = new cTcpSocket(&svc, nullptr);
+    ASSERT_GT(listener->Socket(AF_INET, SOCK_STREAM, 0), 0);
+    ASSERT_EQ(listener->Bind(cSocketAddr("127.0.0.1", 0)), 0);
+    ASSERT_EQ(listener->Listen(5), 0);
+    cTcpSocket client(&svc, nullptr);
+    client.Socket(AF_INET, SOCK_STREAM, 0);
+    client.Connect(listener->GetLocalAddress());
+    cMsg m = Await(svc, MSG_SOCKET_ACCEPTED, listener);
+    do {
+        m = Await(svc, MSG_SOCKET_CONNECTED);
+    } while (m == MSG_SOCKET_CONNECTED && m.GetChannel() == &client);
+    ASSERT_EQ(m, MSG_SOCKET_CONNECTED);
+    cTcpSocket* accepted = static_cast<cTcpSocket*>(m.GetChannel());
+    EXPECT_EQ(accepted->GetServer(), listener);
+    delete listener;
+    delete accepted;    // must not call back into the deleted listener
+}
+
+TEST(TcpSocket, DescriptorsTheLoopCannotWatchAreRefused)
+{
+    rlimit rl;
+    getrlimit(RLIMIT_NOFILE, &rl);
+    if (rl.rlim_max < FD_SETSIZE + 64)
+        GTEST_SKIP() << "RLIMIT_NOFILE hard limit " << rl.rlim_max << " does not reach above FD_SETSIZE";
+    RunInChild(120, [] {
+        rlimit raised = {FD_SETSIZE + 64, FD_SETSIZE + 64};
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+        cTestService svc;
+        cTcpServer<cTcpSocket> server(&svc, cSocketAddr("127.0.0.1", 0), nullptr);
+        ASSERT_EQ(server.Run(), 0);
+        const cSocketAddr to = server.GetLocalAddress();
+        std::vector<int> low = FillDescriptors(FD_SETSIZE);
+        cTcpSocket s(&svc, nullptr);
+        errno = 0;
+        EXPECT_EQ(s.Socket(AF_INET, SOCK_STREAM, 0), -1);
+        EXPECT_EQ(errno, EMFILE);
+
+        // An accepted connection would get a descriptor above the sets:
+        // closed at once, never announced.
+        int peers[3];
+        for (int& p : peers)
+            p = RawSocket();
+        ASSERT_EQ(connect(peers[0], to.GetSockAddr(), sizeof(sockaddr_in)), 0);
+        EXPECT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server, 500), 0x2015u);
+        EXPECT_TRUE(PeerClosed(peers[0]));
+
+        // No descriptor at all: refused through the spare descriptor, and the
+        // loop then sleeps instead of retrying accept.
+        std::vector<int> high = FillDescriptors(INT32_MAX);
+        ASSERT_EQ(errno, EMFILE);
+        ASSERT_EQ(connect(peers[1], to.GetSockAddr(), sizeof(sockaddr_in)), 0);
+        EXPECT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server, 500), 0x2015u);
+        EXPECT_TRUE(PeerClosed(peers[1]));
+        rusage before, after;
+        getrusage(RUSAGE_SELF, &before);
+        svc.WaitSyncMsg(1000, 0xFFFFFE);
+        getrusage(RUSAGE_SELF, &after);
+        auto ms = [](const rusage& r) {
+            return (r.ru_utime.tv_sec + r.ru_stime.tv_sec) * 1000L + (r.ru_utime.tv_usec + r.ru_stime.tv_usec) / 1000;
+        };
+        EXPECT_LT(ms(after) - ms(before), 500);
+
+        // Room below FD_SETSIZE again: accepted.
+        close(low[0]);
+        ASSERT_EQ(connect(peers[2], to.GetSockAddr(), sizeof(sockaddr_in)), 0);
+        EXPECT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
+        EXPECT_EQ(server.GetClients().size(), 1u);
+    });
+}
