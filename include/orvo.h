@@ -23,4 +23,7 @@
 #include "orvo_socket.h"
 #include "orvo_msgsocket.h"
 #include "orvo_service.h"
+#include "orvo_timer.h"
 #include "orvo_msgthread.h"
+#include "orvo_statem.h"
+#include "orvo_process.h"

@@ -38,7 +38,8 @@ public:
     cObject() = default;
     cObject(const cObject&) = default;
     cObject& operator=(const cObject&) = default;
-    virtual ~cObject();
+    // Inline: every record view and record destroys one, on hot paths.
+    virtual ~cObject() = default;
 
     void SetObjName(const std::string& name) { m_ObjName = name; }
     std::string GetObjName() const { return m_ObjName; }

@@ -25,6 +25,13 @@ ORVO_API extern const int DayOfMonth[12];
 // the clock of every time-out and interval. Thread-safe.
 ORVO_API long long GetMsecClock();
 
+// Time seam for tests: when set, GetMsecClock() returns func() instead of
+// the monotonic clock, so timer due times and late wake-ups can be driven
+// without waiting. Null restores the system clock. Process-wide; set it
+// before the services whose timers it is to drive run.
+using tMsecClockFunc = long long (*)();
+ORVO_API void SetMsecClockOverride(tMsecClockFunc func);
+
 class ORVO_API cTime : public cObject {
 public:
     // The epoch with seconds and milliseconds 0, but calendar fields all zero

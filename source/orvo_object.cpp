@@ -13,8 +13,6 @@ void AssertFailed(const char* expr, const char* family, const char* function)
     std::abort();
 }
 
-cObject::~cObject() = default;
-
 std::string cObject::ToString() const
 {
     return "name=" + m_ObjName;

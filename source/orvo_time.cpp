@@ -18,6 +18,7 @@ const int DayOfMonth[12] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
 namespace {
 
 std::atomic<cTime::tClockFunc> gClockOverride{nullptr};
+std::atomic<tMsecClockFunc> gMsecClockOverride{nullptr};
 
 bool IsLeapYear(int64_t year)
 {
@@ -79,8 +80,16 @@ int ReadNumber16(const char* p, const char** end)
 
 }  // namespace
 
+void SetMsecClockOverride(tMsecClockFunc func)
+{
+    gMsecClockOverride.store(func);
+}
+
 long long GetMsecClock()
 {
+    const tMsecClockFunc clock = gMsecClockOverride.load();
+    if (clock != nullptr)
+        return clock();
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
