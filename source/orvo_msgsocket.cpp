@@ -223,9 +223,11 @@ void cTpktTcpSocket::OnWrite()
     {
         cFrameLockGuard lock;
         if (m_SendBuffer.size() > 0) {
-            int written = cChannel::Write(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
+            int written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
             if (written > 0)
                 m_SendBuffer.popfront(static_cast<unsigned long>(written));
+            // OnSelectWrite re-registers: write readiness only while bytes wait.
+            SetWritePending(m_SendBuffer.size() > 0);
             return;
         }
     }
@@ -284,12 +286,21 @@ int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, cons
         return -2;
     }
     QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 3);
-    int written = cChannel::Write(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
-    if (written > 0) {
+    // Frames already waiting for writability go out with the flush; writing
+    // now would only meet a full socket again.
+    if (IsWritePending())
+        return static_cast<int>(total);
+    int written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
+    if (written > 0)
         m_SendBuffer.popfront(static_cast<unsigned long>(written));
-        return written;
+    if (m_SendBuffer.size() > 0) {
+        // While connecting the registration belongs to the connect; the
+        // flag alone makes the connect ask for write readiness.
+        SetWritePending(true);
+        if (IsConnected())
+            UpdateSelect();
     }
-    return static_cast<int>(total);
+    return written > 0 ? written : static_cast<int>(total);
 }
 
 void cTpktTcpSocket::OnPacketRead(unsigned char /*type*/, const void* /*payload*/, int /*size*/)

@@ -99,13 +99,18 @@ void cThread::Terminate()
     m_Thread = 0;
 }
 
+namespace {
+thread_local pid_t tCachedTid = 0;
+void ForgetTidInChild() { tCachedTid = 0; }
+}
 pid_t cThread::GetCurrentThreadId()
 {
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || (__GLIBC__ == 2 && __GLIBC_MINOR__ >= 30))
-    return gettid();
-#else
-    return static_cast<pid_t>(syscall(SYS_gettid));
-#endif
+    if (tCachedTid == 0) {
+        static const int once = pthread_atfork(nullptr, nullptr, &ForgetTidInChild);
+        (void)once;
+        tCachedTid = static_cast<pid_t>(syscall(SYS_gettid));
+    }
+    return tCachedTid;
 }
 
 // ------------------------------------------------------- cCriticalSection

@@ -158,15 +158,22 @@ cMsgTcpSocket* Connect(cService& a, uint16_t port)
 class ServiceIpc : public testing::Test {
 protected:
     static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
-    void SetUp() override { m_Fds = CountFds(); }
+    void SetUp() override
+    {
+        m_Fds = CountFds();
+        m_SavedStatemOnMsg = svchooks::StatemOnMsg;
+        m_SavedStatemService = svchooks::StatemService;
+    }
     void TearDown() override
     {
         cService::SetStopFlag(false);
-        svchooks::StatemOnMsg = nullptr;
-        svchooks::StatemService = nullptr;
+        svchooks::StatemOnMsg = m_SavedStatemOnMsg;
+        svchooks::StatemService = m_SavedStatemService;
         EXPECT_EQ(CountFds(), m_Fds) << "descriptors left open";
     }
     int m_Fds = 0;
+    svchooks::tStatemOnMsg m_SavedStatemOnMsg = nullptr;
+    svchooks::tStatemService m_SavedStatemService = nullptr;
 };
 
 }  // namespace

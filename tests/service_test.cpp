@@ -92,6 +92,8 @@ protected:
     static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
     void SetUp() override
     {
+        m_SavedStatemOnMsg = svchooks::StatemOnMsg;
+        m_SavedTimerExec = svchooks::TimerExec;
         svchooks::StatemOnMsg = [](cStateMachine* sm, cMsg& msg) {
             reinterpret_cast<sFake*>(sm)->got.push_back(msg.GetType());
         };
@@ -105,12 +107,14 @@ protected:
     }
     void TearDown() override
     {
-        svchooks::StatemOnMsg = nullptr;
-        svchooks::TimerExec = nullptr;
+        svchooks::StatemOnMsg = m_SavedStatemOnMsg;
+        svchooks::TimerExec = m_SavedTimerExec;
         SetTraceLevel(UnitORVO, ERROR);
         SetTraceOut(UnitORVO, OUTPUT_NONE);
         cService::SetStopFlag(false);
     }
+    svchooks::tStatemOnMsg m_SavedStatemOnMsg = nullptr;
+    svchooks::tTimerExec m_SavedTimerExec = nullptr;
     static unsigned long Take(cService& svc)
     {
         cMsg msg;
