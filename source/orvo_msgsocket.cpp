@@ -96,6 +96,26 @@ int TraceLength(long long total)
     return total > INT_MAX ? INT_MAX : static_cast<int>(total);
 }
 
+// The frame length for the pieces, or -1 with errno set when a piece length
+// is negative (EINVAL) or the frame does not fit a frame buffer (E2BIG,
+// traced in the name of the sending class).
+long long CheckedFrameTotal(const char* sender, const tPiece* pieces, int count)
+{
+    const long long total = FrameTotal(pieces, count);
+    if (total < 0) {
+        errno = EINVAL;
+        return -1;
+    }
+    if (total >= static_cast<long long>(kFrameBufferSize)) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("%s::WritePacket error: packet size %i to large, support only %ikB",
+                                sender, TraceLength(total), 191));
+        errno = E2BIG;
+        return -1;
+    }
+    return total;
+}
+
 }  // namespace
 
 // ------------------------------------------------------------- cFrameReader
@@ -262,19 +282,9 @@ int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, cons
                                 const void* p3, int n3)
 {
     const tPiece pieces[3] = {{p1, n1}, {p2, n2}, {p3, n3}};
-    const long long total = FrameTotal(pieces, 3);
-    if (total < 0) {
-        errno = EINVAL;
+    const long long total = CheckedFrameTotal("cTpktTcpSocket", pieces, 3);
+    if (total < 0)
         return -1;
-    }
-    if (total >= static_cast<long long>(kFrameBufferSize)) {
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("cTpktTcpSocket::WritePacket error: packet size %i to large, "
-                                "support only %ikB",
-                                TraceLength(total), 191));
-        errno = E2BIG;
-        return -1;
-    }
 
     cFrameLockGuard lock;
     if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {
@@ -353,19 +363,9 @@ int cTpktUdpSocket::SendTo(const cSocketAddr& to, unsigned char type, const void
                            const void* p2, int n2, const void* p3, int n3, const void* p4, int n4)
 {
     const tPiece pieces[4] = {{p1, n1}, {p2, n2}, {p3, n3}, {p4, n4}};
-    const long long total = FrameTotal(pieces, 4);
-    if (total < 0) {
-        errno = EINVAL;
+    const long long total = CheckedFrameTotal("cTpktUdpSocket", pieces, 4);
+    if (total < 0)
         return -1;
-    }
-    if (total >= static_cast<long long>(kFrameBufferSize)) {
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("cTpktUdpSocket::WritePacket error: packet size %i to large, "
-                                "support only %ikB",
-                                TraceLength(total), 191));
-        errno = E2BIG;
-        return -1;
-    }
 
     cFrameLockGuard lock;
     if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {

@@ -612,39 +612,38 @@ int cTcpSocket::InitSSL(std::string& reason)
     return 0;
 }
 
-int cTcpSocket::ConnectSSL(std::string& reason)
+// One TLS handshake call's outcome: 0 done, 1 the call wants more I/O, -1
+// failed (traced as "<what> error, reason=..."; reason takes OpenSSL's text
+// when it has one).
+static int HandshakeStep(SSL* ssl, int result, const char* what, std::string& reason)
 {
-    if (m_pSsl == nullptr)
-        return 0;
-    int result = SSL_connect(m_pSsl);
     if (result == 1)
         return 0;
-    int err = SSL_get_error(m_pSsl, result);
+    int err = SSL_get_error(ssl, result);
     if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE)
         return 1;
     std::string text = TlsReason(err);
     if (!text.empty())
         reason = text;
-    ORVO_TRACE(UnitORVO, ERROR, FormatString("SSL_connect error, reason=%s", reason.c_str()));
+    ORVO_TRACE(UnitORVO, ERROR, FormatString("%s error, reason=%s", what, reason.c_str()));
     return -1;
+}
+
+int cTcpSocket::ConnectSSL(std::string& reason)
+{
+    if (m_pSsl == nullptr)
+        return 0;
+    return HandshakeStep(m_pSsl, SSL_connect(m_pSsl), "SSL_connect", reason);
 }
 
 int cTcpSocket::AcceptSSL(std::string& reason)
 {
     if (m_pSsl == nullptr)
         return 0;
-    int result = SSL_accept(m_pSsl);
-    if (result == 1)
-        return 0;
-    int err = SSL_get_error(m_pSsl, result);
-    if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE)
-        return 1;
-    std::string text = TlsReason(err);
-    if (!text.empty())
-        reason = text;
-    ORVO_TRACE(UnitORVO, ERROR, FormatString("AcceptSSL error, reason=%s", reason.c_str()));
-    Close();
-    return -1;
+    int step = HandshakeStep(m_pSsl, SSL_accept(m_pSsl), "AcceptSSL", reason);
+    if (step < 0)
+        Close();
+    return step;
 }
 
 // --------------------------------------------------------------- cUdpSocket
