@@ -384,6 +384,14 @@ private:
     // value pieces v1 and v2 (either may be null/0).
     ORVO_RECORD_INTERNAL void AppendElement(uint32_t TypeWord, const char* Name, const void* v1,
                                             int n1, const void* v2 = nullptr, int n2 = 0);
+    // AppendElement for a value that is one varint, followed by Tail's
+    // TailSize bytes (none when Tail is null); written in place.
+    ORVO_RECORD_INTERNAL void AppendVarintElement(uint32_t TypeWord, const char* Name, uint64_t Value,
+                                                  const void* Tail = nullptr, int TailSize = 0);
+    // AppendElement's path when Reserve has to reallocate (or assert).
+    ORVO_RECORD_INTERNAL void AppendElementSlow(uint32_t TypeWord, const char* Name, size_t nameSize,
+                                                uint32_t length, const void* v1, int n1,
+                                                const void* v2, int n2);
     // The first match at or behind p; null when none. When pFound is given
     // it receives the decoded match.
     ORVO_RECORD_INTERNAL const char* Find(const char* p, const char* Name, int Type, int Sel,

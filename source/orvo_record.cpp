@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -79,14 +80,9 @@ const char* GetVarint32(const char* p, const char* end, uint32_t& v)
 
 uint32_t SelMask(int Sel)
 {
-    uint32_t mask = 0;
-    if (Sel & 1)
-        mask |= 0x0F;
-    if (Sel & 2)
-        mask |= 0x10;
-    if (Sel & 4)
-        mask |= 0x1E0;
-    return mask;
+    // Bit 0: 0x0F, bit 1: 0x10, bit 2: 0x1E0; higher bits are ignored.
+    static const uint32_t kMasks[8] = {0x000, 0x00F, 0x010, 0x01F, 0x1E0, 0x1EF, 0x1F0, 0x1FF};
+    return kMasks[static_cast<unsigned>(Sel) & 7u];
 }
 
 bool DecodeElement(const char* p, const char* end, tElement& e)
@@ -126,6 +122,41 @@ inline const char* Varint32(const char* p, const char* end, uint32_t& v)
         return p + 1;
     }
     return GetVarint32(p, end, v);
+}
+
+// Values: up to five bytes (32 bits) or nine bytes (63 bits) decoded without
+// the general loop's shift tests; longer or unterminated forms take the
+// general decoder, which gives the same result for the forms handled here.
+inline const char* ValueVarint32(const char* p, const char* end, uint32_t& v)
+{
+    const ptrdiff_t avail = end - p;
+    const int n = avail < 5 ? static_cast<int>(avail) : 5;
+    uint32_t r = 0;
+    for (int i = 0; i < n; ++i) {
+        const uint32_t b = static_cast<unsigned char>(p[i]);
+        r |= (b & 0x7F) << (7 * i);
+        if ((b & 0x80) == 0) {
+            v = r;
+            return p + i + 1;
+        }
+    }
+    return GetVarint32(p, end, v);
+}
+
+inline const char* ValueVarint64(const char* p, const char* end, uint64_t& v)
+{
+    const ptrdiff_t avail = end - p;
+    const int n = avail < 9 ? static_cast<int>(avail) : 9;
+    uint64_t r = 0;
+    for (int i = 0; i < n; ++i) {
+        const uint64_t b = static_cast<unsigned char>(p[i]);
+        r |= (b & 0x7F) << (7 * i);
+        if ((b & 0x80) == 0) {
+            v = r;
+            return p + i + 1;
+        }
+    }
+    return GetVarint64(p, end, v);
 }
 
 // Ordered pointer tests without comparing unrelated pointers directly.
@@ -263,7 +294,8 @@ void cRecordPar::Invalidate()
     m_Type = 0;
 }
 
-int cRecordPar::SetDecoded(const cRecord* pIRec, const char* p, const tElement& e)
+__attribute__((always_inline)) inline int cRecordPar::SetDecoded(const cRecord* pIRec, const char* p,
+                                                             const tElement& e)
 {
     // The record's own buffer satisfies the block invariant already, so it
     // is shared without Create's checks.
@@ -405,7 +437,7 @@ unsigned int cRecordPar::GetUInt() const
     const uint32_t type = m_Type & 0x0F;
     if (type == RECORD_SINT || type == RECORD_UINT) {
         uint32_t v = 0;
-        if (Varint32(m_pValue, m_pValue + m_ValueSize, v) == nullptr)
+        if (ValueVarint32(m_pValue, m_pValue + m_ValueSize, v) == nullptr)
             return 0;
         return v;
     }
@@ -428,11 +460,8 @@ unsigned long long cRecordPar::GetUInt64() const
         return 0;
     const uint32_t type = m_Type & 0x0F;
     if (type == RECORD_SINT64 || type == RECORD_UINT64) {
-        const char* end = m_pValue + m_ValueSize;
-        if (m_pValue < end && (static_cast<unsigned char>(*m_pValue) & 0x80) == 0)
-            return static_cast<unsigned char>(*m_pValue);
         uint64_t v = 0;
-        if (GetVarint64(m_pValue, end, v) == nullptr)
+        if (ValueVarint64(m_pValue, m_pValue + m_ValueSize, v) == nullptr)
             return 0;
         return v;
     }
@@ -730,8 +759,37 @@ inline char* PutElement(char* p, uint32_t TypeWord, uint32_t length, const char*
 
 }  // namespace
 
-void cRecord::AppendElement(uint32_t TypeWord, const char* Name, const void* v1, int n1,
-                            const void* v2, int n2)
+// The record does not yet hold a block of its own with the capacity needed:
+// Reserve reallocates (or asserts), keeping sources inside the old bytes
+// alive until they are copied.
+__attribute__((noinline)) void cRecord::AppendElementSlow(uint32_t TypeWord, const char* Name,
+                                                         size_t nameSize, uint32_t length,
+                                                         const void* v1, int n1, const void* v2,
+                                                         int n2)
+{
+    const int Size = static_cast<int>(length) + 20;
+    // A source inside our own bytes would be freed by a reallocation.
+    const char* lo = m_Buffer.GetBuffer();
+    if (lo != nullptr) {
+        const char* hi = lo + m_Buffer.GetBufferSize();
+        if (InRange(Name, lo, hi) || InRange(v1, lo, hi) || InRange(v2, lo, hi)) {
+            const cMemBuffer keep(m_Buffer);
+            Reserve(Size);
+            m_pEnd = PutElement(m_pEnd, TypeWord, length, Name, nameSize, v1,
+                                static_cast<size_t>(n1), v2, static_cast<size_t>(n2));
+            return;
+        }
+    }
+    Reserve(Size);
+    m_pEnd = PutElement(m_pEnd, TypeWord, length, Name, nameSize, v1, static_cast<size_t>(n1), v2,
+                        static_cast<size_t>(n2));
+}
+
+// Inlined into every append, so that constant value sizes and absent second
+// pieces fold away.
+__attribute__((always_inline)) inline void cRecord::AppendElement(uint32_t TypeWord, const char* Name,
+                                                                  const void* v1, int n1,
+                                                                  const void* v2, int n2)
 {
     if (Name == nullptr)
         return;
@@ -742,26 +800,48 @@ void cRecord::AppendElement(uint32_t TypeWord, const char* Name, const void* v1,
     const size_t nameSize = std::strlen(Name) + 1;
     const long long length = static_cast<long long>(nameSize) + n1 + n2;
     ORVO_ASSERT(length + 20 <= INT_MAX);
-    const int Size = static_cast<int>(length) + 20;
-
-    // A source inside our own bytes would be freed by a reallocation; that
-    // can only happen when the block is not already ours with the capacity
-    // needed.
-    const char* lo = m_Buffer.GetBuffer();
-    if (lo != nullptr &&
-        !m_Buffer.IsPrivateWhole(static_cast<int>((GetSize() + static_cast<long long>(Size) + 1024) & ~1023LL))) {
-        const char* hi = lo + m_Buffer.GetBufferSize();
-        if (InRange(Name, lo, hi) || InRange(v1, lo, hi) || InRange(v2, lo, hi)) {
-            const cMemBuffer keep(m_Buffer);
-            Reserve(Size);
-            m_pEnd = PutElement(m_pEnd, TypeWord, static_cast<uint32_t>(length), Name, nameSize,
-                                v1, static_cast<size_t>(n1), v2, static_cast<size_t>(n2));
-            return;
-        }
+    const long long OldSize = GetSize();
+    const long long capacity = (OldSize + length + 20 + 1024) & ~1023LL;
+    // Already private with exactly this capacity (the common append):
+    // Reserve's checks hold and it would change nothing, so the element is
+    // written straight away.
+    if (OldSize >= 0 && capacity <= INT_MAX && m_Buffer.IsPrivateWhole(static_cast<int>(capacity))) {
+        m_pEnd = PutElement(m_pEnd, TypeWord, static_cast<uint32_t>(length), Name, nameSize, v1,
+                            static_cast<size_t>(n1), v2, static_cast<size_t>(n2));
+        return;
     }
-    Reserve(Size);
-    m_pEnd = PutElement(m_pEnd, TypeWord, static_cast<uint32_t>(length), Name, nameSize,
-                        v1, static_cast<size_t>(n1), v2, static_cast<size_t>(n2));
+    AppendElementSlow(TypeWord, Name, nameSize, static_cast<uint32_t>(length), v1, n1, v2, n2);
+}
+
+// An element whose value is one varint (and for a record element the child's
+// bytes behind it), written straight into the record.
+__attribute__((always_inline)) inline void cRecord::AppendVarintElement(uint32_t TypeWord,
+                                                                        const char* Name,
+                                                                        uint64_t Value,
+                                                                        const void* Tail,
+                                                                        int TailSize)
+{
+    if (Name == nullptr)
+        return;
+    const size_t nameSize = std::strlen(Name) + 1;
+    if (Tail == nullptr || TailSize < 0)
+        TailSize = 0;
+    const int n = VarintSize(Value);
+    const long long length = static_cast<long long>(nameSize) + n + TailSize;
+    ORVO_ASSERT(length + 20 <= INT_MAX);
+    const long long OldSize = GetSize();
+    const long long capacity = (OldSize + length + 20 + 1024) & ~1023LL;
+    if (OldSize >= 0 && capacity <= INT_MAX && m_Buffer.IsPrivateWhole(static_cast<int>(capacity))) {
+        char* p = PutElement(m_pEnd, TypeWord, static_cast<uint32_t>(length), Name, nameSize,
+                             nullptr, 0, nullptr, 0);
+        p = PutVarint(p, Value);
+        CopyBytes(p, Tail, static_cast<size_t>(TailSize));
+        m_pEnd = p + TailSize;
+        return;
+    }
+    char v[10];
+    PutVarint(v, Value);
+    AppendElementSlow(TypeWord, Name, nameSize, static_cast<uint32_t>(length), v, n, Tail, TailSize);
 }
 
 namespace {
@@ -797,16 +877,12 @@ void cRecord::AppendTextPar(const char* Name, const std::string& Value, int Flag
 
 void cRecord::AppendSIntPar(const char* Name, int Value, int Flags)
 {
-    char v[10];
-    const int n = static_cast<int>(PutVarint(v, static_cast<uint32_t>(Value)) - v);
-    AppendElement(TypeWord(Flags, RECORD_SINT), Name, v, n);
+    AppendVarintElement(TypeWord(Flags, RECORD_SINT), Name, static_cast<uint32_t>(Value));
 }
 
 void cRecord::AppendUIntPar(const char* Name, unsigned int Value, int Flags)
 {
-    char v[10];
-    const int n = static_cast<int>(PutVarint(v, static_cast<uint32_t>(Value)) - v);
-    AppendElement(TypeWord(Flags, RECORD_UINT), Name, v, n);
+    AppendVarintElement(TypeWord(Flags, RECORD_UINT), Name, static_cast<uint32_t>(Value));
 }
 
 void cRecord::AppendTimePar(const char* Name, const cTime& Value, int Flags)
@@ -825,12 +901,11 @@ void cRecord::AppendDataPar(const char* Name, const void* p, int Size, int Flags
 
 void cRecord::AppendRecordPar(const char* Name, const cRecord& Rec, int Flags)
 {
-    char v[10];
-    const int n = static_cast<int>(PutVarint(v, static_cast<uint32_t>(Rec.GetSize())) - v);
     uint32_t type = TypeWord(Flags, RECORD_RECORD);
     if (Rec.IsEmpty())
         type |= RECORD_FLAG_EMPTY;
-    AppendElement(type, Name, v, n, Rec.IsEmpty() ? nullptr : Rec.GetBuffer(), Rec.GetSize());
+    AppendVarintElement(type, Name, static_cast<uint32_t>(Rec.GetSize()),
+                        Rec.IsEmpty() ? nullptr : Rec.GetBuffer(), Rec.GetSize());
 }
 
 void cRecord::AppendIRecPar(const char* Name, const cRecordList& List, int Flags)
@@ -849,16 +924,12 @@ void cRecord::AppendUuidPar(const char* Name, const cUuid& Value, int Flags)
 
 void cRecord::AppendSInt64Par(const char* Name, long long Value, int Flags)
 {
-    char v[10];
-    const int n = static_cast<int>(PutVarint(v, static_cast<uint64_t>(Value)) - v);
-    AppendElement(TypeWord(Flags, RECORD_SINT64), Name, v, n);
+    AppendVarintElement(TypeWord(Flags, RECORD_SINT64), Name, static_cast<uint64_t>(Value));
 }
 
 void cRecord::AppendUInt64Par(const char* Name, unsigned long long Value, int Flags)
 {
-    char v[10];
-    const int n = static_cast<int>(PutVarint(v, static_cast<uint64_t>(Value)) - v);
-    AppendElement(TypeWord(Flags, RECORD_UINT64), Name, v, n);
+    AppendVarintElement(TypeWord(Flags, RECORD_UINT64), Name, static_cast<uint64_t>(Value));
 }
 
 void cRecord::AppendBoolPar(const char* Name, bool Value, int Flags)
@@ -995,51 +1066,39 @@ inline uint64_t ZeroBytes(uint64_t w)
     return (w - 0x0101010101010101ULL) & ~w & 0x8080808080808080ULL;
 }
 
-// The name searched for, prepared once per search. A name of up to seven
-// characters is compared together with its NUL as one word.
-struct tKey {
-    explicit tKey(const char* Name) : name(Name)
-    {
-        if (Name == nullptr) {
-            shortName = true;   // bytes 0: every name matches
-            return;
-        }
-        while (size < 8 && Name[size] != 0) {
-            word |= static_cast<uint64_t>(static_cast<unsigned char>(Name[size])) << (8 * size);
-            ++size;
-        }
-        if (size < 8) {
-            shortName = true;
-            bytes = ~0ULL >> (56 - 8 * size);   // the name and its NUL
-        } else {
-            size += std::strlen(Name + 8);
-        }
+// Whether the element name q is Name (any name when Name is null). The
+// caller has checked that q's NUL lies inside the element; the compare stops
+// at the first difference or at that NUL, so neither name is read past its
+// NUL.
+inline bool SameName(const char* q, const char* Name)
+{
+    if (Name == nullptr)
+        return true;
+    for (size_t i = 0;; ++i) {
+        const char c = q[i];
+        if (c != Name[i])
+            return false;
+        if (c == 0)
+            return true;
     }
-    // Whether the element name at q with its NUL at nul is this name.
-    bool Matches(const char* q, const char* nul) const
-    {
-        return name == nullptr ||
-               (static_cast<size_t>(nul - q) == size && std::memcmp(q, name, size) == 0);
-    }
-    const char* name;       // null: any name
-    size_t size = 0;        // characters before the NUL
-    bool shortName = false; // compared by word and bytes below
-    uint64_t word = 0;      // the name's bytes, then zero
-    uint64_t bytes = 0;     // mask of the name's bytes and its NUL
-};
+}
 
 }  // namespace
 
-const char* cRecord::Find(const char* p, const char* Name, int Type, int Sel, tElement* pFound) const
+namespace {
+
+// The search behind cRecord::Find, inlined into the look-ups: the first
+// element at or behind p (p not null) inside [p, end) whose name is Name and
+// whose type word & mask is want; null when none or when the walk meets a
+// damaged element first. e receives the decoded match.
+__attribute__((always_inline)) inline const char* FindElement(const char* p, const char* const end,
+                                                              const char* Name, uint32_t mask,
+                                                              uint32_t want, tElement& e)
 {
-    if (p == nullptr)
-        return nullptr;
-    const uint32_t mask = SelMask(Sel);
-    const uint32_t want = static_cast<uint32_t>(Type);
-    const char* const end = m_pEnd;
-    const tKey key(Name);
-    const uint64_t keyWord = key.word;
-    const uint64_t keyBytes = key.bytes;
+    // Most passed elements differ from the searched name in their first
+    // byte; only a hit on it is compared in full. Any name: no byte tested.
+    const uint64_t firstMask = Name != nullptr ? 0xFF : 0;
+    const uint64_t first = Name != nullptr ? static_cast<unsigned char>(Name[0]) : 0;
     uint32_t type = 0;
     uint32_t length = 0;
     const char* q = nullptr;
@@ -1048,60 +1107,72 @@ const char* cRecord::Find(const char* p, const char* Name, int Type, int Sel, tE
         // The common case: one-byte type word and length, a name of up to
         // seven characters and eight bytes to look at behind the length.
         // The name's NUL must lie inside the element, or the walk ends here.
-        if (key.shortName) {
-            while (end - p >= 10) {
-                type = static_cast<unsigned char>(p[0]);
-                length = static_cast<unsigned char>(p[1]);
-                if (((type | length) & 0x80) != 0)
-                    break;
-                q = p + 2;
-                if (static_cast<uintptr_t>(end - q) < length)
-                    return nullptr;
-                const uint64_t w = Load64(q);
-                const uint64_t z = ZeroBytes(w);
-                if (z == 0)
-                    break;
-                const uint32_t at = static_cast<uint32_t>(__builtin_ctzll(z)) >> 3;
-                if (at >= length)
-                    return nullptr;
-                // Same bytes up to and including the NUL: the same name.
-                if (((w ^ keyWord) & keyBytes) == 0 && (type & mask) == want) {
-                    nul = q + at;
-                    goto found;
-                }
-                p = q + length;
-            }
-            if (p >= end)
+        while (end - p >= 10) {
+            uint16_t head;
+            std::memcpy(&head, p, sizeof head);
+            if ((head & 0x8080) != 0)
                 break;
+            type = static_cast<unsigned char>(p[0]);
+            length = static_cast<unsigned char>(p[1]);
+            q = p + 2;
+            if (static_cast<uintptr_t>(end - q) < length)
+                return nullptr;
+            const uint64_t w = Load64(q);
+            const uint64_t z = ZeroBytes(w);
+            if (z == 0)
+                break;
+            const uint32_t at = static_cast<uint32_t>(__builtin_ctzll(z)) >> 3;
+            if (at >= length)
+                return nullptr;
+            if (((w ^ first) & firstMask) == 0 && (type & mask) == want && SameName(q, Name)) {
+                nul = q + at;
+                goto found;
+            }
+            p = q + length;
         }
+        if (p >= end)
+            break;
         q = Varint32(p, end, type);
         if (q == nullptr || (q = Varint32(q, end, length)) == nullptr ||
             static_cast<uintptr_t>(end - q) < length)
             return nullptr;
         if ((nul = static_cast<const char*>(std::memchr(q, 0, length))) == nullptr)
             return nullptr;
-        if (key.Matches(q, nul) && (type & mask) == want)
+        if ((type & mask) == want && SameName(q, Name))
             goto found;
         p = q + length;
     }
     return nullptr;
 
 found:
-    if (pFound != nullptr) {
-        pFound->type = type;
-        pFound->name = q;
-        pFound->value = nul + 1;
-        pFound->valueSize = static_cast<uint32_t>(q + length - (nul + 1));
-        pFound->next = q + length;
-    }
+    e.type = type;
+    e.name = q;
+    e.value = nul + 1;
+    e.valueSize = static_cast<uint32_t>(q + length - (nul + 1));
+    e.next = q + length;
+    return p;
+}
+
+}  // namespace
+
+const char* cRecord::Find(const char* p, const char* Name, int Type, int Sel, tElement* pFound) const
+{
+    if (p == nullptr)
+        return nullptr;
+    tElement e;
+    p = FindElement(p, m_pEnd, Name, SelMask(Sel), static_cast<uint32_t>(Type), e);
+    if (p != nullptr && pFound != nullptr)
+        *pFound = e;
     return p;
 }
 
 cRecordPar cRecord::GetFirstPar(const char* Name, int Type, int Sel) const
 {
     cRecordPar Par;
+    if (m_pBuffer == nullptr)
+        return Par;
     tElement e;
-    const char* p = Find(m_pBuffer, Name, Type, Sel, &e);
+    const char* p = FindElement(m_pBuffer, m_pEnd, Name, SelMask(Sel), static_cast<uint32_t>(Type), e);
     if (p != nullptr)
         Par.SetDecoded(this, p, e);
     return Par;

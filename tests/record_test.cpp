@@ -418,6 +418,62 @@ TEST(Record, SearchAcrossNameAndVarintSizes)
     }
 }
 
+TEST(Record, VarintValuesAndNameHits)
+{
+    // Every varint length for 32- and 64-bit values, against the reference
+    // encoder; read back from a block of exactly the record's size.
+    for (int k = 0; k <= 64; ++k) {
+        const uint64_t top = k == 64 ? ~0ULL : (1ULL << k);
+        for (const uint64_t v : {top - 1, top}) {
+            cRecord w;
+            w.AppendUInt64Par("w", v, 0);
+            if (v <= 0xFFFFFFFFULL)
+                w.AppendUIntPar("u", static_cast<unsigned int>(v), 0);
+            Bytes want = Element(9, "w", Leb(v));
+            if (v <= 0xFFFFFFFFULL) {
+                const Bytes u = Element(3, "u", Leb(v));
+                want.insert(want.end(), u.begin(), u.end());
+            }
+            ASSERT_EQ(Of(w), want) << v;
+            const cRecord r(w.GetBuffer(), w.GetSize());
+            EXPECT_EQ(r.GetFirstPar("w").GetUInt64(), v);
+            EXPECT_EQ(r.GetFirstPar("w").GetSInt64(), static_cast<long long>(v));
+            if (v <= 0xFFFFFFFFULL) {
+                EXPECT_EQ(r.GetFirstPar("u").GetUInt(), v);
+                EXPECT_EQ(r.GetFirstPar("u").GetSInt(), static_cast<int>(static_cast<uint32_t>(v)));
+            }
+        }
+    }
+    // Over-long forms drop the groups beyond the width; a cut form reads 0.
+    const std::string odd("\x03\x08u\0\x81\x80\x80\x80\x90\x01"          // 1 + 2^32 + 2^35
+                          "\x09\x0Dw\0\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x00"
+                          "\x03\x05" "c\0\x80\x80\x80", 32);
+    const cRecord o(odd.data(), static_cast<int>(odd.size()));
+    EXPECT_EQ(o.GetFirstPar("u").GetUInt(), 1u);
+    EXPECT_EQ(o.GetFirstPar("w").GetUInt64(), ~0ULL);
+    EXPECT_EQ(o.GetFirstPar("c").GetUInt(), 0u);
+
+    // Names sharing their first byte, an empty name, type filters on a name
+    // hit, and a record appended to itself.
+    cRecord n;
+    for (const char* name : {"s", "", "st", "status", "sx"})
+        n.AppendUIntPar(name, static_cast<unsigned int>(std::strlen(name)), 0);
+    n.AppendTextPar("s", "text", 0);
+    for (const char* name : {"s", "", "st", "status", "sx"})
+        EXPECT_EQ(n.GetFirstPar(name).GetUInt(), std::strlen(name)) << name;
+    for (const char* name : {"stat", "status1", "t", "sxx"})
+        EXPECT_FALSE(n.GetFirstPar(name).IsValid()) << name;
+    EXPECT_STREQ(n.GetFirstPar("s", RECORD_TEXT, RECORD_SEL_TYPE).GetText(), "text");
+    const Bytes before = Of(n);
+    n.AppendRecordPar("self", n, 0);
+    Bytes inner = Leb(before.size());
+    inner.insert(inner.end(), before.begin(), before.end());
+    Bytes want = before;
+    const Bytes self = Element(6, "self", inner);
+    want.insert(want.end(), self.begin(), self.end());
+    EXPECT_EQ(Of(n), want);
+}
+
 TEST(RecordDeath, Assertions)
 {
     cRecord r;

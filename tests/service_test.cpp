@@ -94,6 +94,8 @@ protected:
     {
         m_SavedStatemOnMsg = svchooks::StatemOnMsg;
         m_SavedTimerExec = svchooks::TimerExec;
+        m_SavedTimerSetDue = svchooks::TimerSetDue;
+        svchooks::TimerSetDue = nullptr;  // the fakes below are no cTimer
         svchooks::StatemOnMsg = [](cStateMachine* sm, cMsg& msg) {
             reinterpret_cast<sFake*>(sm)->got.push_back(msg.GetType());
         };
@@ -109,12 +111,14 @@ protected:
     {
         svchooks::StatemOnMsg = m_SavedStatemOnMsg;
         svchooks::TimerExec = m_SavedTimerExec;
+        svchooks::TimerSetDue = m_SavedTimerSetDue;
         SetTraceLevel(UnitORVO, ERROR);
         SetTraceOut(UnitORVO, OUTPUT_NONE);
         cService::SetStopFlag(false);
     }
     svchooks::tStatemOnMsg m_SavedStatemOnMsg = nullptr;
     svchooks::tTimerExec m_SavedTimerExec = nullptr;
+    svchooks::tTimerSetDue m_SavedTimerSetDue = nullptr;
     static unsigned long Take(cService& svc)
     {
         cMsg msg;
