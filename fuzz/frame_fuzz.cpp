@@ -71,7 +71,10 @@ void Collect(void* ctx, unsigned char type, const unsigned char* payload, int si
 class cCountTcp : public cMsgTcpSocket {
 public:
     cCountTcp() : cMsgTcpSocket(nullptr, nullptr) {}
-    void OnMsg(cMsg& msg) override { ++(msg.GetType() == 0x4003 ? closed : msgs); }
+    // The close event is counted where it is raised: a frame may itself carry
+    // a message of the close event's type.
+    void OnClose() override { ++closed; }
+    void OnMsg(cMsg&) override { ++msgs; }
     size_t msgs = 0, closed = 0;
 };
 
