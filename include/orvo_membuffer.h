@@ -124,6 +124,8 @@ public:
     void Share(const cMemBuffer& Buf)
     {
         if (Buf.m_pData != m_pData) {
+            // Take the new block before letting go of the old one: Buf may
+            // be a view that only this buffer keeps alive.
             cMemBufferData* pOld = m_pData;
             m_pData = Buf.m_pData;
             if (m_pData != nullptr)

@@ -77,18 +77,7 @@ char* cMemBuffer::Create()
 
 char* cMemBuffer::Create(const cMemBuffer& Buf)
 {
-    if (Buf.m_pData != m_pData) {
-        // Take the new block before letting go of the old one: Buf may be a
-        // view that only this buffer keeps alive.
-        cMemBufferData* pOld = m_pData;
-        m_pData = Buf.m_pData;
-        if (m_pData != nullptr)
-            m_pData->AddRef();
-        if (pOld != nullptr)
-            pOld->Release();
-    }
-    m_Offset = Buf.m_Offset;
-    m_Size = Buf.m_Size;
+    Share(Buf);
     ORVO_ASSERT(m_Offset>=0);
     ORVO_ASSERT(m_Size>=0);
     CheckStrong();

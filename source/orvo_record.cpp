@@ -127,36 +127,32 @@ inline const char* Varint32(const char* p, const char* end, uint32_t& v)
 // Values: up to five bytes (32 bits) or nine bytes (63 bits) decoded without
 // the general loop's shift tests; longer or unterminated forms take the
 // general decoder, which gives the same result for the forms handled here.
-inline const char* ValueVarint32(const char* p, const char* end, uint32_t& v)
+template <typename T, int MaxBytes>
+inline const char* ValueVarint(const char* p, const char* end, T& v,
+                               const char* (*general)(const char*, const char*, T&))
 {
     const ptrdiff_t avail = end - p;
-    const int n = avail < 5 ? static_cast<int>(avail) : 5;
-    uint32_t r = 0;
+    const int n = avail < MaxBytes ? static_cast<int>(avail) : MaxBytes;
+    T r = 0;
     for (int i = 0; i < n; ++i) {
-        const uint32_t b = static_cast<unsigned char>(p[i]);
+        const T b = static_cast<unsigned char>(p[i]);
         r |= (b & 0x7F) << (7 * i);
         if ((b & 0x80) == 0) {
             v = r;
             return p + i + 1;
         }
     }
-    return GetVarint32(p, end, v);
+    return general(p, end, v);
+}
+
+inline const char* ValueVarint32(const char* p, const char* end, uint32_t& v)
+{
+    return ValueVarint<uint32_t, 5>(p, end, v, &GetVarint32);
 }
 
 inline const char* ValueVarint64(const char* p, const char* end, uint64_t& v)
 {
-    const ptrdiff_t avail = end - p;
-    const int n = avail < 9 ? static_cast<int>(avail) : 9;
-    uint64_t r = 0;
-    for (int i = 0; i < n; ++i) {
-        const uint64_t b = static_cast<unsigned char>(p[i]);
-        r |= (b & 0x7F) << (7 * i);
-        if ((b & 0x80) == 0) {
-            v = r;
-            return p + i + 1;
-        }
-    }
-    return GetVarint64(p, end, v);
+    return ValueVarint<uint64_t, 9>(p, end, v, &GetVarint64);
 }
 
 // Ordered pointer tests without comparing unrelated pointers directly.
