@@ -92,6 +92,11 @@ bench: deps
 	    [ -x "$$b" ] || continue; found=1; \
 	    echo "== $$b"; "$$b" || exit 1; \
 	done; [ $$found = 1 ] || echo "bench: no benchmarks yet"
+	@# The message benchmark again with clients and servers on different CPUs.
+	@if [ -x $(BENCH_DIR)/bench/ipc_bench ]; then \
+	    echo "== $(BENCH_DIR)/bench/ipc_bench --placement=apart"; \
+	    $(BENCH_DIR)/bench/ipc_bench --placement=apart || exit 1; \
+	fi
 
 install: build
 	$(CMAKE) --install $(HOST_DIR) --prefix $(PREFIX)

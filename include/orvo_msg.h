@@ -31,6 +31,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "orvo_object.h"
@@ -53,9 +54,30 @@ public:
     cMsg(unsigned long type, cChannel* channel, cStateMachine* statem);
     // Copies the object name and mark, header, tid, references; the record
     // is shared (cRecord assignment). Self-assignment does nothing.
-    cMsg(const cMsg& other);
-    cMsg& operator=(const cMsg& other);
-    ~cMsg() override;
+    cMsg(const cMsg& other)
+        : cObject(other),
+          m_Record(other.m_Record),
+          m_Tid(other.m_Tid),
+          m_pChannel(other.m_pChannel),
+          m_pStatem(other.m_pStatem),
+          m_pTimer(other.m_pTimer)
+    {
+        std::memcpy(m_Header, other.m_Header, sizeof m_Header);
+    }
+    cMsg& operator=(const cMsg& other)
+    {
+        if (this != &other) {
+            cObject::operator=(other);
+            std::memcpy(m_Header, other.m_Header, sizeof m_Header);
+            m_Tid = other.m_Tid;
+            m_Record = other.m_Record;
+            m_pChannel = other.m_pChannel;
+            m_pStatem = other.m_pStatem;
+            m_pTimer = other.m_pTimer;
+        }
+        return *this;
+    }
+    ~cMsg() override = default;
 
     // Resets everything: header zeroed, tid cleared, record empty, channel,
     // statem and timer null. Always true.
@@ -99,7 +121,12 @@ public:
     int Serialize(unsigned char kind, void* buffer, int capacity) const;
 
     // Type: the low 24 bits of the header.
-    unsigned long GetType() const;
+    unsigned long GetType() const
+    {
+        return static_cast<unsigned long>(m_Header[0]) |
+               (static_cast<unsigned long>(m_Header[1]) << 8) |
+               (static_cast<unsigned long>(m_Header[2]) << 16);
+    }
     // Stores the low 24 bits; bits 24-31 (and above) are dropped.
     void SetType(unsigned long type);
     // Compare GetType() with the whole argument: a value above 0xFFFFFF is

@@ -36,8 +36,19 @@ namespace orvo {
 class ORVO_API cObject {
 public:
     cObject() = default;
-    cObject(const cObject&) = default;
-    cObject& operator=(const cObject&) = default;
+    // Most objects have no name; copying an empty one costs no library call.
+    cObject(const cObject& other) : m_DeleteAfterClose(other.m_DeleteAfterClose)
+    {
+        if (!other.m_ObjName.empty())
+            m_ObjName = other.m_ObjName;
+    }
+    cObject& operator=(const cObject& other)
+    {
+        if (!other.m_ObjName.empty() || !m_ObjName.empty())
+            m_ObjName = other.m_ObjName;
+        m_DeleteAfterClose = other.m_DeleteAfterClose;
+        return *this;
+    }
     // Inline: every record view and record destroys one, on hot paths.
     virtual ~cObject() = default;
 

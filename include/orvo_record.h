@@ -249,8 +249,21 @@ public:
     cRecord(const void* p, int Size);
     // View of Size bytes at Offs inside Buf's view (no copy).
     cRecord(const cMemBuffer& Buf, int Offs, int Size);
-    cRecord(const cRecord& Other);                 // shares the block
-    cRecord& operator=(const cRecord& Other);      // shares the block
+    // Copies share the block.
+    cRecord(const cRecord& Other)
+        : cObject(Other), m_Buffer(Other.m_Buffer), m_pEnd(Other.m_pEnd), m_pBuffer(Other.m_pBuffer)
+    {
+    }
+    cRecord& operator=(const cRecord& Other)
+    {
+        if (this != &Other) {
+            cObject::operator=(Other);
+            m_Buffer.Share(Other.m_Buffer);   // a record's buffer keeps the block invariant
+            m_pEnd = Other.m_pEnd;
+            m_pBuffer = Other.m_pBuffer;
+        }
+        return *this;
+    }
     ~cRecord() override {}
 
     // Empty record (no block).

@@ -265,6 +265,8 @@ private:
     };
 
     void AddTimerEntry(const sTimerEntry& entry);
+    // Queues msg, or hands it to its state machine.
+    void Deliver(cMsg& msg);
     void ClearSelectTable();
     void UnregisterAll();
     void RunDeferredDeletion();
@@ -278,6 +280,7 @@ private:
     fd_set m_WriteSet;
     fd_set m_ExceptSet;
     sSelectEntry m_Select[kMaxSelect];
+    int16_t m_SlotOfFd[kMaxSelect];          // entry index of a descriptor; -1 none
 
     std::deque<cMsg> m_MsgQ;                 // front = newest, back = oldest
     std::vector<sTimerEntry> m_Timers;       // sorted by due time

@@ -7,6 +7,7 @@
 // A plain value; not thread-safe (SetMacAddr is meant for start-up).
 #pragma once
 
+#include <cstring>
 #include <string>
 
 #include "orvo_object.h"
@@ -15,12 +16,29 @@ namespace orvo {
 
 class ORVO_API cUuid : public cObject {
 public:
-    cUuid();                         // Clear(): all bytes 0, not valid
-    cUuid(const cUuid& other);
-    cUuid& operator=(const cUuid& other);  // bytes and valid flag
-    ~cUuid() override;
+    cUuid() { Clear(); }             // all bytes 0, not valid
+    cUuid(const cUuid& other) : cObject(other), m_Valid(other.m_Valid)
+    {
+        std::memcpy(m_Bytes, other.m_Bytes, sizeof m_Bytes);
+    }
+    // Bytes and valid flag.
+    cUuid& operator=(const cUuid& other)
+    {
+        if (this != &other) {
+            cObject::operator=(other);
+            std::memcpy(m_Bytes, other.m_Bytes, sizeof m_Bytes);
+            m_Valid = other.m_Valid;
+        }
+        return *this;
+    }
+    ~cUuid() override = default;
 
-    void Clear();                    // all bytes 0, not valid
+    // All bytes 0, not valid.
+    void Clear()
+    {
+        std::memset(m_Bytes, 0, sizeof m_Bytes);
+        m_Valid = false;
+    }
     // New value: bytes 0-5 the node address, 6-9 the seconds and 10-13 the
     // microseconds of gettimeofday (32 bits each, little-endian), 14 and 15
     // the low bytes of two random() calls; then every byte XOR 0x67.
@@ -45,8 +63,11 @@ public:
     int GetSize() const { return 16; }
 
     // Bytes only (memcmp); the valid flag is not compared.
-    bool operator==(const cUuid& other) const;
-    bool operator!=(const cUuid& other) const;
+    bool operator==(const cUuid& other) const
+    {
+        return std::memcmp(m_Bytes, other.m_Bytes, sizeof m_Bytes) == 0;
+    }
+    bool operator!=(const cUuid& other) const { return !(*this == other); }
     // memcmp of the bytes below 0: a total order usable as a map key.
     bool operator<(const cUuid& other) const;
 

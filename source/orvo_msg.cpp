@@ -75,33 +75,6 @@ cMsg::cMsg(unsigned long type, cChannel* channel, cStateMachine* statem)
     SetType(type);
 }
 
-cMsg::cMsg(const cMsg& other)
-    : cObject(other),
-      m_Record(other.m_Record),
-      m_Tid(other.m_Tid),
-      m_pChannel(other.m_pChannel),
-      m_pStatem(other.m_pStatem),
-      m_pTimer(other.m_pTimer)
-{
-    std::memcpy(m_Header, other.m_Header, sizeof m_Header);
-}
-
-cMsg& cMsg::operator=(const cMsg& other)
-{
-    if (this != &other) {
-        cObject::operator=(other);
-        std::memcpy(m_Header, other.m_Header, sizeof m_Header);
-        m_Tid = other.m_Tid;
-        m_Record = other.m_Record;
-        m_pChannel = other.m_pChannel;
-        m_pStatem = other.m_pStatem;
-        m_pTimer = other.m_pTimer;
-    }
-    return *this;
-}
-
-cMsg::~cMsg() = default;
-
 bool cMsg::Create()
 {
     std::memset(m_Header, 0, sizeof m_Header);
@@ -208,12 +181,6 @@ int cMsg::Serialize(unsigned char kind, std::string& out) const
     out.assign(static_cast<size_t>(size), '\0');
     Serialize(kind, &out[0], size);
     return 1;
-}
-
-unsigned long cMsg::GetType() const
-{
-    return static_cast<unsigned long>(m_Header[0]) | (static_cast<unsigned long>(m_Header[1]) << 8) |
-           (static_cast<unsigned long>(m_Header[2]) << 16);
 }
 
 void cMsg::SetType(unsigned long type)

@@ -631,22 +631,6 @@ cRecord::cRecord(const cMemBuffer& Buf, int Offs, int Size) : m_pEnd(nullptr), m
     Create(Buf, Offs, Size);
 }
 
-cRecord::cRecord(const cRecord& Other)
-    : cObject(Other), m_Buffer(Other.m_Buffer), m_pEnd(Other.m_pEnd), m_pBuffer(Other.m_pBuffer)
-{
-}
-
-cRecord& cRecord::operator=(const cRecord& Other)
-{
-    if (this == &Other)
-        return *this;
-    cObject::operator=(Other);
-    m_Buffer = Other.m_Buffer;
-    m_pEnd = Other.m_pEnd;
-    m_pBuffer = Other.m_pBuffer;
-    return *this;
-}
-
 void cRecord::Create()
 {
     m_Buffer.Create();

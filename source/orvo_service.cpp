@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <list>
 #include <map>
 #include <mutex>
@@ -177,6 +178,9 @@ cCriticalSection& SnoopLock()
     return *lock;
 }
 std::list<cChannel*>* gSnoop = nullptr;
+// Size of the snoop list, read without the lock: every message handed out
+// asks whether anyone snoops, and almost always no one does.
+std::atomic<int> gSnoopCount{0};
 
 bool IsStopType(unsigned long type)
 {
@@ -439,6 +443,7 @@ void cService::ClearSelectTable()
     FD_ZERO(&m_WriteSet);
     FD_ZERO(&m_ExceptSet);
     std::memset(m_Select, 0, sizeof m_Select);
+    std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
 }
 
 void cService::UnregisterAll()
@@ -448,6 +453,7 @@ void cService::UnregisterAll()
     FD_ZERO(&m_WriteSet);
     FD_ZERO(&m_ExceptSet);
     std::memset(m_Select, 0, sizeof m_Select);
+    std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
 }
 
 int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
@@ -468,13 +474,9 @@ int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ct
     }
 
     std::unique_lock<std::mutex> lock(m_TableLock);
-    int index = -1;
-    for (int i = 0; i < m_SelectCount; ++i) {
-        if (m_Select[i].fd == fd && (m_Select[i].channel != nullptr || fd == 0)) {
-            index = i;
-            break;
-        }
-    }
+    int index = m_SlotOfFd[fd];
+    if (index >= 0 && (m_Select[index].fd != fd || m_Select[index].channel == nullptr))
+        index = -1;
     if (index < 0 && reg) {
         for (int i = m_SelectCount - 1; i >= 0; --i) {
             if (m_Select[i].channel == nullptr) {
@@ -503,10 +505,12 @@ int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ct
         e.fd = fd;
         e.channel = channel;
         e.ctx = ctx;
+        m_SlotOfFd[fd] = static_cast<int16_t>(index);
         if (fd > m_SelectHighest)
             m_SelectHighest = fd;
     } else if (index >= 0) {
         std::memset(&m_Select[index], 0, sizeof m_Select[index]);
+        m_SlotOfFd[fd] = -1;
     }
 
     if (reg && (events & SELECT_READ))
@@ -548,6 +552,7 @@ void cService::ForgetChannel(cChannel* channel)
         if (m_Select[i].channel == channel) {
             const int fd = m_Select[i].fd;
             std::memset(&m_Select[i], 0, sizeof m_Select[i]);
+            m_SlotOfFd[fd] = -1;
             FD_CLR(fd, &m_ReadSet);
             FD_CLR(fd, &m_WriteSet);
             FD_CLR(fd, &m_ExceptSet);
@@ -687,30 +692,37 @@ void cService::ScheduleSelect()
         result = 0;
 
     if (result > 0) {
-        // The count is re-read on every step: handlers may register more.
-        for (int i = 0;; ++i) {
-            sSelectEntry e;
-            {
-                std::lock_guard<std::mutex> lock(m_TableLock);
-                if (i >= m_SelectCount)
-                    break;
-                e = m_Select[i];
-            }
+        // The table lock is held while looking for ready entries and given
+        // up around each handler (handlers register and unregister). The
+        // count is re-read on every step: handlers may register more. The
+        // walk ends once every descriptor select reported has been handed on.
+        int pending = result;
+        std::unique_lock<std::mutex> lock(m_TableLock);
+        for (int i = 0; pending > 0 && i < m_SelectCount; ++i) {
+            const sSelectEntry& entry = m_Select[i];
             // Registered after the select started: its descriptor's state
             // in the copied sets belonged to someone else.
-            if (e.channel == nullptr || e.seq > passSeq)
+            if (entry.channel == nullptr || entry.seq > passSeq)
                 continue;
-            int events = 0;
-            if (FD_ISSET(e.fd, &readSet))
-                events |= SELECT_READ;
-            if (FD_ISSET(e.fd, &writeSet))
-                events |= SELECT_WRITE;
-            if (events == 0 && !FD_ISSET(e.fd, &exceptSet))
+            const int fd = entry.fd;
+            const bool readable = FD_ISSET(fd, &readSet);
+            const bool writable = FD_ISSET(fd, &writeSet);
+            const bool exceptional = FD_ISSET(fd, &exceptSet);
+            if (!readable && !writable && !exceptional)
                 continue;
-            if (e.channel->GetFd() == e.fd)
-                e.channel->OnSelect(events);
+            // Each set counts once in select's result; a descriptor is
+            // handed on once.
+            pending -= int(readable) + int(writable) + int(exceptional);
+            FD_CLR(fd, &readSet);
+            FD_CLR(fd, &writeSet);
+            FD_CLR(fd, &exceptSet);
+            cChannel* channel = entry.channel;
+            lock.unlock();
+            if (channel->GetFd() == fd)
+                channel->OnSelect((readable ? SELECT_READ : 0) | (writable ? SELECT_WRITE : 0));
             else
-                ChannelAsyncSelect(e.fd, 0, nullptr, nullptr);
+                ChannelAsyncSelect(fd, 0, nullptr, nullptr);
+            lock.lock();
         }
     }
 
@@ -761,10 +773,11 @@ bool cService::GetMessage(cMsg& msg)
                 return false;
             ScheduleSelect();
         }
-        msg.Create();
-        m_LastMsg.Create();
-        if (m_MsgQ.empty())
+        if (m_MsgQ.empty()) {
+            msg.Create();
+            m_LastMsg.Create();
             continue;
+        }
         msg = m_MsgQ.back();
         m_MsgQ.pop_back();
         m_LastMsg = msg;
@@ -818,9 +831,8 @@ void cService::RemoveMsgsByObject(const cObject* obj)
     m_Deferred.erase(std::remove(m_Deferred.begin(), m_Deferred.end(), obj), m_Deferred.end());
 }
 
-void cService::OnMsg(cMsg& in)
+void cService::OnMsg(cMsg& msg)
 {
-    cMsg msg(in);
     if (msg.GetType() == kMsgPeerIdentified && msg.GetChannel() != nullptr) {
         cChannel* ch = msg.GetChannel();
         cRecordPar par = msg.GetRecord().GetFirstPar("peer-name");
@@ -834,12 +846,18 @@ void cService::OnMsg(cMsg& in)
         }
     }
     if (msg.GetType() == kMsgInRecord) {
+        // The carried message is delivered as it is, never unpacked again.
         const cRecord rec(msg.GetRecord());
         cMsg inner;
         inner.FromRecord(rec);
-        msg = inner;
+        Deliver(inner);
+        return;
     }
+    Deliver(msg);
+}
 
+void cService::Deliver(cMsg& msg)
+{
     cStateMachine* sm = msg.GetStatem();
     if (sm == nullptr) {
         m_MsgQ.push_front(msg);
@@ -863,8 +881,10 @@ void cService::OnMsg(cMsg& in)
         return;
     }
     SendSnoop(this, msg, SNOOP_RECEIVE);
-    svchooks::StatemOnMsg(sm, msg);
-    PostHdlMessage(msg);
+    // The state machine gets its own copy: the caller's message stays as it was.
+    cMsg own(msg);
+    svchooks::StatemOnMsg(sm, own);
+    PostHdlMessage(own);
 }
 
 bool cService::PreDispatchMessage(cMsg& msg)
@@ -906,6 +926,7 @@ bool cService::PreDispatchMessage(cMsg& msg)
                 gSnoop = new std::list<cChannel*>();
             gSnoop->remove(ch);
             gSnoop->push_back(ch);
+            gSnoopCount.store(static_cast<int>(gSnoop->size()));
             SnoopLock().Leave();
         }
         return true;
@@ -1033,13 +1054,17 @@ void SnoopRemoveChannel(cChannel* ch)
     if (ch == nullptr)
         return;
     SnoopLock().Enter();
-    if (gSnoop != nullptr)
+    if (gSnoop != nullptr) {
         gSnoop->remove(ch);
+        gSnoopCount.store(static_cast<int>(gSnoop->size()));
+    }
     SnoopLock().Leave();
 }
 
 void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
 {
+    if (gSnoopCount.load(std::memory_order_relaxed) == 0)
+        return;
     const unsigned long type = msg.GetType();
     if (type == kMsgTraceOutput || type == kMsgScmTraceLog || type == kMsgSocketWritable ||
         type == kMsgSocketData || type == kMsgSnoopReport)

@@ -34,35 +34,6 @@ void PutLe32(unsigned char* p, uint32_t v)
 
 }  // namespace
 
-cUuid::cUuid()
-{
-    Clear();
-}
-
-cUuid::cUuid(const cUuid& other) : cObject(other)
-{
-    std::memcpy(m_Bytes, other.m_Bytes, sizeof m_Bytes);
-    m_Valid = other.m_Valid;
-}
-
-cUuid& cUuid::operator=(const cUuid& other)
-{
-    if (this != &other) {
-        cObject::operator=(other);
-        std::memcpy(m_Bytes, other.m_Bytes, sizeof m_Bytes);
-        m_Valid = other.m_Valid;
-    }
-    return *this;
-}
-
-cUuid::~cUuid() = default;
-
-void cUuid::Clear()
-{
-    std::memset(m_Bytes, 0, sizeof m_Bytes);
-    m_Valid = false;
-}
-
 bool cUuid::Create()
 {
     m_Valid = true;
@@ -115,16 +86,6 @@ void cUuid::SetMacAddr(unsigned char* mac)
 {
     if (mac != nullptr)
         std::memcpy(gNodeAddr, mac, sizeof gNodeAddr);
-}
-
-bool cUuid::operator==(const cUuid& other) const
-{
-    return std::memcmp(m_Bytes, other.m_Bytes, sizeof m_Bytes) == 0;
-}
-
-bool cUuid::operator!=(const cUuid& other) const
-{
-    return !(*this == other);
 }
 
 bool cUuid::operator<(const cUuid& other) const

@@ -13,15 +13,12 @@
 #include "orvo_handle.h"
 #include "orvo_msg.h"
 #include "orvo_service.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cTestService;
 
 namespace {
-
-class cTestService : public cService {
-public:
-    void ThreadMain() override {}
-};
 
 // A channel over one end of a socket pair that records what the base does.
 class cFakeChannel : public cChannel {
@@ -213,18 +210,7 @@ public:
 TEST(ChannelDeathTest, BrokenInvariantsAbort)
 {
     cTestService svc;
-    EXPECT_DEATH(
-        {
-            cFakeChannel ch(&svc);
-            ch.Attach(ch.peer);
-        },
-        "m_fd == -1");
-    EXPECT_DEATH(
-        {
-            cNegativeChannel ch(&svc);
-            ch.Put("x");
-            ch.OnSelect(SELECT_READ);
-        },
-        "count>=0");
+    EXPECT_DEATH({ cFakeChannel ch(&svc); ch.Attach(ch.peer); }, "m_fd == -1");
+    EXPECT_DEATH({ cNegativeChannel ch(&svc); ch.Put("x"); ch.OnSelect(SELECT_READ); }, "count>=0");
     EXPECT_DEATH(svc.ChannelAsyncSelect(-1, SELECT_READ, nullptr, nullptr), "fd>=0");
 }

@@ -38,8 +38,7 @@ TEST(DataTest, HexText)
     EXPECT_EQ(f.ToString(4), "01.02.03.04.05");
     EXPECT_EQ(cData().ToString(), "");
 
-    EXPECT_EQ(cData("0A.1B").GetLen(), 2u);
-    EXPECT_EQ(cData("0A1B").ToString(), "0A.1B");
+    // Parsed forms the random round trip below does not produce.
     cData one("A");
     ASSERT_EQ(one.GetLen(), 1u);
     EXPECT_EQ(one[0], 0x0A);
@@ -47,6 +46,7 @@ TEST(DataTest, HexText)
     EXPECT_EQ(cData("G1FF").ToString(), "00.FF");
     EXPECT_EQ(cData("").GetLen(), 0u);
 
+    // Dotted, compact and lower-case texts read back to the bytes.
     std::mt19937 rng(1);
     for (int i = 0; i < 300; ++i) {
         std::vector<unsigned char> bytes(1 + rng() % 40);

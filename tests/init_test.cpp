@@ -6,11 +6,8 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -18,8 +15,10 @@
 #include "../source/orvo_hooks.h"
 #include "orvo_init.h"
 #include "orvo_record.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::RunInChild;
 
 namespace {
 
@@ -34,35 +33,6 @@ tArg kTable[] = {
     {nullptr, "indented", "9", nullptr},
     {nullptr, "plain line", nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr}};
-
-// Runs body in a child with its standard output (and error) going into a
-// pipe; returns the child's exit status (-1 when it did not exit) and what
-// it printed.
-int InChild(const std::function<int()>& body, std::string& out, bool withStderr = false)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        return -1;
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
-        dup2(fds[1], 1);
-        if (withStderr)
-            dup2(fds[1], 2);
-        const int rc = body();
-        std::fflush(nullptr);
-        _exit(rc);
-    }
-    close(fds[1]);
-    char buf[512];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof buf)) > 0;)
-        out.append(buf, n);
-    close(fds[0]);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 void Parse(std::vector<const char*> words)
 {
@@ -142,11 +112,11 @@ TEST(Init, HelpPrintsTheTableAndExits)
         "            \tplain line\n";
     for (const char* flag : {"-h", "-?"}) {
         std::string out;
-        const int rc = InChild([flag] {
+        const int rc = RunInChild([flag] {
             const char* argv[] = {"svc", flag, "-port", "1"};
             orvoParseArgs(kTable, 4, const_cast<char**>(argv));
             return 3;   // not reached: help ends the process with 0
-        }, out);
+        }, &out);
         EXPECT_EQ(rc, 0) << flag;
         EXPECT_EQ(out, want) << flag;
     }
@@ -161,8 +131,7 @@ TEST(Init, InitBuildsConfiguration)
     hooks::ServiceInitGlobal = nullptr;
     EXPECT_EQ(calls, 1);
     EXPECT_FALSE(GetConfig()->GetFirstPar("old").IsValid());
-    EXPECT_EQ(UnitORVO->GetObjName(), "orvo");
-    EXPECT_EQ(UnitDefault->GetObjName(), "default");
+    EXPECT_TRUE(UnitORVO->GetObjName() == "orvo" && UnitDefault->GetObjName() == "default");
     EXPECT_EQ(UnitORVO->GetLevel(), WARNING);
     EXPECT_EQ(UnitORVO->GetOutput(), OUTPUT_SYSLOG);
     // One sub-record per unit, in the map's (name) order.
@@ -186,13 +155,13 @@ TEST(Init, InterfaceLookUp)
 
     // A failure reports through perror and leaves the look-up socket open.
     std::string err;
-    const int rc = InChild([] {
+    const int rc = RunInChild([] {
         const int lowest = dup(0);   // the descriptor the look-up socket will get
         close(lowest);
         tIfConf none;
         none.name = "nosuchif0123456789";
         return !GetIfConfByName(none) && fcntl(lowest, F_GETFD) != -1 ? 0 : 1;
-    }, err, true);
+    }, &err, true);
     EXPECT_EQ(rc, 0);
     EXPECT_EQ(err, "ioctl(SIOCGIFADDR) : No such device\n");
 }
@@ -200,14 +169,14 @@ TEST(Init, InterfaceLookUp)
 TEST(Init, NoEthernetInterfaceIsTraced)
 {
     std::string out;
-    const int rc = InChild([] {
+    const int rc = RunInChild([] {
         if (unshare(CLONE_NEWNET) != 0 && unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
             return 77;
         const char* argv[] = {"/bin/netless"};
         orvoParseArgs(nullptr, 1, const_cast<char**>(argv));
         orvoInit(ERROR, OUTPUT_STDOUT, true);
         return 0;
-    }, out, true);
+    }, &out, true);
     if (rc == 77)
         GTEST_SKIP() << "no private network namespace here (unshare refused)";
     ASSERT_EQ(rc, 0);

@@ -6,8 +6,10 @@
 #include "orvo_handle.h"
 #include "orvo_msg.h"
 #include "tesk.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::BytesOf;
 
 namespace {
 
@@ -26,11 +28,6 @@ cUuid MakeTid()  // bytes 0xA0..0xAF
     cUuid tid;
     tid.Create(b, 16);
     return tid;
-}
-
-std::string Bytes(const cRecord& r)
-{
-    return r.IsEmpty() ? std::string() : std::string(r.GetBuffer(), static_cast<size_t>(r.GetSize()));
 }
 
 std::string Le32(uint32_t v)
@@ -70,7 +67,7 @@ TEST(Msg, PayloadKindsRoundTrip)
     for (unsigned char kind = 0; kind <= 3; ++kind) {
         SCOPED_TRACE(kind);
         std::string expect = std::string("\x90\x01\x01\x5A") + ((kind & 1) ? tid : "") +
-                             ((kind & 2) ? Le32(h) : "") + Bytes(m.GetRecord());
+                             ((kind & 2) ? Le32(h) : "") + BytesOf(m.GetRecord());
         std::string out;
         ASSERT_EQ(m.Serialize(kind, out), 1);
         EXPECT_EQ(out, expect);
@@ -83,7 +80,7 @@ TEST(Msg, PayloadKindsRoundTrip)
         EXPECT_EQ(back.GetTid().IsValid(), (kind & 1) != 0);
         EXPECT_EQ(back.GetStatem(), (kind & 2) ? kSm : nullptr);
         EXPECT_EQ(back.GetChannel(), kCh);
-        EXPECT_EQ(Bytes(back.GetRecord()), Bytes(m.GetRecord()));
+        EXPECT_EQ(BytesOf(back.GetRecord()), BytesOf(m.GetRecord()));
     }
     std::string untouched = "x";
     EXPECT_EQ(m.Serialize(4, untouched), -1);
@@ -97,7 +94,7 @@ TEST(Msg, ShortAndCutPayloads)
     m.SetTid(MakeTid());
     m.GetRecord().AppendUIntPar("n", 1);
     m.SetTimer(kTm);
-    const std::string rec = Bytes(m.GetRecord());
+    const std::string rec = BytesOf(m.GetRecord());
     EXPECT_EQ(m.Create(4, "\1\2\3\4\5", 5, nullptr, kSm), -1);
     EXPECT_EQ(m.GetChannel(), kCh);  // unknown kind: nothing changes
     EXPECT_EQ(m.GetTimer(), kTm);
@@ -111,7 +108,7 @@ TEST(Msg, ShortAndCutPayloads)
     // Fields a successful parse does not carry survive it.
     ASSERT_EQ(m.Create(0, "\x01\x30\x00\x00", 4, nullptr, nullptr), 1);
     EXPECT_TRUE(m.GetTid().IsValid());
-    EXPECT_EQ(Bytes(m.GetRecord()), rec);
+    EXPECT_EQ(BytesOf(m.GetRecord()), rec);
 
     // Heap copies of exactly `size` bytes, so ASan sees any overread. Cut
     // inside the tid: the bytes present, then zeros, valid, no record.
@@ -159,7 +156,7 @@ TEST(Msg, RecordFormCarriesHandles)
     EXPECT_EQ(std::memcmp(back.GetHeader(), m.GetHeader(), 4), 0);
     EXPECT_TRUE(back.GetChannel() == kCh && back.GetStatem() == kSm && back.GetTimer() == kTm);
     EXPECT_EQ(back.GetTid(), m.GetTid());
-    EXPECT_EQ(Bytes(back.GetRecord()), Bytes(m.GetRecord()));
+    EXPECT_EQ(BytesOf(back.GetRecord()), BytesOf(m.GetRecord()));
 
     // Released handles and handles of another kind resolve to nothing; a
     // pointer without a handle is left out.
@@ -201,8 +198,8 @@ TEST(Msg, TextFormAndCopies)
     EXPECT_EQ(d.GetRecord().GetBuffer(), m.GetRecord().GetBuffer());
     EXPECT_TRUE(d.GetStatem() == kSm && d.GetTid() == m.GetTid());
     d.GetRecord().AppendUIntPar("x", 1);
-    EXPECT_EQ(Bytes(c.GetRecord()), Bytes(m.GetRecord()));  // copy on write
-    EXPECT_NE(Bytes(d.GetRecord()), Bytes(m.GetRecord()));
+    EXPECT_EQ(BytesOf(c.GetRecord()), BytesOf(m.GetRecord()));  // copy on write
+    EXPECT_NE(BytesOf(d.GetRecord()), BytesOf(m.GetRecord()));
     EXPECT_TRUE(d.Create());
     EXPECT_TRUE(d.GetSize() == 4 && d.GetStatem() == nullptr && !d.GetTid().IsValid());
 }

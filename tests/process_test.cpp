@@ -23,16 +23,14 @@
 #include "orvo_service.h"
 #include "orvo_statem.h"
 #include "orvo_time.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cTestService;
 
 namespace {
 
 using tWords = std::vector<std::string>;
-
-struct cTestService : cService {
-    void ThreadMain() override {}
-};
 
 struct cRecorder : cStateMachine {
     explicit cRecorder(cService* s) : cStateMachine(s, "recorder") {}

@@ -13,24 +13,21 @@
 #include <utility>
 
 #include "orvo_recordmerge.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::BytesOf;
 
 namespace {
 
 // The change feeds the watchdog: never the real device from a test run.
 const bool kWatchdogRedirected = setenv("ORVO_WATCHDOG_DEVICE", "/dev/null", 0) == 0;
 
-std::string Bytes(const cRecord& r)
-{
-    return r.IsEmpty() ? std::string() : std::string(r.GetBuffer(), r.GetSize());
-}
-
 cRecord Cat(std::initializer_list<cRecord> parts)
 {
     std::string b;
     for (const cRecord& p : parts)
-        b += Bytes(p);
+        b += BytesOf(p);
     return cRecord(b.data(), static_cast<int>(b.size()));
 }
 
@@ -67,7 +64,7 @@ cRecordPath PathOf(std::initializer_list<std::pair<const char*, cRecord>> levels
 }
 
 #define EXPECT_SAME(got, want) \
-    EXPECT_EQ(Bytes(got), Bytes(want)) << (got).ToString2() << "--\n" << (want).ToString2()
+    EXPECT_EQ(BytesOf(got), BytesOf(want)) << (got).ToString2() << "--\n" << (want).ToString2()
 
 }  // namespace
 
@@ -119,7 +116,7 @@ TEST(RecordMerge, BuildConfigRecord)
     EXPECT_SAME(res, Cat({U("a", 1), Sub("m", U("k", 1))}));
 
     // Damaged tail in Current: dropped, reported.
-    std::string damaged = Bytes(plain) + "\x03\x09z";
+    std::string damaged = BytesOf(plain) + "\x03\x09z";
     cur = cRecord(damaged.data(), static_cast<int>(damaged.size()));
     BuildtConfigRecord(plain, cur, res, changed);
     EXPECT_TRUE(changed);

@@ -6,30 +6,26 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "orvo_service.h"
 #include "orvo_socket.h"
+#include "test_helpers.h"
 
 using namespace orvo;
 
 namespace {
 
-class cTestService : public cService {
-public:
+struct cTestService : orvo_test::cTestService {
     cTestService() { Init("svc", cSocketAddr("127.0.0.1", 0)); }
-    void ThreadMain() override {}
 };
 
 // Waits for a message of type (from channel ch when given); others of that
@@ -80,22 +76,6 @@ bool PeerClosed(int fd)
     char c;
     ssize_t r = recv(fd, &c, 1, 0);
     return r == 0 || (r < 0 && errno == ECONNRESET);
-}
-
-// Runs body in a child process (its own descriptor limits); fails when the
-// body fails, crashes or runs longer than seconds (alarm() ends it).
-void RunInChild(unsigned seconds, const std::function<void()>& body)
-{
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        alarm(seconds);
-        body();
-        _exit(::testing::Test::HasFailure() ? 1 : 0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
 }
 
 // Opens /dev/null until the process limit is reached or the descriptor
@@ -222,7 +202,7 @@ TEST(TcpSocket, DescriptorsTheLoopCannotWatchAreRefused)
     getrlimit(RLIMIT_NOFILE, &rl);
     if (rl.rlim_max < FD_SETSIZE + 64)
         GTEST_SKIP() << "RLIMIT_NOFILE hard limit " << rl.rlim_max << " does not reach above FD_SETSIZE";
-    RunInChild(120, [] {
+    auto body = [] {
         rlimit raised = {FD_SETSIZE + 64, FD_SETSIZE + 64};
         ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
         cTestService svc;
@@ -265,5 +245,8 @@ TEST(TcpSocket, DescriptorsTheLoopCannotWatchAreRefused)
         ASSERT_EQ(connect(peers[2], to.GetSockAddr(), sizeof(sockaddr_in)), 0);
         EXPECT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
         EXPECT_EQ(server.GetClients().size(), 1u);
-    });
+    };
+    // In a child (its own descriptor limit) that the alarm ends if it hangs.
+    EXPECT_EQ(orvo_test::RunInChild([&] { return body(), ::testing::Test::HasFailure() ? 1 : 0; },
+                                    nullptr, false, 120), 0);
 }

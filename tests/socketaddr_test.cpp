@@ -13,25 +13,23 @@ using namespace orvo;
 
 namespace {
 
-sockaddr_in Oracle(const char* ip, unsigned short port)
+// The C library's sockaddr_in for ip and port (all zero for a null ip).
+sockaddr_in In(const char* ip, unsigned short port)
 {
     sockaddr_in in;
     std::memset(&in, 0, sizeof in);
-    in.sin_family = AF_INET;
-    in.sin_port = htons(port);
-    inet_pton(AF_INET, ip, &in.sin_addr);
+    if (ip != nullptr) {
+        in.sin_family = AF_INET;
+        in.sin_port = htons(port);
+        inet_pton(AF_INET, ip, &in.sin_addr);
+    }
     return in;
 }
 
-bool SameBytes(const cSocketAddr& a, const sockaddr_in& b)
+bool Same(const cSocketAddr& a, const char* ip, unsigned short port)
 {
-    return std::memcmp(&a, &b, 16) == 0;
-}
-
-bool AllZero(const cSocketAddr& a)
-{
-    static const unsigned char zero[16] = {};
-    return std::memcmp(&a, zero, 16) == 0;
+    const sockaddr_in in = In(ip, port);
+    return std::memcmp(&a, &in, 16) == 0;
 }
 
 }  // namespace
@@ -39,33 +37,28 @@ bool AllZero(const cSocketAddr& a)
 TEST(SocketAddr, LayoutAndConstructors)
 {
     EXPECT_EQ(sizeof(cSocketAddr), 16u);
-    EXPECT_TRUE(SameBytes(cSocketAddr(), Oracle("0.0.0.0", 0)));
-    EXPECT_TRUE(SameBytes(cSocketAddr(0x0A000001ul, 4000), Oracle("10.0.0.1", 4000)));
-    const sockaddr_in raw = Oracle("192.168.7.9", 65535);
-    const cSocketAddr copy(raw);
-    EXPECT_TRUE(SameBytes(copy, raw));
-    EXPECT_EQ(copy.GetIP(), 0xC0A80709ul);
+    EXPECT_TRUE(Same(cSocketAddr(), "0.0.0.0", 0));
+    EXPECT_TRUE(Same(cSocketAddr(0x0A000001ul, 4000), "10.0.0.1", 4000));
+    const cSocketAddr copy(In("192.168.7.9", 65535));
+    EXPECT_TRUE(Same(copy, "192.168.7.9", 65535));
     EXPECT_EQ(copy.GetPort(), 65535);
-    EXPECT_EQ(copy[0], 192);
-    EXPECT_EQ(copy[3], 9);
+    EXPECT_TRUE(copy[0] == 192 && copy[3] == 9);
     EXPECT_TRUE(copy == cSocketAddr("192.168.7.9", 65535));
     EXPECT_TRUE(copy != cSocketAddr("192.168.7.9", 1));
 }
 
 TEST(SocketAddr, ParsesText)
 {
-    EXPECT_TRUE(SameBytes(cSocketAddr("1.2.3.4", 7), Oracle("1.2.3.4", 7)));
+    EXPECT_TRUE(Same(cSocketAddr("1.2.3.4", 7), "1.2.3.4", 7));
     // A port in the text counts only when the argument is 0.
     EXPECT_EQ(cSocketAddr("1.2.3.4:99", 0).ToString(), "1.2.3.4:99");
     EXPECT_EQ(cSocketAddr("1.2.3.4:99", 80).ToString(), "1.2.3.4:80");
     // ":port" is the loopback address and wins over the argument.
-    EXPECT_TRUE(SameBytes(cSocketAddr(":5000", 80), Oracle("127.0.0.1", 5000)));
-    EXPECT_TRUE(SameBytes(cSocketAddr(":", 80), Oracle("127.0.0.1", 0)));
+    EXPECT_TRUE(Same(cSocketAddr(":5000", 80), "127.0.0.1", 5000));
+    EXPECT_TRUE(Same(cSocketAddr(":", 80), "127.0.0.1", 0));
     // Unreadable text leaves all 16 bytes zero, family included.
-    EXPECT_TRUE(AllZero(cSocketAddr("1.2.3", 80)));
-    EXPECT_TRUE(AllZero(cSocketAddr("1.2,3.4", 80)));
-    EXPECT_TRUE(AllZero(cSocketAddr(nullptr, 80)));
-    EXPECT_TRUE(AllZero(cSocketAddr("", 80)));
+    for (const char* bad : {"1.2.3", "1.2,3.4", static_cast<const char*>(nullptr), ""})
+        EXPECT_TRUE(Same(cSocketAddr(bad, 80), nullptr, 0)) << (bad ? bad : "null");
     // No range checks: the numbers are or-ed into place, ports keep 16 bits,
     // and numbers read as the device's 32-bit strtol does.
     EXPECT_EQ(cSocketAddr("1.2.3.300", 0).GetIP(), (1u << 24) | (2u << 16) | (3u << 8 | 300u));
@@ -76,11 +69,9 @@ TEST(SocketAddr, ParsesText)
 
 TEST(SocketAddr, TextForms)
 {
-    const cSocketAddr none;
-    EXPECT_EQ(none.ToString(), "0.0.0.0:0");
-    EXPECT_TRUE(none.IsEmpty());
-    EXPECT_FALSE(cSocketAddr(0ul, 1).IsEmpty());
-    EXPECT_FALSE(cSocketAddr(1ul, 0).IsEmpty());
+    EXPECT_EQ(cSocketAddr().ToString(), "0.0.0.0:0");
+    EXPECT_TRUE(cSocketAddr().IsEmpty());
+    EXPECT_FALSE(cSocketAddr(0ul, 1).IsEmpty() || cSocketAddr(1ul, 0).IsEmpty());
     char small[5];
     EXPECT_EQ(cSocketAddr("10.20.30.40", 0).GetIPStr(small, sizeof small), small);
     EXPECT_STREQ(small, "10.2");
@@ -97,8 +88,7 @@ TEST(SocketAddr, TextForms)
         ASSERT_EQ(a.GetIPString(), want);
         ASSERT_EQ(a.GetPortString(), std::to_string(port));
         ASSERT_EQ(a.ToString(), std::string(want) + ":" + std::to_string(port));
-        // The text form reads back to the same bytes.
-        ASSERT_TRUE(cSocketAddr(a.ToString().c_str(), 0) == a);
+        ASSERT_TRUE(cSocketAddr(a.ToString().c_str(), 0) == a);   // reads back
     }
 }
 

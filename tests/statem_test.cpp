@@ -16,14 +16,12 @@
 #include "orvo_time.h"
 #include "orvo_trace.h"
 #include "tesk.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cTestService;
 
 namespace {
-
-struct cTestService : cService {
-    void ThreadMain() override {}
-};
 
 // Logs "<state>:<type>"; the filter consumes type 0x111 (returns 1) only.
 struct cLogSm : cStateMachine {

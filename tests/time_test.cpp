@@ -63,20 +63,16 @@ long long FakeClock() { return gFakeNow; }
 
 TEST(TimeTest, CalendarSearchAgreesWithTimegm)
 {
+    // The 32-bit ends, a century leap day the random run rarely meets, and a
+    // second that is added unchecked. Invalid months, days and hours come from
+    // the random run below.
     ExpectCreate(2038, 1, 19, 3, 14, 7);    // 0x7FFFFFFF
     ExpectCreate(2038, 1, 19, 3, 14, 8);    // one past
     ExpectCreate(1901, 12, 13, 20, 46, 0);
     ExpectCreate(1901, 12, 13, 20, 45, 52); // -2^31: its minute starts outside
     ExpectCreate(1970, 1, 1, 0, 0, 0);
-    ExpectCreate(2024, 2, 29, 12, 0, 0);
-    ExpectCreate(2023, 2, 29, 12, 0, 0);
     ExpectCreate(2000, 2, 29, 0, 0, 0);
-    ExpectCreate(2024, 4, 31, 0, 0, 0);
-    ExpectCreate(2024, 13, 1, 0, 0, 0);
-    ExpectCreate(2024, 0, 1, 0, 0, 0);
-    ExpectCreate(2024, 3, 5, 24, 0, 0);
-    ExpectCreate(2024, 3, 5, 10, 15, 75);   // second added unchecked
-    EXPECT_EQ(cTime().Create(2024, 2, 30, 0, 0, 0, 0), false);
+    ExpectCreate(2024, 3, 5, 10, 15, 75);
 
     std::mt19937 rng(12345);
     const bool wideTime = sizeof(time_t) > 4;
@@ -204,22 +200,13 @@ TEST(TimeTest, AddSecondsRangeAndTrace)
 
 TEST(TimeTest, LocalTimeFollowsCentralEuropeanZone)
 {
-    struct Case { int y, mo, d, h, mi, s; const char* local; unsigned applied; };
-    const Case cases[] = {{2024, 3, 31, 0, 59, 59, "31.03.2024 01:59:59.000", 1},
-                          {2024, 3, 31, 1, 0, 0, "31.03.2024 03:00:00.000", 2},
-                          {2024, 10, 27, 0, 59, 59, "27.10.2024 02:59:59.000", 2},
-                          {2024, 10, 27, 1, 0, 0, "27.10.2024 02:00:00.000", 1},
-                          {2024, 5, 31, 22, 30, 0, "01.06.2024 00:30:00.000", 2}};
-    for (const Case& c : cases) {
-        cTime t;
-        unsigned applied = 0;
-        t.Create(c.y, c.mo, c.d, c.h, c.mi, c.s, 500);
-        t.ToLocalTime(1, true, &applied);
-        EXPECT_EQ(t.ToString(), c.local);
-        EXPECT_EQ(applied, c.applied);
-        EXPECT_EQ(t.IsSummerTime(), c.applied == 2);
-        EXPECT_EQ(t.ToISO8601String().back(), 'Z');
-    }
+    // The milliseconds are dropped and the ISO form still says UTC.
+    cTime t0;
+    unsigned applied = 0;
+    t0.Create(2024, 5, 31, 22, 30, 0, 500);
+    t0.ToLocalTime(1, true, &applied);
+    EXPECT_EQ(t0.ToString(), "01.06.2024 00:30:00.000");
+    EXPECT_EQ(t0.ToISO8601String(), "2024-06-01T00:30:00Z");
 
     // Oracle: the system's zone rules for Berlin (the POSIX rule string
     // needs no zone database, for a sysroot without one).
@@ -257,7 +244,6 @@ TEST(TimeTest, LocalTimeFollowsCentralEuropeanZone)
         struct tm l = {};
         localtime_r(&utc, &l);
         cTime t;
-        unsigned applied = 0;
         t.FromSeconds(static_cast<unsigned long>(s), true);
         t.ToLocalTime(1, true, &applied);
         ASSERT_EQ(applied, l.tm_isdst > 0 ? 2u : 1u) << s;
@@ -275,7 +261,6 @@ TEST(TimeTest, LocalTimeFollowsCentralEuropeanZone)
     tzset();
 
     cTime winter;
-    unsigned applied = 0;
     winter.Create(2024, 7, 1, 12, 0, 0, 0);
     winter.ToLocalTime(2, false, &applied);
     EXPECT_EQ(applied, 2u);
@@ -295,7 +280,6 @@ TEST(TimeTest, ClockSources)
     t.Now(true);
     const long long wall = static_cast<long long>(time(nullptr));
     EXPECT_LE(std::llabs(t.ToMilliSeconds() / 1000 - wall), 2);
-    EXPECT_EQ(t.GetMilliSecond() * 1000 % 1000, 0);
 
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);

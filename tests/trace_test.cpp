@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,6 +22,7 @@
 #include "orvo_msg.h"
 #include "orvo_sharedmem.h"
 #include "orvo_time.h"
+#include "test_helpers.h"
 
 using namespace orvo;
 using tTexts = std::vector<std::string>;
@@ -37,25 +37,6 @@ cUnit gOther("tq2", ERROR, OUTPUT_NONE);
 cUnit gLoud("a-rather-long-unit-name", DEBUG, OUTPUT_STDOUT);
 cChannel* const kCh1 = reinterpret_cast<cChannel*>(0x1000);
 cChannel* const kCh2 = reinterpret_cast<cChannel*>(0x2000);
-
-// Standard output goes into a temporary file until Take().
-struct StdoutCapture {
-    FILE* file = std::tmpfile();
-    int saved = dup(1);
-    StdoutCapture() { std::fflush(stdout); dup2(fileno(file), 1); }
-    std::string Take()
-    {
-        std::fflush(stdout);
-        dup2(saved, 1);
-        close(saved);
-        std::string out;
-        std::rewind(file);
-        for (int c; (c = std::fgetc(file)) != EOF;)
-            out += static_cast<char>(c);
-        std::fclose(file);
-        return out;
-    }
-};
 
 // The expected line; the time text comes from gmtime_r.
 std::string Line(const char* oscFmt, cUnit* unit, const char* level, const std::string& text)
@@ -121,9 +102,9 @@ protected:
         hooks::TraceChannelSend = CaptureChannel;
         // A trace nobody else issues ends whatever run an earlier test left.
         static int serial = 0;
-        StdoutCapture drop;
+        testing::internal::CaptureStdout();
         _Trace(&gOther, FATAL, FormatString("reset %i", ++serial));
-        drop.Take();
+        testing::internal::GetCapturedStdout();
         RegisterTraceChannel(kCh1);
         gSeen.clear();
     }
@@ -215,7 +196,7 @@ TEST_F(Trace, StandardOutputLines)
 {
     gNowMs = 1709633742123LL;
     EXPECT_EQ(Line("(%i)", &gLoud, "INFO", "x").substr(0, 24), "05.03.2024 10:15:42.123(");
-    StdoutCapture out;
+    testing::internal::CaptureStdout();
     for (int i = 0; i < 3; ++i)
         _Trace(&gLoud, INFO, "hello");
     cRecord rec;
@@ -223,7 +204,7 @@ TEST_F(Trace, StandardOutputLines)
     _Trace(&gLoud, DEBUG, rec);
     _Trace(&gLoud, DEBUG, static_cast<const cObject&>(gQuiet));
     const std::string summary = "LAST TRACE FROM THIS SOURCE REPEATED 2 TIMES (hello)";
-    EXPECT_EQ(out.Take(), Line("(%i)", &gLoud, "INFO", "hello") +
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), Line("(%i)", &gLoud, "INFO", "hello") +
                               Line("(%lu)", &gLoud, "INFO", "hello") +
                               Line("(%lu)", &gLoud, "INFO", "hello") +
                               Line("(%i)", &gLoud, "INFO", summary) +
@@ -249,9 +230,9 @@ TEST_F(Trace, ScmServiceAndChannelMessages)
     mUnits->erase("tsvc");
     cRecord rec;
     rec.AppendTextPar("k", "v");
-    StdoutCapture out;
+    testing::internal::CaptureStdout();
     _Trace(&service, ERROR, rec);
-    EXPECT_EQ(out.Take(), "--FAILED-->>" + Line("(%i)", &service, "ERROR", rec.ToString()));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "--FAILED-->>" + Line("(%i)", &service, "ERROR", rec.ToString()));
     gScmResult = 0;
     ASSERT_EQ(gSeen.size(), 3u);
     const std::string head = "service-id=00112233-4455-6677-8899-AABBCCDDEEFF;name=svc;";
@@ -302,19 +283,16 @@ TEST_F(Trace, ChannelList)
 // listens on /dev/log and traces.
 TEST_F(Trace, SystemLogEntry)
 {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        if (unshare(CLONE_NEWNS) != 0)
-            _exit(77);
-        if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+    const int rc = orvo_test::RunInChild([] {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
             mount("tmpfs", "/dev", "tmpfs", 0, nullptr) != 0)
-            _exit(77);
+            return 77;
         const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
         sockaddr_un addr = {};
         addr.sun_family = AF_UNIX;
         std::strcpy(addr.sun_path, "/dev/log");
         if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0)
-            _exit(3);
+            return 3;
         cUnit unit("tsyslog", ERROR, OUTPUT_SYSLOG);
         _Trace(&unit, FATAL, "to the log");
         char buf[1024] = {};
@@ -326,17 +304,13 @@ TEST_F(Trace, SystemLogEntry)
         std::snprintf(want, sizeof want, " orvo: %-8s|%-13s[%-10s]: %s\n", GetExeName().c_str(),
                       "tsyslog", "FATAL", "to the log");
         const size_t n = std::strlen(want);
-        const bool ok = got.compare(0, 3, "<8>") == 0 && got.size() > n &&
-                        got.compare(got.size() - n, n, want) == 0;
-        if (!ok)
-            std::fprintf(stderr, "syslog datagram: [%s]\n", got.c_str());
-        _exit(ok ? 0 : 4);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    ASSERT_TRUE(WIFEXITED(status));
-    if (WEXITSTATUS(status) == 77)
+        if (got.compare(0, 3, "<8>") == 0 && got.size() > n && got.compare(got.size() - n, n, want) == 0)
+            return 0;
+        std::fprintf(stderr, "syslog datagram: [%s]\n", got.c_str());
+        return 4;
+    });
+    if (rc == 77)
         GTEST_SKIP() << "no private mount namespace (unshare or mount refused: not root?), "
                         "so /dev/log cannot be replaced";
-    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(rc, 0);
 }
