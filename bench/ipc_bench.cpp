@@ -37,6 +37,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -407,22 +408,49 @@ int RawEcho(int toParent)
     return 0;
 }
 
+// The idle descriptors a service's loop waits on besides its connections: a
+// listening TCP socket (the sap), a bound UDP socket (the internal socket)
+// and an eventfd (the loop's wake-up). Nothing ever arrives on them.
+std::vector<int> IdleDescriptors()
+{
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int udp = ::socket(AF_INET, SOCK_DGRAM, 0);
+    if (listener < 0 || udp < 0 || ::bind(listener, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+        ::listen(listener, 5) != 0 || ::bind(udp, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0)
+        return {};
+    return {listener, udp, ::eventfd(0, 0)};
+}
+
+// Waits until fd is readable, with the idle descriptors in the same set.
+bool SelectRead(int fd, const std::vector<int>& idle, int seconds)
+{
+    fd_set rd;
+    FD_ZERO(&rd);
+    FD_SET(fd, &rd);
+    int highest = fd;
+    for (int d : idle) {
+        FD_SET(d, &rd);
+        highest = std::max(highest, d);
+    }
+    timeval tv{seconds, 0};
+    return ::select(highest + 1, &rd, nullptr, nullptr, &tv) > 0 && FD_ISSET(fd, &rd);
+}
+
 // The same echo driven by a bare select() loop: select, recv, one send() per
-// frame. What a minimal select-based design costs on this machine.
-int SelectEcho(int toParent)
+// frame. What a minimal select-based design costs on this machine, alone and
+// with a service's idle descriptors in its select set.
+int SelectEchoWith(int toParent, bool withIdle)
 {
     int fd = AcceptOne(toParent);
-    if (fd < 0 || fd >= FD_SETSIZE)
+    const std::vector<int> idle = withIdle ? IdleDescriptors() : std::vector<int>();
+    if (fd < 0 || fd >= FD_SETSIZE || (withIdle && idle.size() != 3))
         return 2;
     std::vector<unsigned char> buf(size_t(cChannel::kRecvBufferSize));
     size_t fill = 0;
-    for (;;) {
-        fd_set rd;
-        FD_ZERO(&rd);
-        FD_SET(fd, &rd);
-        timeval tv{30, 0};
-        if (::select(fd + 1, &rd, nullptr, nullptr, &tv) <= 0)
-            break;
+    while (SelectRead(fd, idle, 30)) {
         ssize_t got = ::recv(fd, buf.data() + fill, buf.size() - fill, 0);
         if (got <= 0)
             break;
@@ -442,6 +470,9 @@ int SelectEcho(int toParent)
     ::close(fd);
     return 0;
 }
+
+int SelectEcho(int toParent) { return SelectEchoWith(toParent, false); }
+int SelectEchoIdle(int toParent) { return SelectEchoWith(toParent, true); }
 
 int RawSink(int toParent)
 {
@@ -676,7 +707,8 @@ bool RrRaw(int fd, const std::string& frame, int n, std::vector<double>* out)
 
 // Client side of the bare select loop: send, select until readable, recv
 // until the whole reply is there.
-bool RrSelect(int fd, const std::string& frame, int n, std::vector<double>* out)
+bool RrSelect(int fd, const std::vector<int>& idle, const std::string& frame, int n,
+              std::vector<double>* out)
 {
     std::string reply(frame.size(), '\0');
     for (int i = 0; i < n; ++i) {
@@ -684,11 +716,7 @@ bool RrSelect(int fd, const std::string& frame, int n, std::vector<double>* out)
         if (::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) != ssize_t(frame.size()))
             return false;
         for (size_t got = 0; got < reply.size();) {
-            fd_set rd;
-            FD_ZERO(&rd);
-            FD_SET(fd, &rd);
-            timeval tv{kWaitMs / 1000, 0};
-            if (::select(fd + 1, &rd, nullptr, nullptr, &tv) <= 0)
+            if (!SelectRead(fd, idle, kWaitMs / 1000))
                 return false;
             const ssize_t r = ::recv(fd, &reply[got], reply.size() - got, MSG_DONTWAIT);
             if (r <= 0)
@@ -1027,15 +1055,16 @@ int main(int argc, char** argv)
 
     // Every server before any connection of this process exists.
     sChild orvoEcho = Spawn(OrvoEcho), orvoSink = Spawn(OrvoSink);
-    sChild rawEcho, rawSink, selEcho, zmqRep, zmqPull;
+    sChild rawEcho, rawSink, selEcho, selIdleEcho, zmqRep, zmqPull;
     if (!opt.orvoOnly) {
         rawEcho = Spawn(RawEcho);
         selEcho = Spawn(SelectEcho);
+        selIdleEcho = Spawn(SelectEchoIdle);
         rawSink = Spawn(RawSink);
         zmqRep = Spawn(ZmqRep);
         zmqPull = Spawn(ZmqPull);
     }
-    for (sChild* c : {&orvoEcho, &orvoSink, &rawEcho, &rawSink, &selEcho, &zmqRep, &zmqPull})
+    for (sChild* c : {&orvoEcho, &orvoSink, &rawEcho, &rawSink, &selEcho, &selIdleEcho, &zmqRep, &zmqPull})
         if (c->port == 0 && (c == &orvoEcho || c == &orvoSink || !opt.orvoOnly))
             return Fail("starting a server");
 
@@ -1047,7 +1076,8 @@ int main(int argc, char** argv)
         return Fail("connecting the liborvo clients");
     for (cMsg m; svc.GetQueueSize() > 0 && svc.GetMessage(m);) {
     }
-    int rawRr = -1, rawOw = -1, selRr = -1;
+    int rawRr = -1, rawOw = -1, selRr = -1, selIdleRr = -1;
+    std::vector<int> idle;   // this process's idle descriptors for the select client
     void* zctx = nullptr;
     void* zReq = nullptr;
     void* zPush = nullptr;
@@ -1055,19 +1085,24 @@ int main(int argc, char** argv)
         rawRr = RawConnect(rawEcho.port);
         rawOw = RawConnect(rawSink.port);
         selRr = RawConnect(selEcho.port);
+        selIdleRr = RawConnect(selIdleEcho.port);
+        idle = IdleDescriptors();
         zctx = zmq_ctx_new();
         zReq = ZmqConnect(zctx, ZMQ_REQ, zmqRep.port);
         zPush = ZmqConnect(zctx, ZMQ_PUSH, zmqPull.port);
-        if (rawRr < 0 || rawOw < 0 || selRr < 0 || selRr >= FD_SETSIZE || zReq == nullptr || zPush == nullptr)
+        if (rawRr < 0 || rawOw < 0 || selRr < 0 || selRr >= FD_SETSIZE ||
+            selIdleRr < 0 || selIdleRr >= FD_SETSIZE || idle.size() != 3 || zReq == nullptr || zPush == nullptr)
             return Fail("connecting the peer clients");
     }
 
     // ---- round trips -------------------------------------------------------
-    enum { ORVO, ORVO_SYNC, TCP, SELECT, ZMQ, kRrCount };
+    enum { ORVO, ORVO_SYNC, TCP, SELECT, SELECT_IDLE, ZMQ, kRrCount };
     const char* rrNames[kRrCount] = {"liborvo services (GetMessage loops)",
                                      "liborvo, client uses SendSyncMsg",
                                      "plain TCP, blocking send/recv (floor)",
-                                     "bare select() loops, same frames", "ZeroMQ REQ/REP"};
+                                     "bare select() loops, same frames",
+                                     "  the same, 3 idle descriptors per side",
+                                     "ZeroMQ REQ/REP"};
     std::vector<double> rr[kRrCount];
     const int rrKinds = opt.orvoOnly ? 2 : kRrCount;
     auto roundTrips = [&](int kind, int n, std::vector<double>* out) {
@@ -1079,7 +1114,9 @@ int main(int argc, char** argv)
         case TCP:
             return RrRaw(rawRr, frame, n, out);
         case SELECT:
-            return RrSelect(selRr, frame, n, out);
+            return RrSelect(selRr, {}, frame, n, out);
+        case SELECT_IDLE:
+            return RrSelect(selIdleRr, idle, frame, n, out);
         default:
             return RrZmq(zReq, frame, n, out);
         }
@@ -1137,6 +1174,9 @@ int main(int argc, char** argv)
         ::close(rawRr);
         ::close(rawOw);
         ::close(selRr);
+        ::close(selIdleRr);
+        for (int d : idle)
+            ::close(d);
         const char quit = 'q';
         char ack;
         zmq_send(zReq, &quit, 1, 0);
@@ -1147,7 +1187,7 @@ int main(int argc, char** argv)
         zmq_ctx_term(zctx);
     }
     bool clean = true;
-    for (sChild* c : {&orvoEcho, &orvoSink, &rawEcho, &rawSink, &selEcho, &zmqRep, &zmqPull})
+    for (sChild* c : {&orvoEcho, &orvoSink, &rawEcho, &rawSink, &selEcho, &selIdleEcho, &zmqRep, &zmqPull})
         if (c->pid > 0)
             clean = Reap(*c) && clean;
 
@@ -1195,6 +1235,8 @@ int main(int argc, char** argv)
                     vsZmq <= 1.0 / 3.0 ? "met" : "NOT met");
         std::printf("  round trip median, bare select / plain TCP  %6.2f\n",
                     st[SELECT].median / st[TCP].median);
+        std::printf("  round trip median, select + idle / plain TCP %5.2f\n",
+                    st[SELECT_IDLE].median / st[TCP].median);
         std::printf("  round trip median, bare select / ZeroMQ     %6.2f\n",
                     st[SELECT].median / st[ZMQ].median);
         std::printf("  round trip median, ZeroMQ / plain TCP       %6.2f\n",

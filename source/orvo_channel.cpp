@@ -11,7 +11,7 @@
 #include "orvo_handle.h"
 #include "orvo_msg.h"
 #include "orvo_service.h"
-#include "orvo_service_hooks.h"
+#include "orvo_snoop.h"
 #include "orvo_trace.h"
 
 namespace orvo {

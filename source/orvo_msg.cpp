@@ -5,15 +5,11 @@
 
 #include "orvo_channel.h"
 #include "orvo_handle.h"
-#include "orvo_msg_hooks.h"
+#include "orvo_timer.h"
 #include "orvo_trace.h"
 #include "tesk.h"
 
 namespace orvo {
-
-namespace msghooks {
-std::string (*TimerText)(const cTimer* timer) = nullptr;
-}  // namespace msghooks
 
 namespace {
 
@@ -253,17 +249,18 @@ std::string cMsg::ToString() const
         s += ", record=";
         s += m_Record.ToString();
     }
-    // A message may outlive its channel (a copy kept after the channel was
-    // deleted): only a channel that is still in the handle table is printed.
+    // A message may outlive its channel or timer (a copy kept after the
+    // object was deleted): only objects still in the handle table are printed.
     if (m_pChannel != nullptr &&
         HandleResolve(HandleOf(m_pChannel), HANDLE_CHANNEL) == static_cast<void*>(m_pChannel)) {
         s += ", channel={";
         s += m_pChannel->ToString();
         s += "}";
     }
-    if (m_pTimer != nullptr && msghooks::TimerText != nullptr) {
+    if (m_pTimer != nullptr &&
+        HandleResolve(HandleOf(m_pTimer), HANDLE_TIMER) == static_cast<void*>(m_pTimer)) {
         s += ", timer=";
-        s += msghooks::TimerText(m_pTimer);
+        s += m_pTimer->ToString();
     }
     s += "}";
     return s;

@@ -23,21 +23,16 @@
 #include "orvo_init.h"
 #include "orvo_msgsocket.h"
 #include "orvo_record.h"
-#include "orvo_service_hooks.h"
+#include "orvo_snoop.h"
 #include "orvo_socket.h"
+#include "orvo_statem.h"
+#include "orvo_timer.h"
 #include "orvo_trace.h"
 #include "tesk.h"
 
 namespace orvo {
 
 cService* mMainService = nullptr;
-
-namespace svchooks {
-tStatemOnMsg StatemOnMsg = nullptr;
-tStatemService StatemService = nullptr;
-tTimerExec TimerExec = nullptr;
-tTimerSetDue TimerSetDue = nullptr;
-}  // namespace svchooks
 
 // Signals: the catcher only marks; the handlers run on a loop thread. Index
 // 65 exists because SignalAsyncSelect accepts signal numbers up to 65.
@@ -573,8 +568,7 @@ void cService::TimerAsyncSelect(cTimer* timer, unsigned long ms)
         return;
     }
     const uint64_t due = static_cast<uint64_t>(GetMsecClock()) + ms;
-    if (svchooks::TimerSetDue != nullptr)
-        svchooks::TimerSetDue(timer, due);
+    timer->SetDue(due);
     AddTimerEntry(sTimerEntry{timer, due, 0});
 }
 
@@ -620,10 +614,8 @@ void cService::ScanTimers()
             m_WaitFired.push_back(due.wait);
             cMsg msg(kMsgWaitTimeout);
             OnMsg(msg);
-        } else if (svchooks::TimerExec != nullptr) {
-            svchooks::TimerExec(due.timer);
         } else {
-            ORVO_TRACE(UnitORVO, ERROR, "cService::ScanTimers: no timer family, due timer dropped");
+            due.timer->OnExec();
         }
     }
 }
@@ -875,15 +867,10 @@ void cService::Deliver(cMsg& msg)
                    "cService::OnMsg: state machine is gone, msg dropped: " + msg.ToString());
         return;
     }
-    if (svchooks::StatemOnMsg == nullptr) {
-        ORVO_TRACE(UnitORVO, WARNING,
-                   "cService::OnMsg: no state machine delivery, msg dropped: " + msg.ToString());
-        return;
-    }
     SendSnoop(this, msg, SNOOP_RECEIVE);
     // The state machine gets its own copy: the caller's message stays as it was.
     cMsg own(msg);
-    svchooks::StatemOnMsg(sm, own);
+    sm->OnMsg(own);
     PostHdlMessage(own);
 }
 
@@ -987,9 +974,9 @@ int cService::SendToInternal(cService* target, cMsg& msg)
 int cService::SendToInternal(cStateMachine* sm, cMsg& msg)
 {
     msg.SetStatem(sm);
-    if (sm == nullptr || svchooks::StatemService == nullptr)
+    if (sm == nullptr)
         return 0;
-    return SendToInternal(svchooks::StatemService(sm), msg);
+    return SendToInternal(sm->GetService(), msg);
 }
 
 cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long type2,

@@ -3,34 +3,10 @@
 
 #include "orvo_handle.h"
 #include "orvo_service.h"
-#include "orvo_service_hooks.h"
 #include "orvo_trace.h"
 #include "tesk.h"
 
 namespace orvo {
-
-namespace {
-
-void DeliverToStatem(cStateMachine* sm, cMsg& msg)
-{
-    sm->OnMsg(msg);
-}
-
-cService* ServiceOfStatem(cStateMachine* sm)
-{
-    return sm->GetService();
-}
-
-// The service loop knows state machines only through these seams.
-struct sInstallHooks {
-    sInstallHooks()
-    {
-        svchooks::StatemOnMsg = &DeliverToStatem;
-        svchooks::StatemService = &ServiceOfStatem;
-    }
-} gInstallHooks;
-
-}  // namespace
 
 cStateMachine::cStateMachine(cService* service, const std::string& name)
     : m_pStateObj(this),

@@ -2,9 +2,7 @@
 #include "orvo_timer.h"
 
 #include "orvo_handle.h"
-#include "orvo_msg_hooks.h"
 #include "orvo_service.h"
-#include "orvo_service_hooks.h"
 #include "orvo_trace.h"
 
 namespace orvo {
@@ -20,17 +18,6 @@ unsigned long ClampMs(unsigned long long ms)
 {
     return ms > kMaxTimeoutMs ? kMaxTimeoutMs : static_cast<unsigned long>(ms);
 }
-
-// The service loop and the message family know cTimer only by name; these
-// seams connect them to this family when the library is loaded.
-struct sInstallHooks {
-    sInstallHooks()
-    {
-        svchooks::TimerExec = [](cTimer* timer) { timer->OnExec(); };
-        svchooks::TimerSetDue = [](cTimer* timer, uint64_t due) { timer->SetDue(due); };
-        msghooks::TimerText = [](const cTimer* timer) { return timer->ToString(); };
-    }
-} gInstallHooks;
 
 const char* Bool(bool b)
 {

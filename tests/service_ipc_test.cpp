@@ -17,28 +17,24 @@
 #include <thread>
 #include <vector>
 
-#include "../source/orvo_service_hooks.h"
-#include "orvo_handle.h"
 #include "orvo_init.h"
 #include "orvo_msgsocket.h"
 #include "orvo_msgthread.h"
 #include "orvo_record.h"
 #include "orvo_service.h"
+#include "orvo_statem.h"
 #include "orvo_time.h"
 #include "orvo_trace.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cTestService;
 
 namespace {
 
 const int kOk = 0, kLeak = 90, kWrong = 91;   // child exit codes
 const unsigned kChildSeconds = 60;            // generous: sanitizers, qemu
 const unsigned long kWaitMs = 20000;
-
-class cTestService : public cService {
-public:
-    void ThreadMain() override {}
-};
 
 int CountFds()
 {
@@ -158,22 +154,13 @@ cMsgTcpSocket* Connect(cService& a, uint16_t port)
 class ServiceIpc : public testing::Test {
 protected:
     static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
-    void SetUp() override
-    {
-        m_Fds = CountFds();
-        m_SavedStatemOnMsg = svchooks::StatemOnMsg;
-        m_SavedStatemService = svchooks::StatemService;
-    }
+    void SetUp() override { m_Fds = CountFds(); }
     void TearDown() override
     {
         cService::SetStopFlag(false);
-        svchooks::StatemOnMsg = m_SavedStatemOnMsg;
-        svchooks::StatemService = m_SavedStatemService;
         EXPECT_EQ(CountFds(), m_Fds) << "descriptors left open";
     }
     int m_Fds = 0;
-    svchooks::tStatemOnMsg m_SavedStatemOnMsg = nullptr;
-    svchooks::tStatemService m_SavedStatemService = nullptr;
 };
 
 }  // namespace
@@ -295,9 +282,16 @@ public:
     }
 };
 
-struct sFakeSm {
+// Keeps every message handed to it.
+class cKeepSm : public cStateMachine {
+public:
+    explicit cKeepSm(cService* s) : cStateMachine(s, "keep") {}
+    int state_init(cMsg& msg) override
+    {
+        got.push_back(msg);
+        return 0;
+    }
     std::vector<cMsg> got;
-    cService* service;
 };
 
 }  // namespace
@@ -331,14 +325,9 @@ TEST_F(ServiceIpc, ThreadServiceAndParentTalkThroughInternalSockets)
 
     // To a parent state machine: the token crosses the datagram socket and
     // the reply goes straight to the machine, never into the queue.
-    sFakeSm sm{{}, &parent};
-    const uint32_t h = HandleCreate(&sm, HANDLE_STATEM);
-    svchooks::StatemService = [](cStateMachine* s) { return reinterpret_cast<sFakeSm*>(s)->service; };
-    svchooks::StatemOnMsg = [](cStateMachine* s, cMsg& m) {
-        reinterpret_cast<sFakeSm*>(s)->got.push_back(m);
-    };
+    cKeepSm sm(&parent);
     {
-        cEchoThread echo(&parent, reinterpret_cast<cStateMachine*>(&sm));
+        cEchoThread echo(&parent, &sm);
         ASSERT_EQ(echo.Start(), 0);
         cMsg req(0x200);
         req.GetRecord().AppendUIntPar("n", 21, 0);
@@ -351,7 +340,6 @@ TEST_F(ServiceIpc, ThreadServiceAndParentTalkThroughInternalSockets)
         EXPECT_EQ(parent.GetQueueSize(), 0u);
         // The destructor cancels the thread waiting in its select.
     }
-    HandleRelease(h);
     parent.DeInit();
 }
 

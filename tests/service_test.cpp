@@ -14,24 +14,21 @@
 #include <thread>
 #include <vector>
 
-#include "../source/orvo_service_hooks.h"
 #include "orvo_channel.h"
-#include "orvo_handle.h"
 #include "orvo_init.h"
 #include "orvo_msg.h"
 #include "orvo_record.h"
 #include "orvo_service.h"
+#include "orvo_statem.h"
 #include "orvo_time.h"
+#include "orvo_timer.h"
 #include "orvo_trace.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cTestService;
 
 namespace {
-
-class cTestService : public cService {
-public:
-    void ThreadMain() override {}
-};
 
 // A channel over a socket-pair end that keeps what is sent on it.
 class cSink : public cChannel {
@@ -77,48 +74,42 @@ private:
     bool* m_pDeleted;
 };
 
-// Stand-ins for state machines and timers: the loop only hands their
-// pointers to the hooks.
-struct sFake {
+// Keeps the types of the messages handed to it.
+class cTypesSm : public cStateMachine {
+public:
+    explicit cTypesSm(cService* s) : cStateMachine(s, "types") {}
+    int state_init(cMsg& msg) override
+    {
+        got.push_back(msg.GetType());
+        return 0;
+    }
     std::vector<unsigned long> got;
+};
+
+// Records its expiries in gFired and runs onExec instead of sending.
+std::vector<cTimer*> gFired;
+class cMarkTimer : public cTimer {
+public:
+    explicit cMarkTimer(cService* s) : cTimer(s, false, nullptr) {}
+    void OnExec() override
+    {
+        gFired.push_back(this);
+        if (onExec)
+            onExec();
+    }
     std::function<void()> onExec;
 };
-cStateMachine* AsStatem(sFake& o) { return reinterpret_cast<cStateMachine*>(&o); }
-cTimer* AsTimer(sFake& o) { return reinterpret_cast<cTimer*>(&o); }
-std::vector<sFake*> gFired;
 
 class Service : public testing::Test {
 protected:
     static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
-    void SetUp() override
-    {
-        m_SavedStatemOnMsg = svchooks::StatemOnMsg;
-        m_SavedTimerExec = svchooks::TimerExec;
-        m_SavedTimerSetDue = svchooks::TimerSetDue;
-        svchooks::TimerSetDue = nullptr;  // the fakes below are no cTimer
-        svchooks::StatemOnMsg = [](cStateMachine* sm, cMsg& msg) {
-            reinterpret_cast<sFake*>(sm)->got.push_back(msg.GetType());
-        };
-        svchooks::TimerExec = [](cTimer* t) {
-            sFake* f = reinterpret_cast<sFake*>(t);
-            gFired.push_back(f);
-            if (f->onExec)
-                f->onExec();
-        };
-        gFired.clear();
-    }
+    void SetUp() override { gFired.clear(); }
     void TearDown() override
     {
-        svchooks::StatemOnMsg = m_SavedStatemOnMsg;
-        svchooks::TimerExec = m_SavedTimerExec;
-        svchooks::TimerSetDue = m_SavedTimerSetDue;
         SetTraceLevel(UnitORVO, ERROR);
         SetTraceOut(UnitORVO, OUTPUT_NONE);
         cService::SetStopFlag(false);
     }
-    svchooks::tStatemOnMsg m_SavedStatemOnMsg = nullptr;
-    svchooks::tTimerExec m_SavedTimerExec = nullptr;
-    svchooks::tTimerSetDue m_SavedTimerSetDue = nullptr;
     static unsigned long Take(cService& svc)
     {
         cMsg msg;
@@ -163,64 +154,69 @@ TEST_F(Service, QueueIsFifoAndTheMessageAboveTheLimitEmptiesIt)
 TEST_F(Service, MessagesForStateMachinesBypassTheQueue)
 {
     cTestService svc;
-    sFake sm, gone;
-    const uint32_t h = HandleCreate(&sm, HANDLE_STATEM);
-    cMsg msg(0x5000, nullptr, AsStatem(sm)), stale(0x5001, nullptr, AsStatem(gone));
+    cTypesSm sm(&svc);
+    cMsg msg(0x5000, nullptr, &sm);
     svc.OnMsg(msg);
-    svc.OnMsg(stale);   // not a live state machine: dropped
     EXPECT_EQ(sm.got, std::vector<unsigned long>{0x5000});
-    EXPECT_TRUE(gone.got.empty());
     EXPECT_EQ(svc.GetQueueSize(), 0u);
 
     // 0x3004 carries a message in record form; its handle resolves again.
     cMsg wrapped(0x3004);
-    cMsg(0x5002, nullptr, AsStatem(sm)).ToRecord(wrapped.GetRecord());
+    cMsg(0x5002, nullptr, &sm).ToRecord(wrapped.GetRecord());
     svc.OnMsg(wrapped);
     EXPECT_EQ(sm.got.back(), 0x5002u);
-    HandleRelease(h);
-    svc.OnMsg(msg);
-    EXPECT_EQ(sm.got.size(), 2u);
+
+    // A message that outlives its machine is dropped, not queued, and the
+    // machine is never touched (the sanitizer build would see it).
+    cStateMachine* gone = new cTypesSm(&svc);
+    cMsg stale(0x5001, nullptr, gone);
+    delete gone;
+    svc.OnMsg(stale);
+    EXPECT_EQ(svc.GetQueueSize(), 0u);
 }
 
 TEST_F(Service, TimerListOrderIdleTimeAndReentrancy)
 {
     cTestService svc;
-    sFake a, b, x, y, z;
+    cMarkTimer a(&svc), b(&svc), x(&svc), y(&svc), z(&svc);
     EXPECT_EQ(svc.ScheduleGetIdleTimeMs(), 60000u);
-    svc.TimerAsyncSelect(AsTimer(a), 100000);
+    svc.TimerAsyncSelect(&a, 100000);
     EXPECT_EQ(svc.ScheduleGetIdleTimeMs(), 60000u);   // capped
-    svc.TimerAsyncSelect(AsTimer(b), 30000);
-    svc.TimerAsyncSelect(AsTimer(b), 40000);          // a second entry
+    svc.TimerAsyncSelect(&b, 30000);
+    const uint64_t armed40 = GetMsecClock();
+    svc.TimerAsyncSelect(&b, 40000);                  // a second entry
+    EXPECT_GE(b.GetDue(), armed40 + 40000);           // the timer keeps the latest due time
+    EXPECT_LE(b.GetDue(), static_cast<uint64_t>(GetMsecClock()) + 40000);
     EXPECT_LE(svc.ScheduleGetIdleTimeMs(), 30000u);
     EXPECT_GT(svc.ScheduleGetIdleTimeMs(), 20000u);
-    svc.TimerAsyncSelect(AsTimer(b), 0);              // removes both
+    svc.TimerAsyncSelect(&b, 0);                      // removes both
     EXPECT_EQ(svc.GetTimerCount(), 1u);
-    svc.TimerAsyncSelect(AsTimer(a), 0);
+    svc.TimerAsyncSelect(&a, 0);
 
     // Without channels the loop sleeps until the nearest timer; due order,
     // equal time-outs in arming order.
     const long long start = GetMsecClock();
-    svc.TimerAsyncSelect(AsTimer(x), 60);
-    svc.TimerAsyncSelect(AsTimer(y), 60);
-    svc.TimerAsyncSelect(AsTimer(z), 20);
+    svc.TimerAsyncSelect(&x, 60);
+    svc.TimerAsyncSelect(&y, 60);
+    svc.TimerAsyncSelect(&z, 20);
     while (svc.GetTimerCount() > 0)
         svc.ScheduleSelect();
     EXPECT_GE(GetMsecClock() - start, 60);
-    EXPECT_EQ(gFired, (std::vector<sFake*>{&z, &x, &y}));
+    EXPECT_EQ(gFired, (std::vector<cTimer*>{&z, &x, &y}));
 
     // A timer fired in a scan may stop another due one and re-arm itself.
     gFired.clear();
     a.onExec = [&] {
-        svc.TimerAsyncSelect(AsTimer(b), 0);
-        svc.TimerAsyncSelect(AsTimer(a), 100000);
+        svc.TimerAsyncSelect(&b, 0);
+        svc.TimerAsyncSelect(&a, 100000);
     };
-    svc.TimerAsyncSelect(AsTimer(a), 1);
-    svc.TimerAsyncSelect(AsTimer(b), 2);
+    svc.TimerAsyncSelect(&a, 1);
+    svc.TimerAsyncSelect(&b, 2);
     const long long armed = GetMsecClock();
     while (GetMsecClock() < armed + 3)
         ::usleep(1000);
     svc.ScanTimers();
-    EXPECT_EQ(gFired, std::vector<sFake*>{&a});
+    EXPECT_EQ(gFired, std::vector<cTimer*>{&a});
     EXPECT_EQ(svc.GetTimerCount(), 1u);
     svc.DeInit();
     EXPECT_EQ(svc.GetTimerCount(), 0u);

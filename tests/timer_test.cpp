@@ -117,6 +117,14 @@ TEST_F(Timer, OneShotAutoRestartTiesAndClamping)
     EXPECT_TRUE(m.GetType() == 0x2345 && m.GetTid() == tid && m.GetTimer() == &t &&
                 m.GetStatem() == sm && m.GetRecord().GetFirstPar("k").GetUInt() == 7);
     EXPECT_NE(m.ToString().find(", timer={ name=t1, timeout=1500 ms"), std::string::npos);
+    {
+        // A copy kept after its timer is gone prints without it.
+        cTimer* gone = new cTimer(&svc, false, nullptr);
+        cMsg kept(m);
+        kept.SetTimer(gone);
+        delete gone;
+        EXPECT_EQ(kept.ToString().find("timer="), std::string::npos);
+    }
     EXPECT_FALSE(t.IsRunning());
     EXPECT_EQ(svc.GetTimerCount(), 0u);
 
