@@ -30,7 +30,7 @@ BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
 .PHONY: all deps build demo test host-test install-test asan-build asan-test \
-        arm-sysroot arm-build arm-test fuzz-build fuzz bench install clean
+        arm-sysroot arm-build arm-test fuzz-build fuzz bench-build bench-smoke bench install clean
 
 all: build
 
@@ -84,10 +84,18 @@ fuzz-build:
 fuzz: fuzz-build
 	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
 
-bench: deps
+bench-build:
 	$(CMAKE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release \
 	    -DORVO_BUILD_BENCH=ON -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
 	$(CMAKE) --build $(BENCH_DIR) -j$(JOBS)
+
+# The benchmarks built and run briefly: each checks its results before it
+# times anything, so this catches a benchmark that no longer builds or agrees.
+bench-smoke: bench-build
+	$(BENCH_DIR)/bench/record_bench --benchmark_min_time=0.01 --benchmark_repetitions=1
+	$(BENCH_DIR)/bench/ipc_bench --rr=1000 --oneway=20000
+
+bench: deps bench-build
 	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \
 	    [ -x "$$b" ] || continue; found=1; \
 	    echo "== $$b"; "$$b" || exit 1; \

@@ -688,13 +688,15 @@ bool RrOrvoSync(cService& svc, cMsgTcpSocket* c, const std::vector<cUuid>& tids,
     return true;
 }
 
-bool RrRaw(int fd, const std::string& frame, int n, std::vector<double>* out)
+// n timed exchanges: exchange(reply) sends frame and fills reply with the
+// echo (false ends the run); every echo must equal the frame.
+template <class F>
+bool TimeEchoes(const std::string& frame, int n, std::vector<double>* out, F exchange)
 {
     std::string reply(frame.size(), '\0');
     for (int i = 0; i < n; ++i) {
         const uint64_t t0 = NowNs();
-        if (::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) != ssize_t(frame.size()) ||
-            !RecvAll(fd, &reply[0], reply.size()))
+        if (!exchange(reply))
             return false;
         const uint64_t t1 = NowNs();
         if (reply != frame)
@@ -705,14 +707,20 @@ bool RrRaw(int fd, const std::string& frame, int n, std::vector<double>* out)
     return true;
 }
 
+bool RrRaw(int fd, const std::string& frame, int n, std::vector<double>* out)
+{
+    return TimeEchoes(frame, n, out, [&](std::string& reply) {
+        return ::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) == ssize_t(frame.size()) &&
+               RecvAll(fd, &reply[0], reply.size());
+    });
+}
+
 // Client side of the bare select loop: send, select until readable, recv
 // until the whole reply is there.
 bool RrSelect(int fd, const std::vector<int>& idle, const std::string& frame, int n,
               std::vector<double>* out)
 {
-    std::string reply(frame.size(), '\0');
-    for (int i = 0; i < n; ++i) {
-        const uint64_t t0 = NowNs();
+    return TimeEchoes(frame, n, out, [&](std::string& reply) {
         if (::send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) != ssize_t(frame.size()))
             return false;
         for (size_t got = 0; got < reply.size();) {
@@ -723,30 +731,16 @@ bool RrSelect(int fd, const std::vector<int>& idle, const std::string& frame, in
                 return false;
             got += size_t(r);
         }
-        const uint64_t t1 = NowNs();
-        if (reply != frame)
-            return false;
-        if (out != nullptr)
-            out->push_back(double(t1 - t0) / 1000.0);
-    }
-    return true;
+        return true;
+    });
 }
 
 bool RrZmq(void* s, const std::string& frame, int n, std::vector<double>* out)
 {
-    unsigned char reply[256];
-    for (int i = 0; i < n; ++i) {
-        const uint64_t t0 = NowNs();
-        if (zmq_send(s, frame.data(), frame.size(), 0) != int(frame.size()) ||
-            zmq_recv(s, reply, sizeof reply, 0) != int(frame.size()))
-            return false;
-        const uint64_t t1 = NowNs();
-        if (std::memcmp(reply, frame.data(), frame.size()) != 0)
-            return false;
-        if (out != nullptr)
-            out->push_back(double(t1 - t0) / 1000.0);
-    }
-    return true;
+    return TimeEchoes(frame, n, out, [&](std::string& reply) {
+        return zmq_send(s, frame.data(), frame.size(), 0) == int(frame.size()) &&
+               zmq_recv(s, &reply[0], reply.size(), 0) == int(frame.size());
+    });
 }
 
 // ---- one way: count messages, the last one marked; the time until the sink

@@ -51,6 +51,7 @@ stage install install-test
 stage asan asan-test
 stage arm arm-test
 stage fuzz fuzz FUZZ_SECONDS="$fuzz_seconds"
+stage bench bench-smoke
 
 passed=0
 failed=0
