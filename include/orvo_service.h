@@ -273,14 +273,13 @@ private:
     void CloseSockets();
 
     // Select table: count of used entries (never decreases), the highest
-    // descriptor ever registered, the three sets and the entries.
+    // descriptor ever registered, the three sets; the entries themselves
+    // close the object (see below).
     int m_SelectCount;
     int m_SelectHighest;
     fd_set m_ReadSet;
     fd_set m_WriteSet;
     fd_set m_ExceptSet;
-    sSelectEntry m_Select[kMaxSelect];
-    int16_t m_SlotOfFd[kMaxSelect];          // entry index of a descriptor; -1 none
 
     std::deque<cMsg> m_MsgQ;                 // front = newest, back = oldest
     std::vector<sTimerEntry> m_Timers;       // sorted by due time
@@ -302,6 +301,11 @@ private:
     uint32_t m_SelectSeq;                    // last registration number given
     uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
     std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
+
+    // The two large arrays last, so that the members every message uses
+    // share a few cache lines and pages; only the first entries are busy.
+    sSelectEntry m_Select[kMaxSelect];
+    int16_t m_SlotOfFd[kMaxSelect];          // entry index of a descriptor; -1 none
 };
 
 // Sends a snoop report (0x7005) about msg to every channel of the snoop list:

@@ -23,7 +23,7 @@ cByteBuffer::~cByteBuffer()
     free(m_pBegin);
 }
 
-bool cByteBuffer::pushback(const void* p, unsigned long n)
+ORVO_HOT bool cByteBuffer::pushback(const void* p, unsigned long n)
 {
     // Comparing against the free space (never size() + n) cannot overflow.
     if (asize() <= n)
@@ -38,7 +38,7 @@ bool cByteBuffer::pushback(const void* p, unsigned long n)
     return true;
 }
 
-void cByteBuffer::popfront(unsigned long n)
+ORVO_HOT void cByteBuffer::popfront(unsigned long n)
 {
     if (n == 0)
         return;

@@ -119,7 +119,7 @@ void cChannel::SetLineMode(bool on)
         m_Flags &= static_cast<uint16_t>(~CHANNEL_LINEMODE);
 }
 
-void cChannel::UpdateSelect()
+ORVO_HOT void cChannel::UpdateSelect()
 {
     if (m_fd < 0)
         return;
@@ -137,7 +137,7 @@ void cChannel::UpdateSelect()
         m_pService->ChannelAsyncSelect(this, events, nullptr);
 }
 
-int cChannel::Read(void* buffer, int size)
+ORVO_HOT int cChannel::Read(void* buffer, int size)
 {
     return rawRead(buffer, size);
 }
@@ -156,13 +156,13 @@ int cChannel::Ioctl(unsigned int request, unsigned long arg)
     return ::ioctl(m_fd, request, arg);
 }
 
-void cChannel::OnMsg(cMsg& msg)
+ORVO_HOT void cChannel::OnMsg(cMsg& msg)
 {
     if (m_pService != nullptr)
         m_pService->OnMsg(msg);
 }
 
-void cChannel::OnSelect(int events)
+ORVO_HOT void cChannel::OnSelect(int events)
 {
     if (events & SELECT_READ)
         OnSelectRead();
@@ -170,14 +170,14 @@ void cChannel::OnSelect(int events)
         OnSelectWrite();
 }
 
-void cChannel::OnSelectWrite()
+ORVO_HOT void cChannel::OnSelectWrite()
 {
     m_Flags &= static_cast<uint16_t>(~CHANNEL_WRITEPENDING);
     OnWrite();
     UpdateSelect();
 }
 
-void cChannel::OnSelectRead()
+ORVO_HOT void cChannel::OnSelectRead()
 {
     m_bReadRetry = 0;
     int count = Read(m_pRecvBuffer + m_RecvFill, m_RecvBufferSize - m_RecvFill);

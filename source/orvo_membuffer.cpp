@@ -17,7 +17,7 @@ cMemBufferData* cMemBufferData::New(int Size)
     return d;
 }
 
-void cMemBufferData::Free()
+ORVO_HOT void cMemBufferData::Free()
 {
     ::operator delete(static_cast<void*>(this));
 }
@@ -44,7 +44,7 @@ cMemBuffer& cMemBuffer::operator=(const cMemBuffer& Other)
     return *this;
 }
 
-void cMemBuffer::Release()
+ORVO_HOT void cMemBuffer::Release()
 {
     if (m_pData != nullptr) {
         m_pData->Release();
@@ -67,7 +67,7 @@ int cMemBuffer::GetRefCount() const
     return m_pData != nullptr ? m_pData->m_RefCount : 0;
 }
 
-char* cMemBuffer::Create()
+ORVO_HOT char* cMemBuffer::Create()
 {
     Release();
     m_Offset = 0;
@@ -84,7 +84,7 @@ char* cMemBuffer::Create(const cMemBuffer& Buf)
     return GetBuffer();
 }
 
-char* cMemBuffer::Create(const cMemBuffer& Buf, int Offs, int Size)
+ORVO_HOT char* cMemBuffer::Create(const cMemBuffer& Buf, int Offs, int Size)
 {
     if (Size == 0)
         return Create();
@@ -105,7 +105,7 @@ char* cMemBuffer::Create(const cMemBuffer& Buf, int Offs, int Size)
     return GetBuffer();
 }
 
-char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
+ORVO_HOT char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
 {
     if (NewSize == -1)
         NewSize = Size;

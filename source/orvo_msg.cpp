@@ -71,7 +71,7 @@ cMsg::cMsg(unsigned long type, cChannel* channel, cStateMachine* statem)
     SetType(type);
 }
 
-bool cMsg::Create()
+ORVO_HOT bool cMsg::Create()
 {
     std::memset(m_Header, 0, sizeof m_Header);
     m_pChannel = nullptr;
@@ -82,7 +82,7 @@ bool cMsg::Create()
     return true;
 }
 
-int cMsg::Create(unsigned char kind, const void* data, int size, cChannel* channel,
+ORVO_HOT int cMsg::Create(unsigned char kind, const void* data, int size, cChannel* channel,
                  cStateMachine* statem)
 {
     if (kind > 3)
@@ -136,14 +136,14 @@ unsigned char cMsg::GetKind() const
     return static_cast<unsigned char>((m_Tid.IsValid() ? 1 : 0) + (m_pStatem != nullptr ? 2 : 0));
 }
 
-int cMsg::GetPayloadSize(unsigned char kind) const
+ORVO_HOT int cMsg::GetPayloadSize(unsigned char kind) const
 {
     if (kind > 3)
         return -1;
     return FixedSize(kind) + m_Record.GetSize();
 }
 
-int cMsg::Serialize(unsigned char kind, void* buffer, int capacity) const
+ORVO_HOT int cMsg::Serialize(unsigned char kind, void* buffer, int capacity) const
 {
     int size = GetPayloadSize(kind);
     if (size < 0)

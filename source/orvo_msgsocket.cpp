@@ -79,7 +79,7 @@ long long FrameTotal(const tPiece* pieces, int count)
 
 // Appends header and pieces under cByteBuffer's strict rule; the caller has
 // checked that the free space is at least total.
-void QueueFrame(cByteBuffer& buffer, unsigned char type, uint32_t total, const tPiece* pieces,
+ORVO_HOT void QueueFrame(cByteBuffer& buffer, unsigned char type, uint32_t total, const tPiece* pieces,
                 int count)
 {
     unsigned char header[kFrameHeaderSize] = {kFrameVersion, type, 0, 0, 0, 0};
@@ -99,7 +99,7 @@ int TraceLength(long long total)
 // The frame length for the pieces, or -1 with errno set when a piece length
 // is negative (EINVAL) or the frame does not fit a frame buffer (E2BIG,
 // traced in the name of the sending class).
-long long CheckedFrameTotal(const char* sender, const tPiece* pieces, int count)
+ORVO_HOT long long CheckedFrameTotal(const char* sender, const tPiece* pieces, int count)
 {
     const long long total = FrameTotal(pieces, count);
     if (total < 0) {
@@ -131,7 +131,7 @@ void cFrameReader::Clear()
     ++m_Generation;
 }
 
-int cFrameReader::Feed(const void* data, int size, tHandler handler, void* ctx)
+ORVO_HOT int cFrameReader::Feed(const void* data, int size, tHandler handler, void* ctx)
 {
     if (m_bBusy) {
         ORVO_TRACE(UnitORVO, ERROR,
@@ -217,13 +217,13 @@ cTpktTcpSocket::~cTpktTcpSocket()
     cTpktTcpSocket::Close();
 }
 
-void cTpktTcpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
+ORVO_HOT void cTpktTcpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
                                   int size)
 {
     static_cast<cTpktTcpSocket*>(ctx)->OnPacketRead(type, payload, size);
 }
 
-int cTpktTcpSocket::OnRead(const void* data, int size)
+ORVO_HOT int cTpktTcpSocket::OnRead(const void* data, int size)
 {
     if (m_RecvBuffer.Feed(data, size, &cTpktTcpSocket::FrameHandler, this) ==
         cFrameReader::FEED_BROKEN) {
@@ -278,7 +278,7 @@ void cTpktTcpSocket::OnConnect(int err)
     cTcpSocket::OnConnect(err);
 }
 
-int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, const void* p2, int n2,
+ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, const void* p2, int n2,
                                 const void* p3, int n3)
 {
     const tPiece pieces[3] = {{p1, n1}, {p2, n2}, {p3, n3}};
@@ -455,7 +455,7 @@ cMsgTcpSocket::cMsgTcpSocket(cService* service, cStateMachine* statem)
 
 cMsgTcpSocket::~cMsgTcpSocket() = default;
 
-int cMsgTcpSocket::Send(cMsg& msg)
+ORVO_HOT int cMsgTcpSocket::Send(cMsg& msg)
 {
     msg.SetChannel(this);
     if (GetService() != nullptr)
@@ -476,7 +476,7 @@ void cMsgTcpSocket::SendSocketOnConnectMsg(cMsg& msg)
     Send(msg);
 }
 
-void cMsgTcpSocket::OnPacketRead(unsigned char type, const void* payload, int size)
+ORVO_HOT void cMsgTcpSocket::OnPacketRead(unsigned char type, const void* payload, int size)
 {
     cMsg msg;
     int result = msg.Create(type, payload, size, this, GetStatem());

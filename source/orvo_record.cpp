@@ -631,14 +631,14 @@ cRecord::cRecord(const cMemBuffer& Buf, int Offs, int Size) : m_pEnd(nullptr), m
     Create(Buf, Offs, Size);
 }
 
-void cRecord::Create()
+ORVO_HOT void cRecord::Create()
 {
     m_Buffer.Create();
     m_pEnd = nullptr;
     m_pBuffer = nullptr;
 }
 
-void cRecord::Create(const void* p, int Size)
+ORVO_HOT void cRecord::Create(const void* p, int Size)
 {
     if (p == nullptr || Size <= 0) {
         Create();

@@ -451,7 +451,7 @@ void cService::UnregisterAll()
     std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
 }
 
-int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
+ORVO_HOT int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
 {
     ORVO_ASSERT(fd>=0);
     const bool reg = events != 0 && channel != nullptr;
@@ -523,7 +523,7 @@ int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ct
     return 1;
 }
 
-int cService::ChannelAsyncSelect(cChannel* channel, int events, void* ctx)
+ORVO_HOT int cService::ChannelAsyncSelect(cChannel* channel, int events, void* ctx)
 {
     if (channel == nullptr || channel->GetFd() < 0)
         return 0;
@@ -580,7 +580,7 @@ void cService::AddTimerEntry(const sTimerEntry& entry)
                      [](const sTimerEntry& a, const sTimerEntry& b) { return a.due < b.due; });
 }
 
-unsigned long cService::ScheduleGetIdleTimeMs() const
+ORVO_HOT unsigned long cService::ScheduleGetIdleTimeMs() const
 {
     if (m_Timers.empty())
         return kMaxIdleMs;
@@ -592,7 +592,7 @@ unsigned long cService::ScheduleGetIdleTimeMs() const
     return static_cast<unsigned long>(left);
 }
 
-void cService::ScanTimers()
+ORVO_HOT void cService::ScanTimers()
 {
     if (m_Timers.empty())
         return;
@@ -622,7 +622,7 @@ void cService::ScanTimers()
 
 // ---- The loop ---------------------------------------------------------------------
 
-void cService::ScheduleSelect()
+ORVO_HOT void cService::ScheduleSelect()
 {
     fd_set readSet, writeSet, exceptSet;
     int highest;
@@ -744,7 +744,7 @@ void cService::ScheduleSelect()
     }
 }
 
-bool cService::GetMessage(cMsg& msg)
+ORVO_HOT bool cService::GetMessage(cMsg& msg)
 {
     if (m_LastHandOut != 0) {
         const long long lost = GetMsecClock() - m_LastHandOut;
@@ -788,7 +788,7 @@ void cService::TimelostTrigger()
     m_LastHandOut = GetMsecClock();
 }
 
-void cService::PostHdlMessage(cMsg& msg)
+ORVO_HOT void cService::PostHdlMessage(cMsg& msg)
 {
     cChannel* ch = msg.GetChannel();
     if (msg.GetType() != kMsgChannelClosed || ch == nullptr || !ch->GetDeleteAfterClose())
@@ -797,7 +797,7 @@ void cService::PostHdlMessage(cMsg& msg)
         m_Deferred.push_back(ch);
 }
 
-void cService::RunDeferredDeletion()
+ORVO_HOT void cService::RunDeferredDeletion()
 {
     // Each destructor removes its object from the list (RemoveMsgsByObject),
     // so take one at a time.
@@ -823,7 +823,7 @@ void cService::RemoveMsgsByObject(const cObject* obj)
     m_Deferred.erase(std::remove(m_Deferred.begin(), m_Deferred.end(), obj), m_Deferred.end());
 }
 
-void cService::OnMsg(cMsg& msg)
+ORVO_HOT void cService::OnMsg(cMsg& msg)
 {
     if (msg.GetType() == kMsgPeerIdentified && msg.GetChannel() != nullptr) {
         cChannel* ch = msg.GetChannel();
@@ -848,7 +848,7 @@ void cService::OnMsg(cMsg& msg)
     Deliver(msg);
 }
 
-void cService::Deliver(cMsg& msg)
+ORVO_HOT void cService::Deliver(cMsg& msg)
 {
     cStateMachine* sm = msg.GetStatem();
     if (sm == nullptr) {
@@ -874,7 +874,7 @@ void cService::Deliver(cMsg& msg)
     PostHdlMessage(own);
 }
 
-bool cService::PreDispatchMessage(cMsg& msg)
+ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
 {
     cChannel* ch = msg.GetChannel();
     switch (msg.GetType()) {
@@ -1048,7 +1048,7 @@ void SnoopRemoveChannel(cChannel* ch)
     SnoopLock().Leave();
 }
 
-void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
+ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
 {
     if (gSnoopCount.load(std::memory_order_relaxed) == 0)
         return;

@@ -249,7 +249,7 @@ cTcpSocket* cTcpSocket::LiveServer() const
     return m_pServer;
 }
 
-void cTcpSocket::OnSelect(int events)
+ORVO_HOT void cTcpSocket::OnSelect(int events)
 {
     if (m_bListening) {
         AcceptOne(events);
@@ -421,7 +421,7 @@ void cTcpSocket::Close()
     cSocket::Close();
 }
 
-int cTcpSocket::rawWrite(const void* data, int size)
+ORVO_HOT int cTcpSocket::rawWrite(const void* data, int size)
 {
     int result;
     if (m_pSsl != nullptr) {
@@ -464,7 +464,7 @@ int cTcpSocket::rawWrite(const void* data, int size)
     return result;
 }
 
-int cTcpSocket::rawRead(void* buffer, int size)
+ORVO_HOT int cTcpSocket::rawRead(void* buffer, int size)
 {
     if (m_pSsl == nullptr)
         return cSocket::rawRead(buffer, size);

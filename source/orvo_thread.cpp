@@ -103,7 +103,7 @@ namespace {
 thread_local pid_t tCachedTid = 0;
 void ForgetTidInChild() { tCachedTid = 0; }
 }
-pid_t cThread::GetCurrentThreadId()
+ORVO_HOT pid_t cThread::GetCurrentThreadId()
 {
     if (tCachedTid == 0) {
         static const int once = pthread_atfork(nullptr, nullptr, &ForgetTidInChild);
@@ -125,7 +125,7 @@ cCriticalSection::~cCriticalSection()
     pthread_mutex_destroy(&m_Mutex);
 }
 
-void cCriticalSection::Enter()
+ORVO_HOT void cCriticalSection::Enter()
 {
     const pid_t self = cThread::GetCurrentThreadId();
     if (m_Owner.load(std::memory_order_relaxed) == self)
@@ -134,7 +134,7 @@ void cCriticalSection::Enter()
     m_Owner.store(self, std::memory_order_relaxed);
 }
 
-void cCriticalSection::Leave()
+ORVO_HOT void cCriticalSection::Leave()
 {
     // Only the holder may release: an unpaired Leave must not unlock a mutex
     // that another thread holds by now (or one that nobody holds).

@@ -85,7 +85,7 @@ void SetMsecClockOverride(tMsecClockFunc func)
     gMsecClockOverride.store(func);
 }
 
-long long GetMsecClock()
+ORVO_HOT long long GetMsecClock()
 {
     const tMsecClockFunc clock = gMsecClockOverride.load();
     if (clock != nullptr)

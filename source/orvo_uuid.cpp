@@ -51,7 +51,7 @@ bool cUuid::Create()
     return true;
 }
 
-bool cUuid::Create(const void* data, int size)
+ORVO_HOT bool cUuid::Create(const void* data, int size)
 {
     Clear();
     if (data == nullptr || size != 16)
