@@ -74,6 +74,24 @@ private:
     bool* m_pDeleted;
 };
 
+// Counts the reads that brought data; runs onRead (once) at the first.
+class cReadCounter : public cSink {
+public:
+    using cSink::cSink;
+    int OnRead(const void*, int size) override
+    {
+        ++reads;
+        if (onRead) {
+            auto action = onRead;
+            onRead = nullptr;
+            action();
+        }
+        return size;
+    }
+    int reads = 0;
+    std::function<void()> onRead;
+};
+
 // Keeps the types of the messages handed to it.
 class cTypesSm : public cStateMachine {
 public:
@@ -260,6 +278,40 @@ TEST_F(Service, SelectRefusesLargeDescriptorsAndRecoversFromBadOnes)
     EXPECT_EQ(ch.GetFd(), -1);
     EXPECT_EQ(::fcntl(big, F_GETFD), -1);   // closed
     ::setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+TEST_F(Service, ReadinessGoesOnlyToTheChannelsSelectSawIt)
+{
+    cTestService svc;
+    int a[2], b[2], c[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, a), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, b), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, c), 0);
+    cReadCounter first(&svc), second(&svc), third(&svc);
+    first.Attach(a[0]);
+    second.Attach(b[0]);
+    const int reused = b[0];
+    ASSERT_EQ(::write(a[1], "x", 1), 1);
+    ASSERT_EQ(::write(b[1], "x", 1), 1);
+    ASSERT_EQ(::write(c[1], "x", 1), 1);
+
+    // The first handler closes the second channel and puts a new one on the
+    // descriptor number select reported ready: neither of them gets that
+    // readiness; the new channel is served from the next pass on.
+    first.onRead = [&] {
+        second.Close();
+        ASSERT_EQ(::dup2(c[0], reused), reused);
+        third.Attach(reused);
+    };
+    svc.ScheduleSelect();
+    EXPECT_EQ(first.reads, 1);
+    EXPECT_EQ(second.reads, 0);
+    EXPECT_EQ(third.reads, 0);
+    svc.ScheduleSelect();
+    EXPECT_EQ(third.reads, 1);
+    EXPECT_EQ(first.reads, 1);
+    for (int fd : {a[1], b[1], c[0], c[1]})
+        ::close(fd);
 }
 
 TEST_F(Service, SignalsRunHandlersOnTheLoopThread)
