@@ -281,14 +281,20 @@ bool Reap(sChild& child)
 
 // ---- liborvo servers -------------------------------------------------------
 
+// Starts s on 127.0.0.1 under name and reports its sap port through fd.
+void StartService(cService& s, const char* name, int fd)
+{
+    s.Init(name, kLoopback);
+    const uint16_t port = s.GetSapAddress().GetPort();
+    WriteAll(fd, &port, sizeof port);
+}
+
 // Answers each request with a reply of the same tid and record; ends when
 // its client leaves.
 int OrvoEcho(int toParent)
 {
     cBenchService s;
-    s.Init("ipc-echo", kLoopback);
-    const uint16_t port = s.GetSapAddress().GetPort();
-    WriteAll(toParent, &port, sizeof port);
+    StartService(s, "ipc-echo", toParent);
     int rc = 0;
     cMsg m;
     while (s.GetMessage(m)) {
@@ -309,9 +315,7 @@ int OrvoEcho(int toParent)
 int OrvoSink(int toParent)
 {
     cBenchService s;
-    s.Init("ipc-sink", kLoopback);
-    const uint16_t port = s.GetSapAddress().GetPort();
-    WriteAll(toParent, &port, sizeof port);
+    StartService(s, "ipc-sink", toParent);
     uint32_t count = 0;
     cMsg m;
     while (s.GetMessage(m)) {
@@ -856,9 +860,7 @@ int RssProcess(int fd, bool service)
             ::pause();
     }
     cBenchService s;
-    s.Init("ipc-rss", kLoopback);
-    const uint16_t port = s.GetSapAddress().GetPort();
-    WriteAll(fd, &port, sizeof port);
+    StartService(s, "ipc-rss", fd);
     cMsg m;
     while (s.GetMessage(m)) {
         if (m.GetType() == kReq) {

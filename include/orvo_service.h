@@ -268,6 +268,8 @@ private:
     // Queues msg, or hands it to its state machine.
     void Deliver(cMsg& msg);
     void ClearSelectTable();
+    // No entries and empty sets; count and highest descriptor stay.
+    void EmptySelectTable();
     void UnregisterAll();
     void RunDeferredDeletion();
     void CloseSockets();

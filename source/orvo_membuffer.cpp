@@ -88,15 +88,8 @@ ORVO_HOT char* cMemBuffer::Create(const cMemBuffer& Buf, int Offs, int Size)
 {
     if (Size == 0)
         return Create();
-    const int Offset = Buf.m_Offset + Offs;
-    if (Buf.m_pData != m_pData) {
-        cMemBufferData* pOld = m_pData;
-        m_pData = Buf.m_pData;
-        if (m_pData != nullptr)
-            m_pData->AddRef();
-        if (pOld != nullptr)
-            pOld->Release();
-    }
+    const int Offset = Buf.m_Offset + Offs;   // before Share: Buf may be this buffer
+    Share(Buf);
     m_Offset = Offset;
     m_Size = Size;
     ORVO_ASSERT(m_Offset>=0);

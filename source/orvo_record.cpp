@@ -298,29 +298,6 @@ __attribute__((always_inline)) inline int cRecordPar::SetDecoded(const cRecord* 
     m_Buffer.Share(pIRec->m_Buffer);
     const char* Buffer = m_Buffer.GetBuffer();
     ORVO_ASSERT(Buffer==pIRec->m_pBuffer);
-    m_pIRec = pIRec;
-    m_Text[0] = 0;
-    m_pElement = p;
-    m_pName = e.name;
-    m_pValue = e.value;
-    m_ValueSize = static_cast<int32_t>(e.valueSize);
-    m_Type = e.type;
-    return static_cast<int>(e.value - e.name);
-}
-
-int cRecordPar::Set(const cRecord* pIRec, char* p)
-{
-    if (pIRec == nullptr || !InRange(p, pIRec->m_pBuffer, pIRec->m_pEnd)) {
-        Invalidate();
-        return 0;
-    }
-    char* Buffer = m_Buffer.Create(pIRec->m_Buffer);
-    ORVO_ASSERT(Buffer==pIRec->m_pBuffer);
-    tElement e;
-    if (!DecodeElement(p, pIRec->m_pEnd, e)) {
-        Invalidate();
-        return 0;
-    }
     // The record pointer is kept for identification only; it is never used
     // to reach bytes (the record may be gone while this view lives).
     m_pIRec = pIRec;
@@ -333,6 +310,17 @@ int cRecordPar::Set(const cRecord* pIRec, char* p)
     m_ValueSize = static_cast<int32_t>(e.valueSize);
     m_Type = e.type;
     return static_cast<int>(e.value - e.name);
+}
+
+int cRecordPar::Set(const cRecord* pIRec, char* p)
+{
+    tElement e;
+    if (pIRec == nullptr || !InRange(p, pIRec->m_pBuffer, pIRec->m_pEnd) ||
+        !DecodeElement(p, pIRec->m_pEnd, e)) {
+        Invalidate();
+        return 0;
+    }
+    return SetDecoded(pIRec, p, e);
 }
 
 bool cRecordPar::IsValid() const

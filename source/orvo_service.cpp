@@ -434,6 +434,11 @@ void cService::ClearSelectTable()
 {
     m_SelectCount = 0;
     m_SelectHighest = 0;
+    EmptySelectTable();
+}
+
+void cService::EmptySelectTable()
+{
     FD_ZERO(&m_ReadSet);
     FD_ZERO(&m_WriteSet);
     FD_ZERO(&m_ExceptSet);
@@ -444,11 +449,7 @@ void cService::ClearSelectTable()
 void cService::UnregisterAll()
 {
     std::lock_guard<std::mutex> lock(m_TableLock);
-    FD_ZERO(&m_ReadSet);
-    FD_ZERO(&m_WriteSet);
-    FD_ZERO(&m_ExceptSet);
-    std::memset(m_Select, 0, sizeof m_Select);
-    std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
+    EmptySelectTable();
 }
 
 ORVO_HOT int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
