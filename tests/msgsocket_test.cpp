@@ -9,11 +9,8 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <random>
@@ -23,19 +20,16 @@
 #include "orvo_handle.h"
 #include "orvo_msgsocket.h"
 #include "orvo_service.h"
+#include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cTestService;
 
 namespace {
 
 const unsigned long REQ = 0x123001, REP = 0x123002, UNDEC = 0x123003, BIG = 0x123004,
                     BIGRET = 0x123005, STATS = 0x123007, BIGMSG = 0x123008, DONE = 0x123009;
 const unsigned kChildSeconds = 120;    // qemu and the sanitizers are slow
-
-class cTestService : public cService {
-public:
-    void ThreadMain() override {}
-};
 
 std::string Frame(unsigned char type, const std::string& payload, long long declared = -1)
 {
@@ -48,11 +42,6 @@ std::string Payload(const cMsg& m, unsigned char kind = 0)
     std::string s;
     m.Serialize(kind, s);
     return s;
-}
-
-std::string Bytes(const cRecord& r)
-{
-    return r.IsEmpty() ? std::string() : std::string(r.GetBuffer(), size_t(r.GetSize()));
 }
 
 cMsg Request(unsigned n, bool withTid = false)
@@ -134,6 +123,19 @@ unsigned Get(const cMsg& m, const char* key)
     return m.GetRecord().GetFirstPar(key).GetUInt();
 }
 
+// The echo service's counters as "closed clients pending", asked for over fd
+// until they read want (at most 5 s); the last answer.
+std::string StatsReach(int fd, const std::string& want)
+{
+    std::string got;
+    for (int i = 0; i < 500 && got != want; ++i, usleep(10000)) {
+        const cMsg m = Ask(fd, cMsg(STATS));
+        got = std::to_string(Get(m, "closed")) + " " + std::to_string(Get(m, "clients")) + " " +
+              std::to_string(Get(m, "pending"));
+    }
+    return got;
+}
+
 // ---- the echo service, in a child process ----------------------------------
 
 int EchoLoop(cService& s)
@@ -174,44 +176,34 @@ int EchoLoop(cService& s)
 }
 
 struct sEcho {
-    pid_t pid = -1;
+    orvo_test::sChild child;
     unsigned short tcp = 0, udp = 0;
 };
 
 sEcho StartEcho(rlim_t nofile = 0)
 {
-    int p[2];
     sEcho e;
-    if (pipe(p) != 0)
-        return e;
-    fflush(stdout);
-    e.pid = fork();
-    if (e.pid == 0) {
-        alarm(kChildSeconds);
+    e.child = orvo_test::StartChild([nofile](int toParent) {
         rlimit rl = {nofile, nofile};
         if (nofile != 0)
             setrlimit(RLIMIT_NOFILE, &rl);
         cTestService s;
         s.Init("echo", cSocketAddr("127.0.0.1", 0));
-        unsigned short ports[2] = {s.GetSapAddress().GetPort(), s.GetInternalAddress().GetPort()};
-        _exit(write(p[1], ports, sizeof ports) == sizeof ports ? EchoLoop(s) : 3);
-    }
-    unsigned short ports[2] = {0, 0};
-    if (read(p[0], ports, sizeof ports) == sizeof ports) {
-        e.tcp = ports[0];
-        e.udp = ports[1];
-    }
-    close(p[0]);
-    close(p[1]);
+        orvo_test::Report(toParent, s.GetSapAddress().GetPort());
+        orvo_test::Report(toParent, s.GetInternalAddress().GetPort());
+        return EchoLoop(s);
+    }, kChildSeconds);
+    e.tcp = orvo_test::Receive(e.child.pipe);
+    e.udp = orvo_test::Receive(e.child.pipe);
     return e;
 }
 
-// The child's exit code (alarm() ends it at the latest after its limit).
-int Finish(const sEcho& e)
+// Asks the echo service over the stream fd to end; its exit code.
+int Finish(const sEcho& e, int fd = -1)
 {
-    int status = 0;
-    waitpid(e.pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    if (fd >= 0)
+        SendAll(fd, Frame(0, Payload(cMsg(DONE))));
+    return orvo_test::EndChild(e.child);
 }
 
 using tFrames = std::vector<std::pair<int, std::string>>;
@@ -324,7 +316,7 @@ TEST(MsgSocket, DatagramKindCarriesTidAndStateMachine)
         EXPECT_EQ(b.msgs.back().GetTid().IsValid(), (kind & 1) != 0);
         EXPECT_EQ(b.msgs.back().GetStatem(), kind & 2 ? sm : nullptr);
         EXPECT_EQ(b.msgs.back().GetChannel(), &b);
-        EXPECT_EQ(Bytes(b.msgs.back().GetRecord()), Bytes(m.GetRecord()));
+        EXPECT_EQ(orvo_test::BytesOf(b.msgs.back().GetRecord()), orvo_test::BytesOf(m.GetRecord()));
     }
     EXPECT_EQ(b.msgs[3].GetTid(), m.GetTid());
     EXPECT_EQ(b.GetRemoteAddress(), a.GetLocalAddress());
@@ -367,7 +359,7 @@ TEST(MsgSocket, ExchangeWithServiceInAnotherProcess)
         EXPECT_GT(c.Send(req), 0);
         m = svc.WaitSyncMsg(30000, REP);
         EXPECT_EQ(m.GetTid(), req.GetTid());
-        EXPECT_EQ(Bytes(m.GetRecord()), Bytes(req.GetRecord()));
+        EXPECT_EQ(orvo_test::BytesOf(m.GetRecord()), orvo_test::BytesOf(req.GetRecord()));
         EXPECT_EQ(m.GetChannel(), &c);
 
         // The largest frame crosses whole; one byte more is refused.
@@ -379,7 +371,7 @@ TEST(MsgSocket, ExchangeWithServiceInAnotherProcess)
             if (total == 196606) {
                 m = svc.WaitSyncMsg(30000, BIGMSG);
                 EXPECT_EQ(26 + m.GetRecord().GetSize(), 196606);
-                EXPECT_TRUE(Bytes(m.GetRecord()) == Bytes(Sized(req.GetTid(), 196606).GetRecord()));
+                EXPECT_TRUE(orvo_test::BytesOf(m.GetRecord()) == orvo_test::BytesOf(Sized(req.GetTid(), 196606).GetRecord()));
             }
             m = svc.WaitSyncMsg(30000, BIGRET);
             EXPECT_EQ(m.GetRecord().GetFirstPar("ret").GetSInt() > 0, total == 196606);
@@ -425,21 +417,12 @@ TEST(MsgSocket, BadPeersCostOnlyTheirOwnConnection)
     ASSERT_TRUE(SendAll(cut, frame.substr(0, 9)));
     close(cut);
     ASSERT_TRUE(SendAll(stall, frame.substr(0, 10)));
-    for (int i = 0; i < 500; ++i) {
-        m = Ask(good, cMsg(STATS));
-        if (Get(m, "closed") == 2 && Get(m, "clients") == 2 && Get(m, "pending") == 10)
-            break;
-        usleep(10000);
-    }
-    EXPECT_EQ(Get(m, "closed"), 2u);
-    EXPECT_EQ(Get(m, "clients"), 2u);
-    EXPECT_EQ(Get(m, "pending"), 10u);
+    EXPECT_EQ(StatsReach(good, "2 2 10"), "2 2 10");
 
     ASSERT_TRUE(SendAll(stall, frame.substr(10)));      // resumes, is answered
     ASSERT_TRUE(ReadFrame(stall, m));
     EXPECT_EQ(m, REP);
-    SendAll(good, Frame(0, Payload(cMsg(DONE))));
-    EXPECT_EQ(Finish(echo), 0);
+    EXPECT_EQ(Finish(echo, good), 0);
     for (int fd : fds)
         close(fd);
 }
@@ -520,17 +503,14 @@ TEST(MsgSocket, ManyConnectionsToOneSapSocket)
             close(held[i]);
         EXPECT_EQ(Ask(probe, Request(0)), REP);
     }
-    for (int i = 0; i < 500 && Get(m = Ask(probe, cMsg(STATS)), "clients") != 1; ++i)
-        usleep(10000);
-    EXPECT_EQ(Get(m, "closed"), held.size() - 1);
-    EXPECT_EQ(Get(m, "clients"), 1u);
+    const std::string alone = std::to_string(held.size() - 1) + " 1 0";
+    EXPECT_EQ(StatsReach(probe, alone), alone);
     close(probe);
 
     // Still running: a new connection is answered.
     int last = RawSocket(SOCK_STREAM, echo.tcp);
     ASSERT_TRUE(ReadFrame(last, m));
     EXPECT_EQ(Ask(last, Request(7)), REP);
-    SendAll(last, Frame(0, Payload(cMsg(DONE))));
-    EXPECT_EQ(Finish(echo), 0);
+    EXPECT_EQ(Finish(echo, last), 0);
     close(last);
 }

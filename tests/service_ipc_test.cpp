@@ -1,18 +1,13 @@
 // Services over real sockets: two processes through the sap socket, a
-// thread service and its parent through the internal sockets, signals and
-// stop messages from outside, traces to the main service. Each child runs
-// under a time limit; each test ends by checking that every descriptor the
-// services opened was closed again.
+// thread service and its parent through the internal sockets, a stop message
+// from outside, traces to the main service. Each child runs under a time
+// limit; each test ends by checking that every descriptor the services
+// opened was closed again.
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,7 +23,11 @@
 #include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cKeepSm;
 using orvo_test::cTestService;
+using orvo_test::Receive;
+using orvo_test::Report;
+using orvo_test::sChild;
 
 namespace {
 
@@ -49,64 +48,52 @@ int CountFds()
 
 const cSocketAddr kLoopback("127.0.0.1", 0);
 
-struct sChild {
-    pid_t pid;
-    int pipe;   // read end: what the child reports
-};
-
-// Runs body in a forked child under an alarm; its result is the exit code,
-// or kLeak when the child's descriptor count changed.
+// A child under a time limit whose exit code turns into kLeak when its
+// descriptor count changed.
 sChild Fork(const std::function<int(int toParent)>& body)
 {
-    int fds[2];
-    if (::pipe(fds) != 0)
-        return {-1, -1};
-    std::fflush(stdout);
-    const pid_t pid = ::fork();
-    if (pid == 0) {
-        ::close(fds[0]);
-        cService::SignalAsyncSelect(SIGALRM, nullptr, nullptr);
-        ::alarm(kChildSeconds);
+    return orvo_test::StartChild([&body](int toParent) {
         const int before = CountFds();
-        int rc = body(fds[1]);
-        ::_exit(rc == kOk && CountFds() != before ? kLeak : rc);
-    }
-    ::close(fds[1]);
-    return {pid, fds[0]};
+        const int rc = body(toParent);
+        return rc == kOk && CountFds() != before ? kLeak : rc;
+    }, kChildSeconds);
 }
 
-// The child's exit code; -1 when it was killed or had to be.
-int Wait(const sChild& child)
-{
-    ::close(child.pipe);
-    int status = 0;
-    const long long end = GetMsecClock() + 1000LL * (kChildSeconds + 10);
-    while (::waitpid(child.pid, &status, WNOHANG) == 0) {
-        if (GetMsecClock() > end) {
-            ::kill(child.pid, SIGKILL);
-            ::waitpid(child.pid, &status, 0);
-            return -1;
+// Echoes any message to its parent as 0x201 ("n" doubled) and ends on 0x202
+// or when its loop ends.
+class cEchoThread : public cMsgThread {
+public:
+    explicit cEchoThread(cService* parent, cStateMachine* sm = nullptr) : cMsgThread(parent, sm, "echo") {}
+    ~cEchoThread() override
+    {
+        Terminate();
+        Join();
+    }
+    void ThreadMain() override
+    {
+        cMsg msg;
+        while (GetMessage(msg) && msg.GetType() != 0x202) {
+            cMsg reply(0x201);
+            reply.SetTid(msg.GetTid());
+            reply.GetRecord().AppendUIntPar("n", msg.GetRecord().GetFirstPar("n").GetUInt() * 2, 0);
+            SendToParent(reply);
         }
-        ::usleep(10000);
     }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+};
 
-void Report(int fd, uint16_t value) { (void)!::write(fd, &value, sizeof value); }
-uint16_t Receive(int fd)
-{
-    uint16_t value = 0;
-    return ::read(fd, &value, sizeof value) == sizeof value ? value : 0;
-}
-
-// The child side: service "svcB" on 127.0.0.1 reports its port; answers
-// 0x100 with 0x101 (same tid, "echo" and "n"+1), traces on 0x300 before
-// answering 0x301, answers 0x302 with 0x303; ends when its client leaves.
+// The child side: service "svcB" on 127.0.0.1, with a thread service,
+// reports its port; answers 0x100 with 0x101 (same tid, "echo" and "n"+1),
+// traces on 0x300 before answering 0x301, answers 0x302 with 0x303. A stop
+// message must end it and its thread (by itself, not by cancellation); when
+// its client leaves first, it ends with kWrong.
 int EchoService(int toParent)
 {
     cTestService b;
     b.Init("svcB", kLoopback);
+    cEchoThread loop(&b);
+    loop.Start();
     Report(toParent, b.GetSapAddress().GetPort());
+    bool stopSeen = false;
     cMsg msg;
     while (b.GetMessage(msg)) {
         const cRecord& r = msg.GetRecord();
@@ -131,24 +118,16 @@ int EchoService(int toParent)
         case 0x4003:
             cService::SetStopFlag(true);
             continue;
+        case 0x1006:
+            stopSeen = true;
+            continue;
         default:
             return kWrong;
         }
         msg.GetChannel()->Send(reply);
     }
-    return kOk;
-}
-
-// A client of a connected to port; returns once the peer announced itself.
-cMsgTcpSocket* Connect(cService& a, uint16_t port)
-{
-    cMsgTcpSocket* client = new cMsgTcpSocket(&a, nullptr);
-    client->Socket(AF_INET, SOCK_STREAM, 0);
-    client->Connect(cSocketAddr("127.0.0.1", port));
-    if (a.WaitSyncMsg(kWaitMs, 0x4002, 0x4000, 0x4003).GetType() == 0x4002)
-        return client;
-    delete client;
-    return nullptr;
+    loop.Join();
+    return stopSeen ? kOk : kWrong;
 }
 
 class ServiceIpc : public testing::Test {
@@ -165,143 +144,108 @@ protected:
 
 }  // namespace
 
-TEST_F(ServiceIpc, TwoProcessesTalkThroughTheSapIncludingControlMessages)
+TEST_F(ServiceIpc, TwoProcessesTalkThroughTheSapIncludingControlAndStopMessages)
 {
     sChild child = Fork(EchoService);
     const uint16_t port = Receive(child.pipe);
     ASSERT_NE(port, 0);
     cTestService a;
     a.Init("svcA", kLoopback);
-    cMsgTcpSocket* client = Connect(a, port);
-    ASSERT_NE(client, nullptr);
-    EXPECT_EQ(client->GetPeer().name, "svcB");   // from the peer's 0x4002
-    // Sends type (with rec and tid), waits for replyType; what arrived before
-    // the reply lands in before, in arrival order.
-    std::vector<cMsg> before;
-    auto ask = [&](unsigned long type, unsigned long replyType, const cRecord& rec = cRecord(),
-                   const cUuid& tid = cUuid()) {
-        cMsg msg(type);
-        msg.SetRecord(rec);
-        msg.SetTid(tid);
-        cMsg reply = a.SendSyncMsg(*client, msg, kWaitMs, replyType);
-        before.clear();
-        for (cMsg m; a.GetQueueSize() > 0 && a.GetMessage(m);)
-            before.push_back(m);
-        std::reverse(before.begin(), before.end());   // set aside: came back reversed
-        return reply;
-    };
+    {
+        cMsgTcpSocket client(&a, nullptr);
+        client.Socket(AF_INET, SOCK_STREAM, 0);
+        client.Connect(cSocketAddr("127.0.0.1", port));
+        ASSERT_EQ(a.WaitSyncMsg(kWaitMs, 0x4002, 0x4000, 0x4003).GetType(), 0x4002u);
+        EXPECT_EQ(client.GetPeer().name, "svcB");   // from the peer's 0x4002
+        auto tell = [&](unsigned long type, const cRecord& rec = cRecord()) {
+            cMsg msg(type);
+            msg.SetRecord(rec);
+            return client.Send(msg);
+        };
+        // Sends type (with rec and tid), waits for replyType; what arrived before
+        // the reply lands in before, in arrival order.
+        std::vector<cMsg> before;
+        auto ask = [&](unsigned long type, unsigned long replyType, const cRecord& rec = cRecord(),
+                       const cUuid& tid = cUuid()) {
+            cMsg msg(type);
+            msg.SetRecord(rec);
+            msg.SetTid(tid);
+            cMsg reply = a.SendSyncMsg(client, msg, kWaitMs, replyType);
+            before.clear();
+            for (cMsg m; a.GetQueueSize() > 0 && a.GetMessage(m);)
+                before.push_back(m);
+            std::reverse(before.begin(), before.end());   // set aside: came back reversed
+            return reply;
+        };
 
-    // Request and reply, tid and record intact both ways.
-    cUuid tid;
-    tid.Create();
-    cRecord rec;
-    rec.AppendTextPar("text", "hello over tcp", 0);
-    rec.AppendUIntPar("n", 41, 0);
-    cMsg reply = ask(0x100, 0x101, rec, tid);
-    ASSERT_EQ(reply.GetType(), 0x101u);
-    EXPECT_EQ(reply.GetTid(), tid);
-    EXPECT_EQ(reply.GetRecord().GetFirstPar("echo").GetString(), "hello over tcp");
-    EXPECT_EQ(reply.GetRecord().GetFirstPar("n").GetUInt(), 42u);
-    EXPECT_FALSE(ask(0x100, 0x101, rec).GetTid().IsValid());
+        // Request and reply, tid and record intact both ways.
+        cUuid tid;
+        tid.Create();
+        cRecord rec;
+        rec.AppendTextPar("text", "hello over tcp", 0);
+        rec.AppendUIntPar("n", 41, 0);
+        cMsg reply = ask(0x100, 0x101, rec, tid);
+        ASSERT_EQ(reply.GetType(), 0x101u);
+        EXPECT_EQ(reply.GetTid(), tid);
+        EXPECT_EQ(reply.GetRecord().GetFirstPar("echo").GetString(), "hello over tcp");
+        EXPECT_EQ(reply.GetRecord().GetFirstPar("n").GetUInt(), 42u);
+        EXPECT_FALSE(ask(0x100, 0x101, rec).GetTid().IsValid());
 
-    // Service information.
-    cMsg info = ask(0x7006, 0x7007, cRecord(), tid);
-    ASSERT_EQ(info.GetType(), 0x7007u);
-    EXPECT_EQ(info.GetTid(), tid);
-    const cRecord& r = info.GetRecord();
-    EXPECT_EQ(r.GetFirstPar("name").GetString(), "svcB");
-    EXPECT_EQ(r.GetFirstPar("sap").GetString(), FormatString("127.0.0.1:%u", port));
-    cUuid id;
-    EXPECT_TRUE(r.GetFirstPar("service-id").GetUuid(id));
-    EXPECT_EQ(id, client->GetPeer().id);
-    EXPECT_TRUE(r.GetFirstPar("config").IsValid());
-    EXPECT_EQ(r.GetFirstParByPath("units.UnitORVO.level", ".").GetString(), "ERROR");
+        // Service information.
+        cMsg info = ask(0x7006, 0x7007, cRecord(), tid);
+        ASSERT_EQ(info.GetType(), 0x7007u);
+        EXPECT_EQ(info.GetTid(), tid);
+        const cRecord& r = info.GetRecord();
+        EXPECT_EQ(r.GetFirstPar("name").GetString(), "svcB");
+        EXPECT_EQ(r.GetFirstPar("sap").GetString(), FormatString("127.0.0.1:%u", port));
+        cUuid id;
+        EXPECT_TRUE(r.GetFirstPar("service-id").GetUuid(id));
+        EXPECT_EQ(id, client.GetPeer().id);
+        EXPECT_TRUE(r.GetFirstPar("config").IsValid());
+        EXPECT_EQ(r.GetFirstParByPath("units.UnitORVO.level", ".").GetString(), "ERROR");
 
-    // Trace on: B's INFO trace reaches the client ahead of B's answer; off:
-    // nothing but the answer.
-    cRecord on, units, unit;
-    unit.AppendTextPar("name", "UnitORVO", 0);
-    unit.AppendTextPar("level", "DEBUG", 0);
-    units.AppendRecordPar("u", unit, 0);
-    on.AppendRecordPar("units", units, 0);
-    cMsg traceOn(0x7000);
-    traceOn.SetRecord(on);
-    client->Send(traceOn);   // consumed by B's loop: no answer
-    EXPECT_EQ(ask(0x300, 0x301).GetType(), 0x301u);
-    ASSERT_EQ(before.size(), 1u);
-    EXPECT_EQ(before[0].GetType(), 0x7002u);
-    EXPECT_EQ(before[0].GetRecord().GetFirstPar("txt").GetString(), "traced by B");
-    cMsg off(0x7001);
-    client->Send(off);
-    EXPECT_EQ(ask(0x300, 0x301).GetType(), 0x301u);
-    EXPECT_TRUE(before.empty());
+        // Trace on: B's INFO trace reaches the client ahead of B's answer; off:
+        // nothing but the answer.
+        tell(0x7000, orvo_test::TraceOnRecord({{"UnitORVO", "DEBUG"}}));   // consumed by B's loop: no answer
+        EXPECT_EQ(ask(0x300, 0x301).GetType(), 0x301u);
+        ASSERT_EQ(before.size(), 1u);
+        EXPECT_EQ(before[0].GetType(), 0x7002u);
+        EXPECT_EQ(before[0].GetRecord().GetFirstPar("txt").GetString(), "traced by B");
+        tell(0x7001);
+        EXPECT_EQ(ask(0x300, 0x301).GetType(), 0x301u);
+        EXPECT_TRUE(before.empty());
 
-    // Snoop: the request as received (dir 1), the answer as sent (dir 0).
-    cMsg snoopOn(0x7003);
-    client->Send(snoopOn);
-    EXPECT_EQ(ask(0x302, 0x303).GetType(), 0x303u);
-    ASSERT_EQ(before.size(), 2u);
-    EXPECT_EQ(before[0].GetType(), 0x7005u);
-    EXPECT_EQ(before[0].GetRecord().GetFirstPar("dir").GetUInt(), 1u);
-    EXPECT_EQ(before[0].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x302u);
-    EXPECT_EQ(before[0].GetRecord().GetFirstPar("peer-name").GetString(), "svcA");
-    EXPECT_EQ(before[1].GetRecord().GetFirstPar("dir").GetUInt(), 0u);
-    EXPECT_EQ(before[1].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x303u);
-    cMsg snoopOff(0x7004);
-    client->Send(snoopOff);
-    EXPECT_EQ(ask(0x302, 0x303).GetType(), 0x303u);
-    ASSERT_EQ(before.size(), 1u);   // the snoop-off request itself, then silence
-    EXPECT_EQ(before[0].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x7004u);
+        // Snoop: the request as received (dir 1), the answer as sent (dir 0).
+        tell(0x7003);
+        EXPECT_EQ(ask(0x302, 0x303).GetType(), 0x303u);
+        ASSERT_EQ(before.size(), 2u);
+        EXPECT_EQ(before[0].GetType(), 0x7005u);
+        EXPECT_EQ(before[0].GetRecord().GetFirstPar("dir").GetUInt(), 1u);
+        EXPECT_EQ(before[0].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x302u);
+        EXPECT_EQ(before[0].GetRecord().GetFirstPar("peer-name").GetString(), "svcA");
+        EXPECT_EQ(before[1].GetRecord().GetFirstPar("dir").GetUInt(), 0u);
+        EXPECT_EQ(before[1].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x303u);
+        tell(0x7004);
+        EXPECT_EQ(ask(0x302, 0x303).GetType(), 0x303u);
+        ASSERT_EQ(before.size(), 1u);   // the snoop-off request itself, then silence
+        EXPECT_EQ(before[0].GetRecord().GetFirstPar("msg-type").GetUInt(), 0x7004u);
 
-    client->Close();
-    delete client;
+        // A stop message ends every service of the peer's process; the
+        // client sees the peer leave.
+        EXPECT_GT(tell(0x1006), 0);
+        EXPECT_EQ(a.WaitSyncMsg(kWaitMs, 0x4003).GetType(), 0x4003u);
+        client.Close();
+    }
     a.DeInit();
-    EXPECT_EQ(Wait(child), kOk);
+    EXPECT_EQ(orvo_test::EndChild(child), kOk);
 }
-
-namespace {
-
-// Echoes 0x200 to its parent as 0x201 ("n" doubled) and ends on 0x202.
-class cEchoThread : public cMsgThread {
-public:
-    cEchoThread(cService* parent, cStateMachine* sm) : cMsgThread(parent, sm, "echo") {}
-    ~cEchoThread() override
-    {
-        Terminate();
-        Join();
-    }
-    void ThreadMain() override
-    {
-        cMsg msg;
-        while (GetMessage(msg) && msg.GetType() != 0x202) {
-            cMsg reply(0x201);
-            reply.SetTid(msg.GetTid());
-            reply.GetRecord().AppendUIntPar("n", msg.GetRecord().GetFirstPar("n").GetUInt() * 2, 0);
-            SendToParent(reply);
-        }
-    }
-};
-
-// Keeps every message handed to it.
-class cKeepSm : public cStateMachine {
-public:
-    explicit cKeepSm(cService* s) : cStateMachine(s, "keep") {}
-    int state_init(cMsg& msg) override
-    {
-        got.push_back(msg);
-        return 0;
-    }
-    std::vector<cMsg> got;
-};
-
-}  // namespace
 
 TEST_F(ServiceIpc, ThreadServiceAndParentTalkThroughInternalSockets)
 {
     cTestService parent;
     parent.Init("parent", kLoopback);
     {
-        cEchoThread echo(&parent, nullptr);
+        cEchoThread echo(&parent);
         EXPECT_NE(echo.GetInternalAddress().GetPort(), 0);
         ASSERT_EQ(echo.Start(), 0);
         EXPECT_EQ(echo.Start(), EBUSY);
@@ -341,67 +285,6 @@ TEST_F(ServiceIpc, ThreadServiceAndParentTalkThroughInternalSockets)
         // The destructor cancels the thread waiting in its select.
     }
     parent.DeInit();
-}
-
-TEST_F(ServiceIpc, SigintAndSigtermEndGetMessage)
-{
-    for (int sig : {SIGINT, SIGTERM}) {
-        sChild child = Fork([sig](int toParent) {
-            cTestService b;
-            b.Init("sig", kLoopback);
-            Report(toParent, 1);
-            cMsg msg;
-            if (!b.GetMessage(msg) || msg.GetType() != (sig == SIGINT ? 0x1004u : 0x1005u))
-                return kWrong;
-            return b.GetMessage(msg) ? kWrong : kOk;
-        });
-        ASSERT_EQ(Receive(child.pipe), 1);
-        ::kill(child.pid, sig);
-        EXPECT_EQ(Wait(child), kOk) << "signal " << sig;
-    }
-}
-
-TEST_F(ServiceIpc, StopMessageFromAClientEndsEveryServiceOfTheProcess)
-{
-    class cLoopThread : public cMsgThread {
-    public:
-        explicit cLoopThread(cService* parent) : cMsgThread(parent, "loop") {}
-        ~cLoopThread() override
-        {
-            Terminate();
-            Join();
-        }
-        void ThreadMain() override
-        {
-            for (cMsg msg; GetMessage(msg);) {
-            }
-        }
-    };
-    sChild child = Fork([](int toParent) {
-        cTestService b;
-        b.Init("svcB", kLoopback);
-        cLoopThread loop(&b);
-        loop.Start();
-        Report(toParent, b.GetSapAddress().GetPort());
-        bool stopSeen = false;
-        for (cMsg msg; b.GetMessage(msg);)
-            stopSeen = stopSeen || msg.GetType() == 0x1006;
-        loop.Join();   // ends by itself, not by cancellation
-        return stopSeen ? kOk : kWrong;
-    });
-    const uint16_t port = Receive(child.pipe);
-    ASSERT_NE(port, 0);
-    cTestService a;
-    a.Init("svcA", kLoopback);
-    cMsgTcpSocket* client = Connect(a, port);
-    ASSERT_NE(client, nullptr);
-    cMsg stop(0x1006);
-    EXPECT_GT(client->Send(stop), 0);
-    EXPECT_EQ(a.WaitSyncMsg(kWaitMs, 0x4003).GetType(), 0x4003u);   // the child went away
-    client->Close();
-    delete client;
-    a.DeInit();
-    EXPECT_EQ(Wait(child), kOk);
 }
 
 TEST_F(ServiceIpc, TracesOfAServiceUnitArriveAtTheMainService)

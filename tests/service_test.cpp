@@ -26,11 +26,13 @@
 #include "test_helpers.h"
 
 using namespace orvo;
+using orvo_test::cKeepSm;
 using orvo_test::cTestService;
 
 namespace {
 
-// A channel over a socket-pair end that keeps what is sent on it.
+// A channel over a socket-pair end that keeps what is sent on it, counts
+// the reads that brought data and runs onRead (once) at the first.
 class cSink : public cChannel {
 public:
     explicit cSink(cService* service, bool* deleted = nullptr)
@@ -46,7 +48,16 @@ public:
         cMsg msg(0x4003, this, nullptr);
         OnMsg(msg);
     }
-    int OnRead(const void*, int size) override { return size; }
+    int OnRead(const void*, int size) override
+    {
+        ++reads;
+        if (onRead) {
+            auto action = onRead;
+            onRead = nullptr;
+            action();
+        }
+        return size;
+    }
     void OnWrite() override {}
     void Close() override
     {
@@ -69,39 +80,11 @@ public:
     }
     std::vector<cMsg> sent;
     std::vector<unsigned char> flagAtSend;
+    int reads = 0;
+    std::function<void()> onRead;
 
 private:
     bool* m_pDeleted;
-};
-
-// Counts the reads that brought data; runs onRead (once) at the first.
-class cReadCounter : public cSink {
-public:
-    using cSink::cSink;
-    int OnRead(const void*, int size) override
-    {
-        ++reads;
-        if (onRead) {
-            auto action = onRead;
-            onRead = nullptr;
-            action();
-        }
-        return size;
-    }
-    int reads = 0;
-    std::function<void()> onRead;
-};
-
-// Keeps the types of the messages handed to it.
-class cTypesSm : public cStateMachine {
-public:
-    explicit cTypesSm(cService* s) : cStateMachine(s, "types") {}
-    int state_init(cMsg& msg) override
-    {
-        got.push_back(msg.GetType());
-        return 0;
-    }
-    std::vector<unsigned long> got;
 };
 
 // Records its expiries in gFired and runs onExec instead of sending.
@@ -139,6 +122,14 @@ protected:
         cMsg msg(type, ch, nullptr);
         svc.OnMsg(msg);
     }
+    // What the library traces to standard output while action runs.
+    static std::string Traced(const std::function<void()>& action)
+    {
+        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+        testing::internal::CaptureStdout();
+        action();
+        return testing::internal::GetCapturedStdout();
+    }
 };
 
 }  // namespace
@@ -152,41 +143,39 @@ TEST_F(Service, QueueIsFifoAndTheMessageAboveTheLimitEmptiesIt)
     EXPECT_EQ(Take(svc), 0x100002u);
     Post(svc, 0x200001);
     Post(svc, 0x200002);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    Post(svc, 0x2000AA);   // the 201st
-    std::string out = testing::internal::GetCapturedStdout();
+    std::string out = Traced([&] { Post(svc, 0x2000AA); });   // the 201st
     EXPECT_EQ(svc.GetQueueSize(), 0u);   // all of them, not only the excess
     EXPECT_NE(out.find("cService::m_msgQ overload; msg={type="), std::string::npos) << out;
     EXPECT_NE(out.find("(0x2000AA)"), std::string::npos) << out;
 
     // Below ERROR the queue is emptied silently.
     SetTraceLevel(UnitORVO, FATAL);
-    testing::internal::CaptureStdout();
-    for (unsigned long i = 1; i <= 201; ++i)
-        Post(svc, 0x300000 + i);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(Traced([&] {
+                  for (unsigned long i = 1; i <= 201; ++i)
+                      Post(svc, 0x300000 + i);
+              }),
+              "");
     EXPECT_EQ(svc.GetQueueSize(), 0u);
 }
 
 TEST_F(Service, MessagesForStateMachinesBypassTheQueue)
 {
     cTestService svc;
-    cTypesSm sm(&svc);
+    cKeepSm sm(&svc);
     cMsg msg(0x5000, nullptr, &sm);
     svc.OnMsg(msg);
-    EXPECT_EQ(sm.got, std::vector<unsigned long>{0x5000});
+    EXPECT_EQ(sm.types, std::vector<unsigned long>{0x5000});
     EXPECT_EQ(svc.GetQueueSize(), 0u);
 
     // 0x3004 carries a message in record form; its handle resolves again.
     cMsg wrapped(0x3004);
     cMsg(0x5002, nullptr, &sm).ToRecord(wrapped.GetRecord());
     svc.OnMsg(wrapped);
-    EXPECT_EQ(sm.got.back(), 0x5002u);
+    EXPECT_EQ(sm.types.back(), 0x5002u);
 
     // A message that outlives its machine is dropped, not queued, and the
     // machine is never touched (the sanitizer build would see it).
-    cStateMachine* gone = new cTypesSm(&svc);
+    cStateMachine* gone = new cKeepSm(&svc);
     cMsg stale(0x5001, nullptr, gone);
     delete gone;
     svc.OnMsg(stale);
@@ -249,11 +238,10 @@ TEST_F(Service, SelectRefusesLargeDescriptorsAndRecoversFromBadOnes)
         // EBADF: a descriptor closed behind the loop's back.
         cSink ch(&svc);
         ch.Attach(sv[0]);
-        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-        testing::internal::CaptureStdout();   // opens a file: before the close
-        ::close(sv[0]);
-        svc.ScheduleSelect();
-        std::string out = testing::internal::GetCapturedStdout();
+        const std::string out = Traced([&] {   // the capture opens a file: before the close
+            ::close(sv[0]);
+            svc.ScheduleSelect();
+        });
         EXPECT_NE(out.find("select() error, retval=-1"), std::string::npos) << out;
         EXPECT_EQ(svc.GetSelectEvents(sv[0]), 0);   // the whole table unregistered
         EXPECT_EQ(Take(svc), 0x1003u);
@@ -284,16 +272,14 @@ TEST_F(Service, ReadinessGoesOnlyToTheChannelsSelectSawIt)
 {
     cTestService svc;
     int a[2], b[2], c[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, a), 0);
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, b), 0);
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, c), 0);
-    cReadCounter first(&svc), second(&svc), third(&svc);
+    for (int* sp : {a, b, c}) {   // every pair with a byte to read
+        ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sp), 0);
+        ASSERT_EQ(::write(sp[1], "x", 1), 1);
+    }
+    cSink first(&svc), second(&svc), third(&svc);
     first.Attach(a[0]);
     second.Attach(b[0]);
     const int reused = b[0];
-    ASSERT_EQ(::write(a[1], "x", 1), 1);
-    ASSERT_EQ(::write(b[1], "x", 1), 1);
-    ASSERT_EQ(::write(c[1], "x", 1), 1);
 
     // The first handler closes the second channel and puts a new one on the
     // descriptor number select reported ready: neither of them gets that
@@ -336,13 +322,17 @@ TEST_F(Service, SignalsRunHandlersOnTheLoopThread)
     EXPECT_EQ(seenCtx, &ctx);
     EXPECT_EQ(cService::SignalAsyncSelect(SIGUSR1, nullptr, nullptr), 0);
 
-    // SIGTERM from another thread while the loop waits without a time-out.
-    std::thread killer([] { ::kill(::getpid(), SIGTERM); });
-    EXPECT_EQ(Take(svc), 0x1005u);
-    killer.join();
-    EXPECT_TRUE(cService::GetStopFlag());
-    cMsg msg;
-    EXPECT_FALSE(svc.GetMessage(msg));
+    // SIGTERM and SIGINT from another thread while the loop waits without a
+    // time-out: their message, then the loop ends.
+    for (int sig : {SIGTERM, SIGINT}) {
+        std::thread killer([sig] { ::kill(::getpid(), sig); });
+        EXPECT_EQ(Take(svc), sig == SIGTERM ? 0x1005u : 0x1004u);
+        killer.join();
+        EXPECT_TRUE(cService::GetStopFlag());
+        cMsg msg;
+        EXPECT_FALSE(svc.GetMessage(msg));
+        cService::SetStopFlag(false);
+    }
 }
 
 TEST_F(Service, StopMessageEndsEveryServiceOfTheProcess)
@@ -431,14 +421,7 @@ TEST_F(Service, ControlMessagesKeepTheListsInStep)
 
     // Unknown unit names get an empty map entry that listings skip; trace
     // sends clear the channel's write-ready flag.
-    cRecord on, units, u1, u2;
-    u1.AppendTextPar("name", "UnitORVO", 0);
-    u1.AppendTextPar("level", "DEBUG", 0);
-    u2.AppendTextPar("name", "NoSuchUnit", 0);
-    u2.AppendTextPar("level", "INFO", 0);
-    units.AppendRecordPar("a", u1, 0);
-    units.AppendRecordPar("b", u2, 0);
-    on.AppendRecordPar("units", units, 0);
+    const cRecord on = orvo_test::TraceOnRecord({{"UnitORVO", "DEBUG"}, {"NoSuchUnit", "INFO"}});
     EXPECT_EQ(run(0x7000, on), std::vector<unsigned long>{0xABC});
     EXPECT_EQ(UnitORVO->GetLevel(), DEBUG);
     ORVO_TRACE(UnitORVO, INFO, "trace to channel");

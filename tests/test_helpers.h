@@ -1,16 +1,24 @@
-// Helpers shared by the unit tests: a service the test drives itself, record
-// bytes, the assertion text as a pattern, and a child process runner.
+// Helpers shared by the unit tests: a service the test drives itself, a state
+// machine that keeps its messages, record bytes, the assertion text as a
+// pattern, and child process runners.
 #pragma once
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <string>
+#include <utility>
+#include <vector>
 
+#include "orvo_record.h"
 #include "orvo_service.h"
+#include "orvo_statem.h"
 
 namespace orvo_test {
 
@@ -18,6 +26,33 @@ namespace orvo_test {
 struct cTestService : orvo::cService {
     void ThreadMain() override {}
 };
+
+// Keeps every message handed to it, and its type.
+struct cKeepSm : orvo::cStateMachine {
+    explicit cKeepSm(orvo::cService* s) : orvo::cStateMachine(s, "keep") {}
+    int state_init(orvo::cMsg& msg) override
+    {
+        got.push_back(msg);
+        types.push_back(msg.GetType());
+        return 0;
+    }
+    std::vector<orvo::cMsg> got;
+    std::vector<unsigned long> types;
+};
+
+// The record of a trace-on request (0x7000) setting each unit name to level.
+inline orvo::cRecord TraceOnRecord(std::initializer_list<std::pair<const char*, const char*>> levels)
+{
+    orvo::cRecord on, units;
+    for (const auto& l : levels) {
+        orvo::cRecord unit;
+        unit.AppendTextPar("name", l.first, 0);
+        unit.AppendTextPar("level", l.second, 0);
+        units.AppendRecordPar("u", unit, 0);
+    }
+    on.AppendRecordPar("units", units, 0);
+    return on;
+}
 
 // The bytes of a record or list, empty when it has none.
 template <class T>
@@ -74,6 +109,51 @@ inline int RunInChild(const std::function<int()>& body, std::string* out = nullp
     if (pid < 0 || waitpid(pid, &status, 0) != pid)
         return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A child forked to run body(toParent) alongside the test, ended by
+// alarm(seconds) at the latest (SIGALRM back at its default action); pipe
+// is the read end of what the child writes to toParent.
+struct sChild {
+    pid_t pid = -1;
+    int pipe = -1;
+};
+
+inline sChild StartChild(const std::function<int(int toParent)>& body, unsigned seconds)
+{
+    int fds[2];
+    if (::pipe(fds) != 0)
+        return {};
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        close(fds[0]);
+        orvo::cService::SignalAsyncSelect(SIGALRM, nullptr, nullptr);
+        alarm(seconds);
+        const int rc = body(fds[1]);
+        std::fflush(nullptr);
+        _exit(rc);
+    }
+    close(fds[1]);
+    return {pid, fds[0]};
+}
+
+// Waits for the child; its exit code, -1 when it did not exit.
+inline int EndChild(const sChild& child)
+{
+    close(child.pipe);
+    int status = 0;
+    if (child.pid < 0 || waitpid(child.pid, &status, 0) != child.pid)
+        return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// A 16-bit value (a port) from a child to its parent; 0 when none came.
+inline void Report(int fd, uint16_t value) { (void)!write(fd, &value, sizeof value); }
+inline uint16_t Receive(int fd)
+{
+    uint16_t value = 0;
+    return read(fd, &value, sizeof value) == sizeof value ? value : 0;
 }
 
 }  // namespace orvo_test
