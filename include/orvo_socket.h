@@ -36,6 +36,7 @@
 
 #include "orvo_channel.h"
 #include "orvo_msg.h"
+#include "orvo_msgtypes.h"
 #include "orvo_socketaddr.h"
 
 struct ssl_ctx_st;
@@ -46,7 +47,8 @@ namespace orvo {
 class cService;
 class cStateMachine;
 
-// Message types of socket events (the numbers are the contract).
+// Message types of socket events (names in orvo_msgtypes.h; the numbers are
+// the contract).
 //   0x3001 data read      "DATA" (data): the bytes; datagram sockets put
 //                         "ADDR" (text, "a.b.c.d:port" of the sender) first
 //   0x3002 writable       no record
@@ -59,16 +61,6 @@ class cStateMachine;
 //                         side): "InitSSL", "ConnectSSL" or "AcceptSSL";
 //                         "indic" (text): OpenSSL's reason
 //   0x1002 undecodable    "indic" (text); made by the message sockets
-enum eSocketMsgType {
-    MSG_UNDECODABLE = 0x1002,
-    MSG_SOCKET_DATA = 0x3001,
-    MSG_SOCKET_WRITABLE = 0x3002,
-    MSG_SOCKET_CONNECT_FAILED = 0x4000,
-    MSG_SOCKET_ACCEPTED = 0x4001,
-    MSG_SOCKET_CONNECTED = 0x4002,
-    MSG_SOCKET_CLOSED = 0x4003,
-    MSG_SOCKET_TLS_FAILED = 0x4004
-};
 
 // cSocket: a channel over one IPv4 socket descriptor, with its local and
 // remote address. Abstract (OnClose and Send are the subclasses').
