@@ -23,7 +23,10 @@
 // purges the service's queue and select table of itself).
 //
 // Thread safety: a channel belongs to the thread that runs its service's
-// loop; every member is called on that thread. Nothing here locks.
+// loop; every member is called on that thread, except what a framed
+// socket's cross-thread Send needs: the flags are atomic, WantWriteReady
+// works from any thread, and a write failure found on another thread is
+// handed to the loop (SetWriteFailed), which closes the channel there.
 //
 // Re-entrancy: a channel may be closed from inside its own OnRead/OnClose or
 // from any handler that runs in the loop; the loop notices the descriptor
@@ -33,6 +36,7 @@
 // deletes it after it handed out the channel's close message (0x4003).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -146,6 +150,13 @@ public:
     // only the local state changes.
     void UpdateSelect();
 
+    // Asks for write readiness from any thread. On the loop thread (or
+    // before the service's loop first ran) this is UpdateSelect(); on
+    // another thread it sets write pending, adds write readiness to the
+    // channel's registration and, with wakeLoop, wakes the loop so its next
+    // select sees it. The rest of the channel's state stays the loop's.
+    void WantWriteReady(bool wakeLoop = true);
+
     // Calls rawRead.
     int Read(void* buffer, int size);
     // ioctl on the descriptor; result passed through.
@@ -193,9 +204,19 @@ protected:
     // For rawRead implementations: the 0 about to be returned means "call
     // again later", not end of stream (a TLS read that needs more input).
     void SetReadRetry() { m_bReadRetry = 1; }
+    // For rawWrite implementations: the stream broke while writing (EPIPE,
+    // a peer that takes nothing). The channel is closed (Close(), then
+    // OnClose()) on its loop thread by HandleWriteFailure, never inside the
+    // write: the writer may hold g_FrameLock or be another thread.
+    void SetWriteFailed() { m_bWriteFailed.store(true); }
+    // On the loop thread and after a write failure: Close(), OnClose(),
+    // true. On another thread: asks the loop to act (write readiness and a
+    // wake-up) and returns false. Writers call it after releasing their
+    // locks; OnSelect calls it first.
+    bool HandleWriteFailure();
 
     int m_fd;                         // -1 when none is attached
-    uint16_t m_Flags;                 // eChannelFlag bits
+    std::atomic<uint16_t> m_Flags;    // eChannelFlag bits; senders of other threads set write pending
     unsigned char* m_pRecvBuffer;     // owned; kRecvBufferSize bytes
     int m_RecvBufferSize;             // 8192
     int m_RecvFill;                   // valid bytes at the buffer's start
@@ -207,6 +228,7 @@ protected:
 
 private:
     uint32_t m_Handle;                // handle table entry
+    std::atomic<bool> m_bWriteFailed{false};   // see SetWriteFailed
 };
 
 }  // namespace orvo

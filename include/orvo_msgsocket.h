@@ -204,8 +204,11 @@ protected:
 private:
     static void FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
                              int size);
-    // Writes the send buffer to `to`; caller holds g_FrameLock.
-    int FlushTo(const cSocketAddr& to);
+    // Writes the send buffer to `to`; caller holds g_FrameLock. A datagram
+    // the kernel refuses for its size is dropped (its length in dropped),
+    // to be traced by the caller once it released the lock.
+    int FlushTo(const cSocketAddr& to, unsigned long& dropped);
+    static void TraceDropped(unsigned long dropped, const cSocketAddr& to);
 };
 
 // cMsgTcpSocket: one cMsg per frame over a stream. Sends packet type 1 when

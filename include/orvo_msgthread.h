@@ -22,9 +22,12 @@
 // Thread safety: Start, Terminate, Join and the destructor belong to the
 // thread that owns the object (usually the parent's loop thread);
 // SendToParent is for the thread service's own thread. Cancellation
-// (Terminate) takes effect only while the thread waits in its loop's
-// select(), so it never leaves a lock held; a ThreadMain that blocks
-// elsewhere is cancelled when it next waits in its loop.
+// (Terminate, the destructor) is deferred: the thread ends at its next
+// cancellation point, whether it waits in its loop's select(), sleeps or
+// waits on a cEvent, so destroying a thread service ends in bounded time.
+// Library locks block cancellation while they are held (cCriticalSection)
+// or are released by the unwinding (the scoped ones), so a cancelled
+// thread never leaves one held.
 #pragma once
 
 #include <pthread.h>

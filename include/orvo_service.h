@@ -36,6 +36,7 @@
 
 #include <sys/select.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -159,6 +160,13 @@ public:
     // Drops every entry that names channel, whatever its descriptor; a
     // channel's destructor calls it so the loop never sees it again.
     void ForgetChannel(cChannel* channel);
+    // Any thread: adds write readiness to channel's registration (when it
+    // is registered) and, with wakeLoop, wakes the loops so the next select
+    // sees it. Senders of other threads use it (cChannel::WantWriteReady).
+    void AddWriteInterest(cChannel* channel, bool wakeLoop);
+    // True on the thread that last ran this service's loop, and before any
+    // thread ran it.
+    bool IsLoopThread() const;
 
     // ---- Timers -----------------------------------------------------------
 
@@ -265,6 +273,11 @@ private:
     };
 
     void AddTimerEntry(const sTimerEntry& entry);
+    // ChannelAsyncSelect; with merge, events are added to those the entry
+    // already has for this channel.
+    int Register(int fd, int events, cChannel* channel, void* ctx, bool merge);
+    // The events registered for fd; the caller holds m_TableLock.
+    int GetEventsLocked(int fd) const;
     // Queues msg, or hands it to its state machine.
     void Deliver(cMsg& msg);
     void ClearSelectTable();
@@ -301,6 +314,7 @@ private:
     // internal send from another thread may update its socket's entry.
     mutable std::mutex m_TableLock;
     uint32_t m_SelectSeq;                    // last registration number given
+    std::atomic<pid_t> m_LoopThread{0};      // thread that runs the loop; 0 before the first pass
     uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
     std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
 

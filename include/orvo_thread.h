@@ -86,8 +86,9 @@ private:
 // Leave() by a thread that does not hold the lock (an unpaired Leave after a
 // nested Enter, or a Leave from another thread) does nothing, so it can never
 // release a lock that another thread has taken in the meantime.
-// All members are safe from any thread. The lock is not released when its
-// holder is cancelled or ends; destroying a held lock is not allowed.
+// All members are safe from any thread. While a thread holds the lock it
+// cannot be cancelled (cancellation waits until Leave), so a cancelled
+// thread never leaves the lock held; destroying a held lock is not allowed.
 class ORVO_API cCriticalSection : public cObject {
 public:
     cCriticalSection();
@@ -108,6 +109,8 @@ private:
     // Written only by the holder under the mutex; read without it by Enter,
     // where only the holder can find its own id.
     std::atomic<pid_t> m_Owner;
+    // The holder's cancel state before Enter, given back by Leave.
+    int m_HolderCancelState = PTHREAD_CANCEL_ENABLE;
 };
 
 // cEvent: a flag that threads can wait for.

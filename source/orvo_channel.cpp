@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -147,8 +148,35 @@ int cChannel::Write(const void* data, int size)
     m_Flags |= CHANNEL_WRITEPENDING;
     int n = rawWrite(data, size);
     if (n > 0)
-        UpdateSelect();
+        WantWriteReady();
+    const int saved = errno;
+    HandleWriteFailure();
+    errno = saved;
     return n;
+}
+
+ORVO_HOT void cChannel::WantWriteReady(bool wakeLoop)
+{
+    m_Flags |= CHANNEL_WRITEPENDING;
+    if (m_pService == nullptr || m_pService->IsLoopThread()) {
+        UpdateSelect();
+        return;
+    }
+    m_pService->AddWriteInterest(this, wakeLoop);
+}
+
+bool cChannel::HandleWriteFailure()
+{
+    if (!m_bWriteFailed.load(std::memory_order_relaxed))
+        return false;
+    if (m_pService != nullptr && !m_pService->IsLoopThread()) {
+        m_pService->AddWriteInterest(this, true);
+        return false;
+    }
+    m_bWriteFailed.store(false);
+    Close();
+    OnClose();
+    return true;
 }
 
 int cChannel::Ioctl(unsigned int request, unsigned long arg)
@@ -164,6 +192,8 @@ ORVO_HOT void cChannel::OnMsg(cMsg& msg)
 
 ORVO_HOT void cChannel::OnSelect(int events)
 {
+    if (HandleWriteFailure())
+        return;
     if (events & SELECT_READ)
         OnSelectRead();
     else if (events & SELECT_WRITE)

@@ -114,11 +114,11 @@ ORVO_HOT char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
     // capacity. The capacity decides, not the view, so a view at an offset
     // is moved down to the block's start.
     if (m_pData != nullptr && m_pData->m_RefCount == 1 && m_pData->m_Size == NewSize) {
+        // Without a source the first Size bytes stay as they are; only the
+        // bytes behind them are zeroed.
         char* pStart = m_pData->Bytes();
         if (pSrc != nullptr && Size > 0 && pSrc != pStart)
             std::memmove(pStart, pSrc, Size);
-        else if (pSrc == nullptr)
-            Size = 0;
         std::memset(pStart + Size, 0, NewSize - Size);
         m_Offset = 0;
         m_Size = NewSize;

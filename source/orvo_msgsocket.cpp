@@ -40,7 +40,7 @@ bool LengthOk(uint32_t length)
 // Holds g_FrameLock unless the calling thread already does (a send made
 // from a handler that runs inside a flush, or Close from inside a write):
 // the lock does not count nesting, so an inner Leave would release the
-// outer section.
+// outer section. Release gives it up early (before tracing or acting).
 class cFrameLockGuard {
 public:
     cFrameLockGuard() : m_bEntered(g_FrameLock.GetOwner() != cThread::GetCurrentThreadId())
@@ -48,10 +48,12 @@ public:
         if (m_bEntered)
             g_FrameLock.Enter();
     }
-    ~cFrameLockGuard()
+    ~cFrameLockGuard() { Release(); }
+    void Release()
     {
         if (m_bEntered)
             g_FrameLock.Leave();
+        m_bEntered = false;
     }
     cFrameLockGuard(const cFrameLockGuard&) = delete;
     cFrameLockGuard& operator=(const cFrameLockGuard&) = delete;
@@ -248,6 +250,8 @@ void cTpktTcpSocket::OnWrite()
                 m_SendBuffer.popfront(static_cast<unsigned long>(written));
             // OnSelectWrite re-registers: write readiness only while bytes wait.
             SetWritePending(m_SendBuffer.size() > 0);
+            lock.Release();
+            HandleWriteFailure();
             return;
         }
     }
@@ -287,11 +291,15 @@ ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int
         return -1;
 
     cFrameLockGuard lock;
-    if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {
+    const int room = static_cast<int>(m_SendBuffer.asize());
+    if (room < total) {
+        lock.Release();
+        // Traced only now: a trace sends on the trace channels, which takes
+        // g_FrameLock in whatever thread sends them.
         ORVO_TRACE(UnitORVO, INFO,
                    FormatString("cTpktTcpSocket::WritePacket packetlen=%i buffer overflow "
                                 "(sendb=%d, tpkt=%d)",
-                                n1, static_cast<int>(m_SendBuffer.asize()), static_cast<int>(total)));
+                                n1, room, static_cast<int>(total)));
         errno = EAGAIN;
         return -2;
     }
@@ -303,13 +311,18 @@ ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int
     int written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
     if (written > 0)
         m_SendBuffer.popfront(static_cast<unsigned long>(written));
-    if (m_SendBuffer.size() > 0) {
-        // While connecting the registration belongs to the connect; the
-        // flag alone makes the connect ask for write readiness.
+    const bool waiting = m_SendBuffer.size() > 0;
+    if (waiting)
         SetWritePending(true);
-        if (IsConnected())
-            UpdateSelect();
-    }
+    lock.Release();
+    const int saved = errno;
+    // Bytes that wait need write readiness whatever made the connection
+    // (connect, accept or Attach); only while connecting the registration
+    // belongs to the connect, and the flag alone makes it ask for writing.
+    if (waiting && !IsConnecting())
+        WantWriteReady();
+    HandleWriteFailure();
+    errno = saved;
     return written > 0 ? written : static_cast<int>(total);
 }
 
@@ -341,22 +354,29 @@ void cTpktUdpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned 
     static_cast<cTpktUdpSocket*>(ctx)->OnPacketRead(type, payload, size);
 }
 
-int cTpktUdpSocket::FlushTo(const cSocketAddr& to)
+int cTpktUdpSocket::FlushTo(const cSocketAddr& to, unsigned long& dropped)
 {
+    dropped = 0;
     int sent = cUdpSocket::SendTo(to, m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
     if (sent > 0) {
         m_SendBuffer.popfront(static_cast<unsigned long>(sent));
     } else if (sent < 0 && errno == EMSGSIZE) {
         // The kernel will never take this datagram; kept, it would go out
         // in front of every later frame and fail them all.
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("cTpktUdpSocket: datagram of %lu bytes to %s too large for UDP, "
-                                "dropped",
-                                m_SendBuffer.size(), to.ToString().c_str()));
+        dropped = m_SendBuffer.size();
         m_SendBuffer.clear();
         errno = EMSGSIZE;
     }
     return sent;
+}
+
+void cTpktUdpSocket::TraceDropped(unsigned long dropped, const cSocketAddr& to)
+{
+    ORVO_TRACE(UnitORVO, ERROR,
+               FormatString("cTpktUdpSocket: datagram of %lu bytes to %s too large for UDP, "
+                            "dropped",
+                            dropped, to.ToString().c_str()));
+    errno = EMSGSIZE;
 }
 
 int cTpktUdpSocket::SendTo(const cSocketAddr& to, unsigned char type, const void* p1, int n1,
@@ -369,25 +389,36 @@ int cTpktUdpSocket::SendTo(const cSocketAddr& to, unsigned char type, const void
 
     cFrameLockGuard lock;
     if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {
+        lock.Release();
         ORVO_TRACE(UnitORVO, INFO,
                    FormatString("cTpktUdpSocket::WritePacket packetlen=%i buffer overflow", n1));
         errno = EAGAIN;
         return -2;
     }
     QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 4);
-    int sent = FlushTo(to);
+    unsigned long dropped = 0;
+    int sent = FlushTo(to, dropped);
+    lock.Release();
+    if (dropped != 0) {
+        TraceDropped(dropped, to);
+        return -1;
+    }
     if (sent > 0)
         return sent;
-    if (sent < 0 && errno == EMSGSIZE)
-        return -1;
     return static_cast<int>(total);
 }
 
 void cTpktUdpSocket::OnWrite()
 {
     cFrameLockGuard lock;
-    if (m_SendBuffer.size() > 0)
-        FlushTo(m_RemoteAddr);
+    if (m_SendBuffer.size() == 0)
+        return;
+    const cSocketAddr to = m_RemoteAddr;
+    unsigned long dropped = 0;
+    FlushTo(to, dropped);
+    lock.Release();
+    if (dropped != 0)
+        TraceDropped(dropped, to);
 }
 
 void cTpktUdpSocket::Close()

@@ -56,10 +56,11 @@ void* cMsgThread::Run(void* arg)
     std::shared_ptr<sRunState> state = std::static_pointer_cast<sRunState>(start->keep);
     delete start;
 
-    // Cancellation is allowed only while the loop waits in select (see
-    // cService::ScheduleSelect), where no lock is held.
+    // Deferred cancellation wherever the thread waits: library locks keep
+    // it out while they are held (see orvo_msgthread.h).
     int old = 0;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &old);
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &old);
+    pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &old);
 
     // Runs when ThreadMain returns and when a cancellation unwinds it.
     struct sEnder {

@@ -18,10 +18,12 @@
 #include <mutex>
 
 #include "orvo_channel.h"
+#include "orvo_channellist.h"
 #include "orvo_handle.h"
 #include "orvo_hooks.h"
 #include "orvo_init.h"
 #include "orvo_msgsocket.h"
+#include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_snoop.h"
 #include "orvo_socket.h"
@@ -37,12 +39,14 @@ cService* mMainService = nullptr;
 // Signals: the catcher only marks; the handlers run on a loop thread. Index
 // 65 exists because SignalAsyncSelect accepts signal numbers up to 65.
 struct sSignalEntry {
-    volatile sig_atomic_t pending;
+    // Atomic (lock-free, so the catcher may set it): of the loops that see a
+    // signal, exactly one takes the mark and runs the handler.
+    std::atomic<int> pending;
     tSignalHandler handler;
     void* ctx;
 };
 sSignalEntry mvSignal[66];
-volatile sig_atomic_t mHasSignal = 0;
+std::atomic<int> mHasSignal{0};
 
 namespace {
 
@@ -137,8 +141,8 @@ void SignalCatcher(int sig)
 {
     const int saved = errno;
     if (sig > 0 && sig <= 65)
-        mvSignal[sig].pending = 1;
-    mHasSignal = 1;
+        mvSignal[sig].pending.store(1);
+    mHasSignal.store(1);
     Wake();
     errno = saved;
 }
@@ -165,17 +169,13 @@ void SigInt(cService* service, int, void*)
     service->OnMsg(msg);
 }
 
-// Snoop subscribers, guarded by one process-wide lock. Neither is ever
-// destroyed, so late reports during process exit stay safe.
-cCriticalSection& SnoopLock()
+// Snoop subscribers. Never destroyed, so late reports during process exit
+// stay safe.
+cChannelList& SnoopList()
 {
-    static cCriticalSection* lock = new cCriticalSection();
-    return *lock;
+    static cChannelList* list = new cChannelList();
+    return *list;
 }
-std::list<cChannel*>* gSnoop = nullptr;
-// Size of the snoop list, read without the lock: every message handed out
-// asks whether anyone snoops, and almost always no one does.
-std::atomic<int> gSnoopCount{0};
 
 bool IsStopType(unsigned long type)
 {
@@ -250,11 +250,11 @@ struct sInstallHooks {
 bool cService::InitGlobal()
 {
     for (int i = 0; i <= 65; ++i) {
-        mvSignal[i].pending = 0;
+        mvSignal[i].pending.store(0);
         mvSignal[i].handler = nullptr;
         mvSignal[i].ctx = nullptr;
     }
-    mHasSignal = 0;
+    mHasSignal.store(0);
     EnsureWakeFd();
     SignalAsyncSelect(SIGPIPE, &SigNothing, nullptr);
     SignalAsyncSelect(SIGALRM, &SigIgnore, nullptr);
@@ -315,6 +315,8 @@ cService::cService()
       m_SelectSeq(0)
 {
     ClearSelectTable();
+    // Senders of other threads wake the loop through it, Init or not.
+    EnsureWakeFd();
 }
 
 cService::~cService()
@@ -454,6 +456,11 @@ void cService::UnregisterAll()
 
 ORVO_HOT int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
 {
+    return Register(fd, events, channel, ctx, false);
+}
+
+ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx, bool merge)
+{
     ORVO_ASSERT(fd>=0);
     const bool reg = events != 0 && channel != nullptr;
     if (fd >= kMaxSelect) {
@@ -492,6 +499,12 @@ ORVO_HOT int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel,
         }
     }
 
+    // Write pending may have been set by a sender of another thread since
+    // the caller computed events; its request must not be lost here.
+    if (reg && channel->GetFd() == fd && channel->IsWritePending())
+        events |= SELECT_WRITE;
+    if (merge && index >= 0 && m_Select[index].channel == channel)
+        events |= GetEventsLocked(fd);
     if (reg) {
         sSelectEntry& e = m_Select[index];
         // A new owner of the entry: the pass that is running must not hand
@@ -536,9 +549,32 @@ int cService::GetSelectEvents(int fd) const
     if (fd < 0 || fd >= kMaxSelect)
         return 0;
     std::lock_guard<std::mutex> lock(m_TableLock);
+    return GetEventsLocked(fd);
+}
+
+int cService::GetEventsLocked(int fd) const
+{
     return (FD_ISSET(fd, &m_ReadSet) ? SELECT_READ : 0) |
            (FD_ISSET(fd, &m_WriteSet) ? SELECT_WRITE : 0) |
            (FD_ISSET(fd, &m_ExceptSet) ? SELECT_EXCEPT : 0);
+}
+
+void cService::AddWriteInterest(cChannel* channel, bool wakeLoop)
+{
+    const int fd = channel != nullptr ? channel->GetFd() : -1;
+    if (fd < 0 || !channel->IsEnabled())
+        return;
+    // Added to what the channel has registered (a channel that reads nothing
+    // may have no entry yet).
+    Register(fd, SELECT_WRITE, channel, nullptr, true);
+    if (wakeLoop)
+        Wake();
+}
+
+ORVO_HOT bool cService::IsLoopThread() const
+{
+    const pid_t loop = m_LoopThread.load(std::memory_order_relaxed);
+    return loop == 0 || loop == cThread::GetCurrentThreadId();
 }
 
 void cService::ForgetChannel(cChannel* channel)
@@ -625,6 +661,7 @@ ORVO_HOT void cService::ScanTimers()
 
 ORVO_HOT void cService::ScheduleSelect()
 {
+    m_LoopThread.store(cThread::GetCurrentThreadId(), std::memory_order_relaxed);
     fd_set readSet, writeSet, exceptSet;
     int highest;
     int count;
@@ -640,14 +677,16 @@ ORVO_HOT void cService::ScheduleSelect()
     }
     // A signal already marked (its wake-up may have been drained by another
     // loop) is handled without waiting.
-    const unsigned long idle = mHasSignal ? 0 : ScheduleGetIdleTimeMs();
+    const unsigned long idle = mHasSignal.load() ? 0 : ScheduleGetIdleTimeMs();
     struct timeval tv;
     tv.tv_sec = static_cast<time_t>(idle / 1000);
     tv.tv_usec = static_cast<suseconds_t>((idle % 1000) * 1000);
 
     // The wake descriptor joins every wait; with no channel registered the
     // wait is a sleep of the idle time that a signal or a stop can cut short.
-    const int wake = gWakeFd.load();
+    // While the process is stopping it stays readable (every loop must see
+    // the stop), so a wait that starts after the stop leaves it out.
+    const int wake = gStop.load() ? -1 : gWakeFd.load();
     if (count == 0) {
         FD_ZERO(&readSet);
         FD_ZERO(&writeSet);
@@ -660,22 +699,12 @@ ORVO_HOT void cService::ScheduleSelect()
             highest = wake;
     }
 
-    // A thread service may be cancelled (cMsgThread::Terminate) only here,
-    // where it holds no lock.
-    int oldState = 0;
-    if (m_bThreadService)
-        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &oldState);
     int result = ::select(highest + 1, &readSet, &writeSet, &exceptSet, &tv);
     const int selectErrno = errno;
-    if (m_bThreadService)
-        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
 
     if (m_bTimeStamp)
         m_LastSelected.Now(true);
 
-    // A signal that interrupted select is no error: no events.
-    if (result < 0 && selectErrno == EINTR)
-        result = 0;
     if (result > 0 && wake >= 0 && FD_ISSET(wake, &readSet)) {
         if (!gStop.load())
             DrainWake();
@@ -721,12 +750,10 @@ ORVO_HOT void cService::ScheduleSelect()
 
     ScanTimers();
 
-    if (mHasSignal) {
-        mHasSignal = 0;
+    if (mHasSignal.exchange(0) != 0) {
         bool any = false;
         for (int sig = 1; sig <= kMaxSignal; ++sig) {
-            if (mvSignal[sig].pending) {
-                mvSignal[sig].pending = 0;
+            if (mvSignal[sig].pending.exchange(0) != 0) {
                 any = true;
                 if (mvSignal[sig].handler != nullptr)
                     mvSignal[sig].handler(this, sig, mvSignal[sig].ctx);
@@ -736,6 +763,8 @@ ORVO_HOT void cService::ScheduleSelect()
             return;
     }
 
+    // Interrupted by a signal of the table: handled above, no error. Any
+    // other failure, EINTR from a foreign signal included, is reported.
     if (result == -1) {
         ORVO_TRACE(UnitORVO, FATAL, FormatString("select() error, retval=%i", result));
         if (selectErrno == EBADF)
@@ -747,6 +776,7 @@ ORVO_HOT void cService::ScheduleSelect()
 
 ORVO_HOT bool cService::GetMessage(cMsg& msg)
 {
+    m_LoopThread.store(cThread::GetCurrentThreadId(), std::memory_order_relaxed);
     if (m_LastHandOut != 0) {
         const long long lost = GetMsecClock() - m_LastHandOut;
         if (lost >= m_TimelostMs)
@@ -792,7 +822,12 @@ void cService::TimelostTrigger()
 ORVO_HOT void cService::PostHdlMessage(cMsg& msg)
 {
     cChannel* ch = msg.GetChannel();
-    if (msg.GetType() != kMsgChannelClosed || ch == nullptr || !ch->GetDeleteAfterClose())
+    if (ch == nullptr || !ch->GetDeleteAfterClose())
+        return;
+    // A connection's last message: its close, or the report of a failed TLS
+    // set-up after which it was closed without one.
+    const unsigned long type = msg.GetType();
+    if (type != kMsgChannelClosed && !(type == MSG_SOCKET_TLS_FAILED && ch->GetFd() < 0))
         return;
     if (std::find(m_Deferred.begin(), m_Deferred.end(), ch) == m_Deferred.end())
         m_Deferred.push_back(ch);
@@ -908,15 +943,8 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
             UnRegisterTraceChannel(ch);
         return true;
     case kMsgSnoopOn:
-        if (ch != nullptr) {
-            SnoopLock().Enter();
-            if (gSnoop == nullptr)
-                gSnoop = new std::list<cChannel*>();
-            gSnoop->remove(ch);
-            gSnoop->push_back(ch);
-            gSnoopCount.store(static_cast<int>(gSnoop->size()));
-            SnoopLock().Leave();
-        }
+        if (ch != nullptr)
+            SnoopList().Add(ch);
         return true;
     case kMsgSnoopOff:
         SnoopRemoveChannel(ch);
@@ -963,11 +991,21 @@ int cService::SendToInternal(cService* target, cMsg& msg)
 {
     if (target == nullptr)
         return 0;
+    // The target's address is read under the target's own lock (its DeInit
+    // deletes the socket under it), and released before this service's lock
+    // is taken: two services posting to each other never wait in a circle.
+    cSocketAddr to;
+    target->m_pSendLock->Enter();
+    const bool targetUp = target->m_pInternalSocket != nullptr;
+    if (targetUp)
+        to = target->m_pInternalSocket->GetLocalAddress();
+    target->m_pSendLock->Leave();
+    if (!targetUp)
+        return 0;
     int result = 0;
     m_pSendLock->Enter();
-    if (m_pInternalSocket != nullptr && target->m_pInternalSocket != nullptr)
-        result = m_pInternalSocket->SendTo(target->GetInternalAddress(), msg);
-
+    if (m_pInternalSocket != nullptr)
+        result = m_pInternalSocket->SendTo(to, msg);
     m_pSendLock->Leave();
     return result;
 }
@@ -1039,28 +1077,17 @@ cMsg cService::SendSyncMsg(cChannel& channel, cMsg& msg, unsigned long ms, unsig
 
 void SnoopRemoveChannel(cChannel* ch)
 {
-    if (ch == nullptr)
-        return;
-    SnoopLock().Enter();
-    if (gSnoop != nullptr) {
-        gSnoop->remove(ch);
-        gSnoopCount.store(static_cast<int>(gSnoop->size()));
-    }
-    SnoopLock().Leave();
+    if (ch != nullptr)
+        SnoopList().Remove(ch);
 }
 
 ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
 {
-    if (gSnoopCount.load(std::memory_order_relaxed) == 0)
+    if (SnoopList().IsEmpty())
         return;
     const unsigned long type = msg.GetType();
     if (type == kMsgTraceOutput || type == kMsgScmTraceLog || type == kMsgSocketWritable ||
         type == kMsgSocketData || type == kMsgSnoopReport)
-        return;
-    SnoopLock().Enter();
-    const bool any = gSnoop != nullptr && !gSnoop->empty();
-    SnoopLock().Leave();
-    if (!any)
         return;
 
     cMsg report(kMsgSnoopReport);
@@ -1086,19 +1113,7 @@ ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
     r.AppendRecordPar("msg-record", msg.GetRecord(), 0);
     r.AppendUuidPar("msg-tid", msg.GetTid(), 0);
 
-    SnoopLock().Enter();
-    if (gSnoop != nullptr) {
-        // A send may close its channel, which takes it off the list; walk a
-        // copy and skip what is gone.
-        const std::vector<cChannel*> channels(gSnoop->begin(), gSnoop->end());
-        for (cChannel* sub : channels) {
-            if (gSnoop == nullptr)
-                break;
-            if (std::find(gSnoop->begin(), gSnoop->end(), sub) != gSnoop->end())
-                sub->Send(report);
-        }
-    }
-    SnoopLock().Leave();
+    SnoopList().ForEach([&report](cChannel* sub) { sub->Send(report); });
 }
 
 }  // namespace orvo

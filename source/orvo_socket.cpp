@@ -268,14 +268,12 @@ ORVO_HOT void cTcpSocket::OnSelect(int events)
         } else if (result == 1) {
             WatchHandshake();
         } else {
-            ReportTlsFailure("reason", "AcceptSSL", reason);
+            // Closed before the report goes out: the service deletes a socket
+            // it owns after handing out this 0x4004 (PostHdlMessage), as it
+            // would after a close message.
             Close();
             m_bAccepting = 0;
-            // Nobody learnt of this connection, so nobody would delete it:
-            // a socket the framework owns is handed back through the close
-            // message like any other ended connection.
-            if (GetDeleteAfterClose())
-                OnClose();
+            ReportTlsFailure("reason", "AcceptSSL", reason);
         }
         return;
     }
@@ -445,8 +443,7 @@ ORVO_HOT int cTcpSocket::rawWrite(const void* data, int size)
                 ORVO_TRACE(UnitORVO, ERROR,
                            FormatString("cTcpSocket: TLS peer %s takes no data, connection closed",
                                         m_RemoteAddr.ToString().c_str()));
-                Close();
-                OnClose();
+                SetWriteFailed();
                 errno = ETIMEDOUT;
                 return -1;
             }
@@ -456,11 +453,10 @@ ORVO_HOT int cTcpSocket::rawWrite(const void* data, int size)
     } else {
         result = static_cast<int>(::send(m_fd, data, static_cast<size_t>(size), MSG_NOSIGNAL));
     }
-    if (result < 0 && errno == EPIPE) {
-        Close();
-        OnClose();
-        errno = EPIPE;
-    }
+    // The writer may hold g_FrameLock or run on another thread: the close
+    // happens on the loop thread once the writer let go (HandleWriteFailure).
+    if (result < 0 && errno == EPIPE)
+        SetWriteFailed();
     return result;
 }
 
@@ -717,7 +713,7 @@ int cUdpSocket::SendTo(const cSocketAddr& to, const void* data, int size)
     int result = static_cast<int>(::sendto(m_fd, data, static_cast<size_t>(size), MSG_NOSIGNAL,
                                            to.GetSockAddr(), sizeof(sockaddr_in)));
     if (result > 0)
-        UpdateSelect();
+        WantWriteReady(false);
     return result;
 }
 

@@ -130,8 +130,11 @@ ORVO_HOT void cCriticalSection::Enter()
     const pid_t self = cThread::GetCurrentThreadId();
     if (m_Owner.load(std::memory_order_relaxed) == self)
         return;
+    int cancelState = PTHREAD_CANCEL_ENABLE;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     pthread_mutex_lock(&m_Mutex);
     m_Owner.store(self, std::memory_order_relaxed);
+    m_HolderCancelState = cancelState;
 }
 
 ORVO_HOT void cCriticalSection::Leave()
@@ -140,8 +143,11 @@ ORVO_HOT void cCriticalSection::Leave()
     // that another thread holds by now (or one that nobody holds).
     if (m_Owner.load(std::memory_order_relaxed) != cThread::GetCurrentThreadId())
         return;
+    const int cancelState = m_HolderCancelState;
     m_Owner.store(0, std::memory_order_relaxed);
     pthread_mutex_unlock(&m_Mutex);
+    int previous = 0;
+    pthread_setcancelstate(cancelState, &previous);
 }
 
 // ----------------------------------------------------------------- cEvent

@@ -236,19 +236,19 @@ void cRasterTimer::OnExec()
     default:
         break;
     }
-    m_LastCheck = now;
-    if (!fire) {
-        if (m_bArmed || m_bAuto)
-            StartSec(1, 0);
-        return;
+    if (fire) {
+        // The message goes out first; a state machine gets it synchronously
+        // and may delete the timer, which ends the tick here.
+        const uint32_t handle = m_Handle;
+        OnRasterExec(now, GetMatchRasters(m_Raster, now));
+        if (HandleResolve(handle, HANDLE_TIMER) != static_cast<void*>(this))
+            return;
     }
-    // A firing disarms, so only an auto timer ticks on. It is re-armed before
-    // the message goes out: a state machine gets it synchronously and may
-    // Stop() or delete the timer from its handler.
-    const unsigned int matches = GetMatchRasters(m_Raster, now);
-    if (m_bAuto)
+    m_LastCheck = now;
+    // A firing disarms, so only an auto timer ticks on; a Stop() from the
+    // handler does not end an auto timer's ticking.
+    if (m_bArmed || m_bAuto)
         StartSec(1, 0);
-    OnRasterExec(now, matches);
 }
 
 unsigned int cRasterTimer::GetMatchRasters(unsigned int raster, const cTime& now)

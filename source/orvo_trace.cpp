@@ -11,6 +11,7 @@
 #include <mutex>
 #include <vector>
 
+#include "orvo_channellist.h"
 #include "orvo_hooks.h"
 #include "orvo_init.h"
 #include "orvo_msg.h"
@@ -42,15 +43,17 @@ const unsigned long kMsgChannelTrace = 0x7002;
 
 const int kRepeatPeriod = 60;   // seconds a run of repeats is summarised over
 
-// Trace channels. Recursive: a channel's Send may itself trace, which comes
-// back into SendTrace on the same thread.
-// The locks are never destroyed, so traces during process exit stay safe.
-std::recursive_mutex& ChannelLock()
+// The trace channels. Never destroyed, so traces during process exit stay
+// safe; its lock is never held while a channel sends.
+cChannelList& TraceChannels()
 {
-    static std::recursive_mutex* lock = new std::recursive_mutex();
-    return *lock;
+    static cChannelList* list = new cChannelList();
+    return *list;
 }
-std::list<cChannel*>* gTraceChannels = nullptr;
+
+// A trace raised while this thread sends a trace on the channels (the send
+// path may trace) is not sent to them again.
+thread_local bool tInSendTrace = false;
 
 // Repeat suppression. The lock keeps the state itself consistent; the
 // decisions of concurrent traces may still interleave.
@@ -278,35 +281,24 @@ void ClearTraceUnits()
         delete mUnits;
         mUnits = nullptr;
     }
-    {
-        std::lock_guard<std::recursive_mutex> lock(ChannelLock());
-        delete gTraceChannels;
-        gTraceChannels = nullptr;
-    }
+    TraceChannels().Clear();
     std::lock_guard<std::mutex> lock(StateLock());
     LastText().clear();
 }
 
 void RegisterTraceChannel(cChannel* ch)
 {
-    std::lock_guard<std::recursive_mutex> lock(ChannelLock());
-    if (gTraceChannels == nullptr)
-        gTraceChannels = new std::list<cChannel*>();
-    gTraceChannels->remove(ch);
-    gTraceChannels->push_back(ch);
+    TraceChannels().Add(ch);
 }
 
 void UnRegisterTraceChannel(cChannel* ch)
 {
-    std::lock_guard<std::recursive_mutex> lock(ChannelLock());
-    if (gTraceChannels != nullptr)
-        gTraceChannels->remove(ch);
+    TraceChannels().Remove(ch);
 }
 
 void SendTrace(cUnit* unit, eLEVEL level, const std::string& text)
 {
-    std::lock_guard<std::recursive_mutex> lock(ChannelLock());
-    if (gTraceChannels == nullptr || gTraceChannels->empty())
+    if (TraceChannels().IsEmpty() || tInSendTrace || hooks::TraceChannelSend == nullptr)
         return;
 
     cTime now;
@@ -319,17 +311,9 @@ void SendTrace(cUnit* unit, eLEVEL level, const std::string& text)
     r.AppendTimePar("time", now, 0);
     r.AppendTextPar("txt", text, 0);
 
-    // A send may unregister channels (a failing channel closes) or clear the
-    // list on this thread; walk a copy and skip what is no longer listed.
-    const std::vector<cChannel*> channels(gTraceChannels->begin(), gTraceChannels->end());
-    for (cChannel* ch : channels) {
-        if (gTraceChannels == nullptr)
-            break;
-        if (std::find(gTraceChannels->begin(), gTraceChannels->end(), ch) == gTraceChannels->end())
-            continue;
-        if (hooks::TraceChannelSend != nullptr)
-            hooks::TraceChannelSend(ch, msg);
-    }
+    tInSendTrace = true;
+    TraceChannels().ForEach([&msg](cChannel* ch) { hooks::TraceChannelSend(ch, msg); });
+    tInSendTrace = false;
 }
 
 std::string FormatString(const char* fmt, ...)

@@ -114,3 +114,19 @@ TEST(MemBufferDeath, Assertions)
     EXPECT_DEATH(b.SetBufferSize(-1), Re("Size >= 0"));
     EXPECT_DEATH(b.CreateCopy(0, -1), "char\\* orvo::cMemBuffer::CreateCopy\\(int, int\\)");
 }
+
+// In place (sole holder, same capacity): a null source keeps the first Size
+// bytes and zeroes only those behind them; with a new block there is
+// nothing to keep.
+TEST(MemBuffer, InPlaceCreateWithoutSourceKeepsTheLeadingBytes)
+{
+    cMemBuffer b;
+    char* block = b.Create(kBytes, 8);
+    EXPECT_EQ(b.Create(nullptr, 3, 8), block);
+    EXPECT_EQ(Held(block, 8), std::string("012") + std::string(5, '\0'));
+
+    cMemBuffer shared(b);
+    char* fresh = b.Create(nullptr, 3, 8);
+    EXPECT_NE(fresh, block);
+    EXPECT_EQ(Held(fresh, 8), std::string(8, '\0'));
+}

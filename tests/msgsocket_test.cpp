@@ -12,14 +12,21 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <functional>
+#include <thread>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "orvo_handle.h"
 #include "orvo_msgsocket.h"
+#include "orvo_init.h"
 #include "orvo_service.h"
+#include "orvo_timer.h"
+#include "orvo_trace.h"
 #include "test_helpers.h"
 
 using namespace orvo;
@@ -513,4 +520,153 @@ TEST(MsgSocket, ManyConnectionsToOneSapSocket)
     EXPECT_EQ(Ask(last, Request(7)), REP);
     EXPECT_EQ(Finish(echo, last), 0);
     close(last);
+}
+
+// ---- sends from several threads -------------------------------------------------
+
+namespace {
+
+// A listening raw socket on 127.0.0.1 with an ephemeral port.
+int RawListener(unsigned short& port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    cSocketAddr any("127.0.0.1", 0);
+    sockaddr_in local = {};
+    socklen_t len = sizeof local;
+    if (bind(fd, any.GetSockAddr(), sizeof(sockaddr_in)) != 0 || listen(fd, 4) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&local), &len) != 0) {
+        close(fd);
+        return -1;
+    }
+    port = ntohs(local.sin_port);
+    return fd;
+}
+
+// Runs the service's loop until done() or ms passed; a 20 ms auto timer
+// bounds every wait.
+bool LoopUntil(cService& s, const std::function<bool()>& done, long long ms = 5000)
+{
+    cTimer tick(&s, true, nullptr);
+    tick.Start(20, 0x123fff);
+    const long long end = GetMsecClock() + ms;
+    while (!done() && GetMsecClock() < end)
+        s.ScheduleSelect();
+    return done();
+}
+
+}  // namespace
+
+// A frame overflow traces; with a trace channel registered that trace sends
+// on the channel from the same thread, while another thread's trace sends on
+// it too. No lock may be held across those sends (both orders would meet).
+TEST(MsgSocketThreads, OverflowTracesWhileAnotherThreadTracesDoNotDeadlock)
+{
+    const int rc = orvo_test::RunInChild([] {
+        orvoInit(ERROR, OUTPUT_NONE, false);
+        cService::SignalAsyncSelect(SIGALRM, nullptr, nullptr);   // the alarm ends a hang
+        cTestService svc;
+        int pair[2];
+        if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
+            return 3;
+        cMsgTcpSocket channel(&svc, nullptr);    // nobody reads the other end
+        channel.Attach(pair[0]);
+        RegisterTraceChannel(&channel);
+        SetTraceLevel(UnitORVO, INFO);
+
+        cTpktTcpSocket full(nullptr, nullptr);   // no descriptor: keeps what is queued
+        const std::string fill(196607 - 6 - 12, 'x');
+        if (full.WritePacket(0, fill.data(), int(fill.size()), nullptr, 0, nullptr, 0) < 0)
+            return 4;
+        std::atomic<bool> done{false};
+        std::thread tracer([&done] {
+            for (int i = 0; !done; ++i)
+                ORVO_TRACE(UnitORVO, INFO, FormatString("other thread %i", i));
+        });
+        const long long end = GetMsecClock() + 1500;
+        for (int i = 0; GetMsecClock() < end; ++i) {
+            const std::string piece(size_t(20 + i % 500), 'y');    // a new trace text each time
+            if (full.WritePacket(0, piece.data(), int(piece.size()), nullptr, 0, nullptr, 0) != -2)
+                return 5;
+        }
+        done = true;
+        tracer.join();
+        UnRegisterTraceChannel(&channel);
+        return 0;
+    }, nullptr, false, 30);
+    EXPECT_EQ(rc, 0) << "-1: the child deadlocked and was ended by its alarm";
+}
+
+// A broken pipe met by a send from another thread is handed to the owning
+// loop: the close message is produced on the loop's thread.
+TEST(MsgSocketThreads, BrokenPipeFoundByAnotherThreadClosesOnTheLoopThread)
+{
+    struct cWhere : cTestService {
+        void OnMsg(cMsg& msg) override
+        {
+            if (msg == MSG_SOCKET_CLOSED)
+                closedOn = pthread_self();
+            cTestService::OnMsg(msg);
+        }
+        std::atomic<pthread_t> closedOn{pthread_t()};
+    } svc;
+    unsigned short port = 0;
+    const int listener = RawListener(port);
+    ASSERT_GE(listener, 0);
+    cMsgTcpSocket client(&svc, nullptr);
+    client.Socket(AF_INET, SOCK_STREAM, 0);
+    client.Connect(cSocketAddr("127.0.0.1", port));
+    ASSERT_TRUE(LoopUntil(svc, [&] { return client.IsConnected(); }));
+    const int peer = accept(listener, nullptr, nullptr);
+    ASSERT_GE(peer, 0);
+    client.EnableRead(false);                 // only a write can find the broken pipe
+    linger hard = {1, 0};
+    setsockopt(peer, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    close(peer);                              // reset
+
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        for (int i = 0; i < 400 && !done; ++i) {
+            cMsg m = Request(unsigned(i));
+            client.Send(m);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    });
+    const cMsg closed = svc.WaitSyncMsg(5000, MSG_SOCKET_CLOSED);
+    done = true;
+    sender.join();
+    EXPECT_EQ(closed.GetType(), unsigned(MSG_SOCKET_CLOSED));
+    EXPECT_TRUE(pthread_equal(svc.closedOn.load(), pthread_self()));
+    close(listener);
+}
+
+// A socket set up with Attach (neither connected nor accepted by the library)
+// still asks for write readiness while bytes wait, so a frame larger than the
+// socket takes at once goes out whole.
+TEST(MsgSocketThreads, AttachedSocketSendsAFrameTheKernelTakesInPieces)
+{
+    cTestService svc;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    int small = 4096;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    cMsgTcpSocket s(&svc, nullptr);
+    s.Attach(pair[0]);
+    cUuid tid;
+    tid.Create();
+    const cMsg big = Sized(tid, 150006);
+    cMsg sent(big);
+    ASSERT_GT(s.Send(sent), 0);
+    ASSERT_GT(s.GetSendQueued(), 0u);         // the kernel did not take it all
+
+    std::string got;
+    std::thread reader([&] {
+        timeval tv = {10, 0};
+        setsockopt(pair[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        RecvAll(pair[1], got, 150006);
+    });
+    LoopUntil(svc, [&] { return s.GetSendQueued() == 0; });
+    reader.join();
+    EXPECT_EQ(s.GetSendQueued(), 0u);
+    EXPECT_EQ(got, Frame(1, Payload(big, 1)));
+    close(pair[1]);
 }

@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
@@ -467,4 +469,103 @@ TEST_F(Service, ControlMessagesKeepTheListsInStep)
     Post(svc, 0x1);
     Take(svc);
     EXPECT_TRUE(ch.sent.empty());
+}
+
+// ---- Loops on several threads -------------------------------------------------
+
+// The stop flag keeps the wake-up descriptor readable for every loop; a wait
+// that starts after the stop must still wait for its timer, not spin.
+TEST_F(Service, AWaitThatStartsAfterTheStopStillWaitsForItsTimer)
+{
+    cTestService svc;
+    cMarkTimer timer(&svc);
+    cService::SetStopFlag(true);
+    timer.Start(200, 0x123);
+    const long long start = GetMsecClock();
+    svc.ScheduleSelect();
+    EXPECT_GE(GetMsecClock() - start, 150);
+    EXPECT_EQ(gFired, std::vector<cTimer*>{&timer});
+}
+
+// select() interrupted by a signal the library does not catch is an error:
+// traced and reported to the service as 0x1003.
+TEST_F(Service, SelectInterruptedByAForeignSignalReportsTheError)
+{
+    struct sigaction sa = {}, old = {};
+    sa.sa_handler = [](int) {};
+    sigemptyset(&sa.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR2, &sa, &old), 0);
+    cTestService svc;
+    cMarkTimer bound(&svc);
+    bound.Start(5000, 0x123);
+    const pthread_t loop = pthread_self();
+    std::thread interrupter([loop] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        pthread_kill(loop, SIGUSR2);
+    });
+    SetTraceLevel(UnitORVO, FATAL);
+    const std::string traced = Traced([&] { svc.ScheduleSelect(); });
+    interrupter.join();
+    sigaction(SIGUSR2, &old, nullptr);
+    EXPECT_NE(traced.find("select() error, retval=-1"), std::string::npos) << traced;
+    ASSERT_EQ(svc.GetQueueSize(), 1u);
+    EXPECT_EQ(Take(svc), 0x1003u);
+    EXPECT_TRUE(gFired.empty());
+}
+
+// Every loop thread wakes for a signal; exactly one of them runs its handler.
+TEST_F(Service, ASignalSeenByTwoLoopsRunsItsHandlerOnce)
+{
+    static std::atomic<int> runs{0};
+    ASSERT_EQ(cService::SignalAsyncSelect(SIGUSR1, [](cService*, int, void*) { ++runs; }, nullptr), 0);
+    runs = 0;
+    std::atomic<bool> done{false};
+    auto loop = [&done] {
+        cTestService svc;
+        cMarkTimer tick(&svc);
+        while (!done) {
+            tick.Start(5, 0x1);
+            svc.ScheduleSelect();
+        }
+    };
+    std::thread a(loop), b(loop);
+    const int kRaises = 50;
+    for (int i = 1; i <= kRaises; ++i) {
+        ::kill(::getpid(), SIGUSR1);
+        for (int wait = 0; runs < i && wait < 2000; ++wait)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    done = true;
+    a.join();
+    b.join();
+    cService::SignalAsyncSelect(SIGUSR1, nullptr, nullptr);
+    EXPECT_EQ(runs.load(), kRaises);
+}
+
+// Posting to a service from another thread while that service closes and
+// reopens its sockets: the sender never touches a deleted socket, and once
+// the target is up again the next post arrives.
+TEST_F(Service, SendToInternalMeetsTheTargetsDeInit)
+{
+    cTestService sender, target;
+    sender.Init("sender", cSocketAddr("127.0.0.1", 0));
+    target.Init("target", cSocketAddr("127.0.0.1", 0));
+    std::atomic<bool> done{false};
+    std::thread poster([&] {
+        while (!done) {
+            cMsg msg(0x5555);
+            sender.SendToInternal(&target, msg);
+            std::this_thread::sleep_for(std::chrono::microseconds(20));
+        }
+    });
+    for (int i = 0; i < 100; ++i) {
+        target.DeInit();
+        target.Init("target", cSocketAddr("127.0.0.1", 0));
+    }
+    done = true;
+    poster.join();
+    cMsg last(0x5556);
+    ASSERT_GT(sender.SendToInternal(&target, last), 0);
+    EXPECT_EQ(target.WaitSyncMsg(5000, 0x5556).GetType(), 0x5556u);
 }

@@ -16,6 +16,12 @@
 #include <string>
 #include <vector>
 
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include "orvo_msgsocket.h"
+#include "orvo_msgtypes.h"
 #include "orvo_service.h"
 #include "orvo_socket.h"
 #include "test_helpers.h"
@@ -249,4 +255,56 @@ TEST(TcpSocket, DescriptorsTheLoopCannotWatchAreRefused)
     // In a child (its own descriptor limit) that the alarm ends if it hangs.
     EXPECT_EQ(orvo_test::RunInChild([&] { return body(), ::testing::Test::HasFailure() ? 1 : 0; },
                                     nullptr, false, 120), 0);
+}
+
+namespace {
+
+// A TLS server context with a fresh self-signed P-256 certificate.
+SSL_CTX* ServerContext()
+{
+    EVP_PKEY* key = EVP_EC_gen("P-256");
+    X509* cert = X509_new();
+    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+    X509_gmtime_adj(X509_getm_notBefore(cert), 0);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
+    X509_set_pubkey(cert, key);
+    X509_NAME_add_entry_by_txt(X509_get_subject_name(cert), "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
+    X509_set_issuer_name(cert, X509_get_subject_name(cert));
+    X509_sign(cert, key, EVP_sha256());
+    SSL_CTX* ctx = SSL_CTX_new(TLS_server_method());
+    const bool ok = SSL_CTX_use_certificate(ctx, cert) == 1 && SSL_CTX_use_PrivateKey(ctx, key) == 1;
+    X509_free(cert);
+    EVP_PKEY_free(key);
+    if (!ok) {
+        SSL_CTX_free(ctx);
+        return nullptr;
+    }
+    return ctx;
+}
+
+}  // namespace
+
+// A connection whose TLS set-up fails on the accepting side is reported once,
+// as 0x4004 with "reason" AcceptSSL, and closed; no close message follows,
+// and the service still deletes the socket it owns.
+TEST(TcpSocket, FailedTlsAcceptIsReportedWithoutACloseMessage)
+{
+    SSL_CTX* ctx = ServerContext();
+    ASSERT_NE(ctx, nullptr);
+    cTestService svc;
+    svc.GetSapSocket()->SetSSL(ctx);
+    int fd = RawSocket();
+    ASSERT_EQ(connect(fd, svc.GetSapAddress().GetSockAddr(), sizeof(sockaddr_in)), 0);
+    const char plain[] = "GET / HTTP/1.0\r\n\r\n";
+    ASSERT_EQ(send(fd, plain, sizeof plain - 1, MSG_NOSIGNAL), ssize_t(sizeof plain - 1));
+
+    const cMsg failed = Await(svc, MSG_SOCKET_TLS_FAILED);
+    ASSERT_EQ(failed.GetType(), unsigned(MSG_SOCKET_TLS_FAILED));
+    EXPECT_EQ(failed.GetRecord().GetFirstPar("reason").GetString(), "AcceptSSL");
+    EXPECT_TRUE(PeerClosed(fd));
+    EXPECT_EQ(Await(svc, MSG_SOCKET_CLOSED, nullptr, 300).GetType(), 0x2015u);
+    EXPECT_TRUE(svc.GetSapSocket()->GetClients().empty());
+    close(fd);
+    SSL_CTX_free(ctx);
 }

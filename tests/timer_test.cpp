@@ -362,3 +362,32 @@ TEST(TimerLoop, AutoTimerInARunningService)
     EXPECT_EQ(late, 0);
     EXPECT_TRUE(!tick.IsRunning() && svc.GetTimerCount() == 0);
 }
+
+// The raster message goes out before the timer re-arms: a handler's Stop()
+// does not end an auto raster timer (it ticks on and fires at the next
+// boundary), while a plain auto timer, re-armed before its message, stays
+// stopped.
+TEST_F(Timer, StopFromTheHandlerEndsAPlainAutoTimerButNotAnAutoRasterTimer)
+{
+    class cStopper : public cTestService {
+    public:
+        void OnMsg(cMsg& msg) override
+        {
+            got.push_back(msg.GetType());
+            if (cTimer* t = msg.GetTimer())
+                t->Stop();
+        }
+        std::vector<unsigned long> got;
+    } stopper;
+    cRasterTimer raster(&stopper, true, nullptr);
+    cTimer plain(&stopper, true, nullptr);
+    raster.StartRaster(RASTER_min, 0x5101);
+    plain.Start(500, 0x5102);
+    while (gWall < Utc(2024, 3, 5, 10, 15, 1))
+        Tick(500, &stopper);
+    EXPECT_TRUE(raster.IsRunning());
+    EXPECT_FALSE(plain.IsRunning());
+    while (gWall < Utc(2024, 3, 5, 10, 16, 1))
+        Tick(500, &stopper);
+    EXPECT_EQ(stopper.got, (std::vector<unsigned long>{0x5102, 0x5101, 0x5101}));
+}
