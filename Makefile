@@ -24,12 +24,13 @@ FUZZ_SECONDS ?= 60
 
 HOST_DIR := $(BUILD)/host
 ASAN_DIR := $(BUILD)/asan
+TSAN_DIR := $(BUILD)/tsan
 ARM_DIR := $(BUILD)/arm
 FUZZ_DIR := $(BUILD)/fuzz
 BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
-.PHONY: all deps build demo test host-test install-test asan-build asan-test \
+.PHONY: all deps build demo test host-test install-test asan-build asan-test tsan-build tsan-test \
         arm-sysroot arm-build arm-test fuzz-build fuzz bench-build bench-smoke bench install clean
 
 all: build
@@ -62,6 +63,18 @@ asan-build:
 
 asan-test: asan-build
 	cd $(ASAN_DIR) && $(CTEST_RUN)
+
+# The tests whose code runs on several threads, built with ThreadSanitizer;
+# any report fails.
+TSAN_TESTS := ^(thread|msgthread|service|service_ipc|socket|msgsocket|timer|stress)_test
+
+tsan-build:
+	$(CMAKE) -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_TSAN=ON \
+	    -DORVO_BUILD_EXAMPLES=OFF
+	$(CMAKE) --build $(TSAN_DIR) -j$(JOBS)
+
+tsan-test: tsan-build
+	cd $(TSAN_DIR) && $(CTEST_RUN) -R '$(TSAN_TESTS)'
 
 arm-sysroot:
 	scripts/arm-sysroot.sh $(ARM_SYSROOT)

@@ -220,7 +220,7 @@ protected:
     unsigned char* m_pRecvBuffer;     // owned; kRecvBufferSize bytes
     int m_RecvBufferSize;             // 8192
     int m_RecvFill;                   // valid bytes at the buffer's start
-    unsigned char m_WriteReadyMsg;    // 1 at construction; see GetWriteReadyMsg
+    std::atomic<unsigned char> m_WriteReadyMsg;   // 1 at construction; see GetWriteReadyMsg (trace senders of any thread clear it)
     cService* m_pService;             // not owned; may be null
     cStateMachine* m_pStatem;         // not owned; may be null
     sPeerInfo m_Peer;                 // remote end's name and id

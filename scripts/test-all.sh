@@ -49,6 +49,7 @@ total_start=$SECONDS
 stage host host-test
 stage install install-test
 stage asan asan-test
+stage tsan tsan-test
 stage arm arm-test
 stage fuzz fuzz FUZZ_SECONDS="$fuzz_seconds"
 stage bench bench-smoke

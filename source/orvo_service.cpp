@@ -377,13 +377,17 @@ bool cService::Init(const std::string& name, cSocketAddr sap)
                    FormatString("cService::Init: sap socket %s failed: %s", sap.ToString().c_str(),
                                 std::strerror(errno)));
 
-    m_pInternalSocket = new cMsgUdpSocket(this, nullptr);
-    m_pInternalSocket->SetObjName("internal");
-    m_pInternalSocket->SetNoSnoop(true);
-    if (m_pInternalSocket->Socket(AF_INET, SOCK_DGRAM, 0) < 0 ||
-        m_pInternalSocket->Bind(cSocketAddr("127.0.0.1", 0)) != 0)
+    cMsgUdpSocket* internal = new cMsgUdpSocket(this, nullptr);
+    internal->SetObjName("internal");
+    internal->SetNoSnoop(true);
+    if (internal->Socket(AF_INET, SOCK_DGRAM, 0) < 0 ||
+        internal->Bind(cSocketAddr("127.0.0.1", 0)) != 0)
         ORVO_TRACE(UnitORVO, ERROR,
                    FormatString("cService::Init: internal socket failed: %s", std::strerror(errno)));
+    // Published under the send lock: other threads read it there.
+    m_pSendLock->Enter();
+    m_pInternalSocket = internal;
+    m_pSendLock->Leave();
 
     const std::string sapText = m_pSapSocket->GetLocalAddress().ToString();
     if (!m_bThreadService) {

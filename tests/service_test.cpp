@@ -521,8 +521,12 @@ TEST_F(Service, ASignalSeenByTwoLoopsRunsItsHandlerOnce)
     runs = 0;
     std::atomic<bool> done{false};
     auto loop = [&done] {
+        struct cTick : cTimer {
+            explicit cTick(cService* s) : cTimer(s, false, nullptr) {}
+            void OnExec() override {}
+        };
         cTestService svc;
-        cMarkTimer tick(&svc);
+        cTick tick(&svc);
         while (!done) {
             tick.Start(5, 0x1);
             svc.ScheduleSelect();
