@@ -50,26 +50,6 @@ std::atomic<int> mHasSignal{0};
 
 namespace {
 
-const unsigned long kMsgSelectFailed = 0x1003;
-const unsigned long kMsgInterrupt = 0x1004;
-const unsigned long kMsgTerminate = 0x1005;
-const unsigned long kMsgStop = 0x1006;
-const unsigned long kMsgWaitTimeout = 0x2015;
-const unsigned long kMsgSocketData = 0x3001;
-const unsigned long kMsgSocketWritable = 0x3002;
-const unsigned long kMsgInRecord = 0x3004;
-const unsigned long kMsgPeerIdentified = 0x4002;
-const unsigned long kMsgChannelClosed = 0x4003;
-const unsigned long kMsgTraceOn = 0x7000;
-const unsigned long kMsgTraceOff = 0x7001;
-const unsigned long kMsgTraceOutput = 0x7002;
-const unsigned long kMsgSnoopOn = 0x7003;
-const unsigned long kMsgSnoopOff = 0x7004;
-const unsigned long kMsgSnoopReport = 0x7005;
-const unsigned long kMsgServiceInfoReq = 0x7006;
-const unsigned long kMsgServiceInfo = 0x7007;
-const unsigned long kMsgScmTraceLog = 0x10190;
-
 const unsigned long kMaxIdleMs = 60000;
 const int kMaxSignal = 64;
 
@@ -159,13 +139,13 @@ void SigIgnore(cService*, int sig, void*)
 
 void SigTerm(cService* service, int, void*)
 {
-    cMsg msg(kMsgTerminate);
+    cMsg msg(MSG_TERMINATE_REQUEST);
     service->OnMsg(msg);
 }
 
 void SigInt(cService* service, int, void*)
 {
-    cMsg msg(kMsgInterrupt);
+    cMsg msg(MSG_INTERRUPT_REQUEST);
     service->OnMsg(msg);
 }
 
@@ -179,7 +159,7 @@ cChannelList& SnoopList()
 
 bool IsStopType(unsigned long type)
 {
-    return type == kMsgInterrupt || type == kMsgStop || type == kMsgTerminate;
+    return type == MSG_INTERRUPT_REQUEST || type == MSG_STOP || type == MSG_TERMINATE_REQUEST;
 }
 
 // A state machine is alive while it is in the handle table.
@@ -653,7 +633,7 @@ ORVO_HOT void cService::ScanTimers()
         if (due.wait != 0) {
             // The time-out of a WaitSyncMsg.
             m_WaitFired.push_back(due.wait);
-            cMsg msg(kMsgWaitTimeout);
+            cMsg msg(MSG_WAIT_TIMEOUT);
             OnMsg(msg);
         } else {
             due.timer->OnExec();
@@ -773,7 +753,7 @@ ORVO_HOT void cService::ScheduleSelect()
         ORVO_TRACE(UnitORVO, FATAL, FormatString("select() error, retval=%i", result));
         if (selectErrno == EBADF)
             UnregisterAll();
-        cMsg msg(kMsgSelectFailed);
+        cMsg msg(MSG_SELECT_FAILED);
         OnMsg(msg);
     }
 }
@@ -831,7 +811,7 @@ ORVO_HOT void cService::PostHdlMessage(cMsg& msg)
     // A connection's last message: its close, or the report of a failed TLS
     // set-up after which it was closed without one.
     const unsigned long type = msg.GetType();
-    if (type != kMsgChannelClosed && !(type == MSG_SOCKET_TLS_FAILED && ch->GetFd() < 0))
+    if (type != MSG_SOCKET_CLOSED && !(type == MSG_SOCKET_TLS_FAILED && ch->GetFd() < 0))
         return;
     if (std::find(m_Deferred.begin(), m_Deferred.end(), ch) == m_Deferred.end())
         m_Deferred.push_back(ch);
@@ -865,7 +845,7 @@ void cService::RemoveMsgsByObject(const cObject* obj)
 
 ORVO_HOT void cService::OnMsg(cMsg& msg)
 {
-    if (msg.GetType() == kMsgPeerIdentified && msg.GetChannel() != nullptr) {
+    if (msg.GetType() == MSG_SOCKET_CONNECTED && msg.GetChannel() != nullptr) {
         cChannel* ch = msg.GetChannel();
         cRecordPar par = msg.GetRecord().GetFirstPar("peer-name");
         if (par.IsValid())
@@ -877,7 +857,7 @@ ORVO_HOT void cService::OnMsg(cMsg& msg)
             ch->SetPeerId(id);
         }
     }
-    if (msg.GetType() == kMsgInRecord) {
+    if (msg.GetType() == MSG_IN_RECORD) {
         // The carried message is delivered as it is, never unpacked again.
         const cRecord rec(msg.GetRecord());
         cMsg inner;
@@ -918,7 +898,7 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
 {
     cChannel* ch = msg.GetChannel();
     switch (msg.GetType()) {
-    case kMsgTraceOn: {
+    case MSG_TRACE_ON: {
         cRecord units;
         cRecordPar par = msg.GetRecord().GetFirstPar("units");
         if (par.IsValid() && par.GetRecord(units) && !units.IsEmpty() && mUnits != nullptr) {
@@ -938,7 +918,7 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
             RegisterTraceChannel(ch);
         return true;
     }
-    case kMsgTraceOff:
+    case MSG_TRACE_OFF:
         if (mUnits != nullptr) {
             for (auto& entry : *mUnits)
                 SetTraceLevel(entry.second, NONE);
@@ -946,17 +926,17 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
         if (ch != nullptr)
             UnRegisterTraceChannel(ch);
         return true;
-    case kMsgSnoopOn:
+    case MSG_SNOOP_ON:
         if (ch != nullptr)
             SnoopList().Add(ch);
         return true;
-    case kMsgSnoopOff:
+    case MSG_SNOOP_OFF:
         SnoopRemoveChannel(ch);
         return true;
-    case kMsgServiceInfoReq: {
+    case MSG_SERVICE_INFO_REQUEST: {
         if (ch == nullptr)
             return true;
-        cMsg reply(kMsgServiceInfo);
+        cMsg reply(MSG_SERVICE_INFO);
         reply.SetTid(msg.GetTid());
         cRecord& r = reply.GetRecord();
         r.AppendTextPar("name", GetObjName(), 0);
@@ -978,7 +958,7 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
         ch->Send(reply);
         return true;
     }
-    case kMsgChannelClosed:
+    case MSG_SOCKET_CLOSED:
         if (ch != nullptr) {
             SnoopRemoveChannel(ch);
             UnRegisterTraceChannel(ch);
@@ -1039,7 +1019,7 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
             break;
         }
         const unsigned long type = msg.GetType();
-        if (type == type1 || type == type2 || type == type3 || type == kMsgWaitTimeout) {
+        if (type == type1 || type == type2 || type == type3 || type == MSG_WAIT_TIMEOUT) {
             last = msg;
             break;
         }
@@ -1054,9 +1034,9 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
     auto fired = std::find(m_WaitFired.begin(), m_WaitFired.end(), wait);
     if (fired != m_WaitFired.end()) {
         m_WaitFired.erase(fired);
-        if (last.GetType() != kMsgWaitTimeout) {
+        if (last.GetType() != MSG_WAIT_TIMEOUT) {
             for (auto it = m_MsgQ.rbegin(); it != m_MsgQ.rend(); ++it) {
-                if (it->GetType() == kMsgWaitTimeout && it->GetChannel() == nullptr &&
+                if (it->GetType() == MSG_WAIT_TIMEOUT && it->GetChannel() == nullptr &&
                     it->GetTimer() == nullptr && it->GetRecord().IsEmpty()) {
                     m_MsgQ.erase(std::next(it).base());
                     break;
@@ -1090,11 +1070,11 @@ ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
     if (SnoopList().IsEmpty())
         return;
     const unsigned long type = msg.GetType();
-    if (type == kMsgTraceOutput || type == kMsgScmTraceLog || type == kMsgSocketWritable ||
-        type == kMsgSocketData || type == kMsgSnoopReport)
+    if (type == MSG_TRACE_OUTPUT || type == MSG_SCM_TRACE_LOG || type == MSG_SOCKET_WRITABLE ||
+        type == MSG_SOCKET_DATA || type == MSG_SNOOP_REPORT)
         return;
 
-    cMsg report(kMsgSnoopReport);
+    cMsg report(MSG_SNOOP_REPORT);
     cRecord& r = report.GetRecord();
     if (service != nullptr) {
         r.AppendTextPar("name", service->GetObjName(), 0);

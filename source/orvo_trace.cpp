@@ -15,6 +15,7 @@
 #include "orvo_hooks.h"
 #include "orvo_init.h"
 #include "orvo_msg.h"
+#include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_sharedmem.h"
 #include "orvo_time.h"
@@ -36,10 +37,6 @@ namespace {
 // The two built-in units exist from load time, in this order.
 cUnit gUnitDefault("UnitDefault", ERROR, OUTPUT_NONE);
 cUnit gUnitORVO("UnitORVO", ERROR, OUTPUT_NONE);
-
-const unsigned long kMsgScmTraceLog = 0x10190;
-const unsigned long kMsgServiceTrace = 0x1007;
-const unsigned long kMsgChannelTrace = 0x7002;
 
 const int kRepeatPeriod = 60;   // seconds a run of repeats is summarised over
 
@@ -122,7 +119,7 @@ void Output(const cTime& now, unsigned long osc, cUnit* unit, eLEVEL level,
     const char* levelText = GetTraceLevelTxt(level);
 
     if (hooks::ScmSend != nullptr && LogToScm()) {
-        cMsg msg(kMsgScmTraceLog);
+        cMsg msg(MSG_SCM_TRACE_LOG);
         BuildLogRecord(msg.GetRecord(), now, osc, unit, level, text, rec);
         if (hooks::ScmSend(msg) == -1) {
             std::printf("--FAILED-->>%s(%i) %-8s|%-13s[%-10s]: %s\n", timeText.c_str(),
@@ -144,7 +141,7 @@ void Output(const cTime& now, unsigned long osc, cUnit* unit, eLEVEL level,
         break;
     case OUTPUT_SERVICE:
         if (hooks::MainServiceSend != nullptr) {
-            cMsg msg(kMsgServiceTrace);
+            cMsg msg(MSG_SERVICE_TRACE);
             BuildLogRecord(msg.GetRecord(), now, osc, unit, level, text, rec);
             hooks::MainServiceSend(msg);
         }
@@ -303,7 +300,7 @@ void SendTrace(cUnit* unit, eLEVEL level, const std::string& text)
 
     cTime now;
     now.Now(true);
-    cMsg msg(kMsgChannelTrace);
+    cMsg msg(MSG_TRACE_OUTPUT);
     cRecord& r = msg.GetRecord();
     AppendService(r);
     r.AppendTextPar("unit", unit != nullptr ? unit->GetObjName() : std::string(), 0);

@@ -19,6 +19,7 @@
 #include "orvo_channel.h"
 #include "orvo_init.h"
 #include "orvo_msg.h"
+#include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_service.h"
 #include "orvo_statem.h"
@@ -47,7 +48,7 @@ public:
     }
     void OnClose() override
     {
-        cMsg msg(0x4003, this, nullptr);
+        cMsg msg(MSG_SOCKET_CLOSED, this, nullptr);
         OnMsg(msg);
     }
     int OnRead(const void*, int size) override
@@ -170,7 +171,7 @@ TEST_F(Service, MessagesForStateMachinesBypassTheQueue)
     EXPECT_EQ(svc.GetQueueSize(), 0u);
 
     // 0x3004 carries a message in record form; its handle resolves again.
-    cMsg wrapped(0x3004);
+    cMsg wrapped(MSG_IN_RECORD);
     cMsg(0x5002, nullptr, &sm).ToRecord(wrapped.GetRecord());
     svc.OnMsg(wrapped);
     EXPECT_EQ(sm.types.back(), 0x5002u);
@@ -246,7 +247,7 @@ TEST_F(Service, SelectRefusesLargeDescriptorsAndRecoversFromBadOnes)
         });
         EXPECT_NE(out.find("select() error, retval=-1"), std::string::npos) << out;
         EXPECT_EQ(svc.GetSelectEvents(sv[0]), 0);   // the whole table unregistered
-        EXPECT_EQ(Take(svc), 0x1003u);
+        EXPECT_EQ(Take(svc), MSG_SELECT_FAILED);
         ch.Dettach();
     }
     ::close(sv[1]);
@@ -328,7 +329,7 @@ TEST_F(Service, SignalsRunHandlersOnTheLoopThread)
     // time-out: their message, then the loop ends.
     for (int sig : {SIGTERM, SIGINT}) {
         std::thread killer([sig] { ::kill(::getpid(), sig); });
-        EXPECT_EQ(Take(svc), sig == SIGTERM ? 0x1005u : 0x1004u);
+        EXPECT_EQ(Take(svc), sig == SIGTERM ? MSG_TERMINATE_REQUEST : MSG_INTERRUPT_REQUEST);
         killer.join();
         EXPECT_TRUE(cService::GetStopFlag());
         cMsg msg;
@@ -345,9 +346,9 @@ TEST_F(Service, StopMessageEndsEveryServiceOfTheProcess)
         while (b.GetMessage(msg)) {
         }
     });
-    Post(a, 0x1006);
+    Post(a, MSG_STOP);
     Post(a, 0x1234);
-    EXPECT_EQ(Take(a), 0x1006u);
+    EXPECT_EQ(Take(a), MSG_STOP);
     loop.join();                              // b was waiting in select
     EXPECT_EQ(Take(a), 0x1234u);              // the rest of a's queue still comes
     cMsg msg;
@@ -387,7 +388,7 @@ TEST_F(Service, ClosedChannelIsDeletedOnlyAfterItsCloseMessage)
     // itself; it survives until the program has handled its 0x4003.
     cMsg msg;
     ASSERT_TRUE(svc.GetMessage(msg));
-    ASSERT_EQ(msg.GetType(), 0x4003u);
+    ASSERT_EQ(msg.GetType(), MSG_SOCKET_CLOSED);
     EXPECT_EQ(msg.GetChannel(), ch);
     EXPECT_FALSE(deleted);
     Post(svc, 0x777);
@@ -397,7 +398,7 @@ TEST_F(Service, ClosedChannelIsDeletedOnlyAfterItsCloseMessage)
     // Without the mark it stays the program's.
     bool kept = false;
     cSink own(&svc, &kept);
-    Post(svc, 0x4003, &own);
+    Post(svc, MSG_SOCKET_CLOSED, &own);
     Post(svc, 0x777);
     Take(svc);
     Take(svc);
@@ -424,14 +425,14 @@ TEST_F(Service, ControlMessagesKeepTheListsInStep)
     // Unknown unit names get an empty map entry that listings skip; trace
     // sends clear the channel's write-ready flag.
     const cRecord on = orvo_test::TraceOnRecord({{"UnitORVO", "DEBUG"}, {"NoSuchUnit", "INFO"}});
-    EXPECT_EQ(run(0x7000, on), std::vector<unsigned long>{0xABC});
+    EXPECT_EQ(run(MSG_TRACE_ON, on), std::vector<unsigned long>{0xABC});
     EXPECT_EQ(UnitORVO->GetLevel(), DEBUG);
     ORVO_TRACE(UnitORVO, INFO, "trace to channel");
     ASSERT_EQ(ch.sent.size(), 1u);
     EXPECT_EQ(ch.sent[0].GetRecord().GetFirstPar("txt").GetString(), "trace to channel");
     EXPECT_EQ(ch.flagAtSend[0], 0);
     ch.Reset();
-    run(0x7006, cRecord());
+    run(MSG_SERVICE_INFO_REQUEST, cRecord());
     cRecord listed;
     ASSERT_TRUE(ch.sent.at(0).GetRecord().GetFirstPar("units").GetRecord(listed));
     EXPECT_TRUE(listed.GetFirstPar("UnitORVO").IsValid());
@@ -443,11 +444,11 @@ TEST_F(Service, ControlMessagesKeepTheListsInStep)
     cRecord peer;
     peer.AppendTextPar("peer-name", "remote", 0);
     peer.AppendUuidPar("peer-id", peerId, 0);
-    run(0x4002, peer);
+    run(MSG_SOCKET_CONNECTED, peer);
     EXPECT_EQ(ch.GetPeer().id, peerId);
-    run(0x7003, cRecord());
+    run(MSG_SNOOP_ON, cRecord());
     ch.Reset();
-    run(0x3001, cRecord());
+    run(MSG_SOCKET_DATA, cRecord());
     ASSERT_EQ(ch.sent.size(), 1u);   // the marker only
     EXPECT_EQ(ch.sent[0].GetRecord().GetFirstPar("peer-name").GetString(), "internal");
     ch.Reset();
@@ -463,7 +464,7 @@ TEST_F(Service, ControlMessagesKeepTheListsInStep)
     EXPECT_EQ(rep.GetFirstPar("msg-type").GetUInt(), 0x555u);
 
     // Closing takes the channel off both lists; the program still gets it.
-    EXPECT_EQ(run(0x4003, cRecord()), (std::vector<unsigned long>{0x4003, 0xABC}));
+    EXPECT_EQ(run(MSG_SOCKET_CLOSED, cRecord()), (std::vector<unsigned long>{MSG_SOCKET_CLOSED, 0xABC}));
     ch.Reset();
     ORVO_TRACE(UnitORVO, INFO, "after close");
     Post(svc, 0x1);
@@ -509,7 +510,7 @@ TEST_F(Service, SelectInterruptedByAForeignSignalReportsTheError)
     sigaction(SIGUSR2, &old, nullptr);
     EXPECT_NE(traced.find("select() error, retval=-1"), std::string::npos) << traced;
     ASSERT_EQ(svc.GetQueueSize(), 1u);
-    EXPECT_EQ(Take(svc), 0x1003u);
+    EXPECT_EQ(Take(svc), MSG_SELECT_FAILED);
     EXPECT_TRUE(gFired.empty());
 }
 
