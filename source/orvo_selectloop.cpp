@@ -1,0 +1,522 @@
+#define ORVO_SOURCE "orvo_selectloop"
+// The select loop of cService: the select table, the armed timers, the
+// signal table and the wake-up descriptor. It knows channels and timers
+// only; the queue, the service's own sockets and the control messages are
+// in orvo_service.cpp.
+#include "orvo_selectloop.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <mutex>
+
+#include "orvo_channel.h"
+#include "orvo_msgtypes.h"
+#include "orvo_timer.h"
+#include "orvo_trace.h"
+
+namespace orvo {
+
+// Signals: the catcher only marks; the handlers run on a loop thread. Index
+// 65 exists because SignalAsyncSelect accepts signal numbers up to 65.
+struct sSignalEntry {
+    // Atomic (lock-free, so the catcher may set it): of the loops that see a
+    // signal, exactly one takes the mark and runs the handler.
+    std::atomic<int> pending;
+    tSignalHandler handler;
+    void* ctx;
+};
+sSignalEntry mvSignal[66];
+std::atomic<int> mHasSignal{0};
+
+namespace {
+
+const unsigned long kMaxIdleMs = 60000;
+const int kMaxSignal = 64;
+
+// The process-wide stop flag.
+std::atomic<bool> gStop(false);
+
+// One eventfd that wakes every service's select: the signal catcher writes
+// to it (a signal may arrive just before a thread enters select, or be
+// delivered to another thread), and so does setting the stop flag (the
+// other services' loops are blocked in their own selects). It is drained
+// only while the process is not stopping, so that every loop sees the stop.
+std::atomic<int> gWakeFd(-1);
+
+// A forked child would share the counter with its parent, and either could
+// swallow the other's wake-up; the child gets its own at the same number.
+void RenewWakeFdInChild()
+{
+    const int old = gWakeFd.load();
+    if (old < 0)
+        return;
+    const int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0 || ::dup3(fd, old, O_CLOEXEC) < 0)
+        gWakeFd.store(-1);
+    if (fd >= 0)
+        ::close(fd);
+}
+
+void OpenWakeFd()
+{
+    if (gWakeFd.load() >= 0)
+        return;
+    static std::once_flag atfork;
+    std::call_once(atfork, [] { ::pthread_atfork(nullptr, nullptr, &RenewWakeFdInChild); });
+    int fd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (fd < 0)
+        return;
+    if (fd >= FD_SETSIZE) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cService: wake descriptor %i >= FD_SETSIZE refused", fd));
+        ::close(fd);
+        return;
+    }
+    int expected = -1;
+    if (!gWakeFd.compare_exchange_strong(expected, fd))
+        ::close(fd);
+}
+
+void WakeAll()
+{
+    int fd = gWakeFd.load();
+    if (fd >= 0) {
+        uint64_t one = 1;
+        ssize_t n = ::write(fd, &one, sizeof one);
+        (void)n;
+    }
+}
+
+void DrainWake()
+{
+    int fd = gWakeFd.load();
+    if (fd >= 0) {
+        uint64_t value;
+        ssize_t n = ::read(fd, &value, sizeof value);
+        (void)n;
+    }
+}
+
+void SignalCatcher(int sig)
+{
+    const int saved = errno;
+    if (sig > 0 && sig <= 65)
+        mvSignal[sig].pending.store(1);
+    mHasSignal.store(1);
+    WakeAll();
+    errno = saved;
+}
+
+}  // namespace
+
+namespace loop {
+
+void EnsureWakeFd()
+{
+    OpenWakeFd();
+}
+
+void Wake()
+{
+    WakeAll();
+}
+
+void ClearSignalTable()
+{
+    for (int i = 0; i <= 65; ++i) {
+        mvSignal[i].pending.store(0);
+        mvSignal[i].handler = nullptr;
+        mvSignal[i].ctx = nullptr;
+    }
+    mHasSignal.store(0);
+}
+
+}  // namespace loop
+
+int cService::SignalAsyncSelect(int sig, tSignalHandler handler, void* ctx)
+{
+    if (sig < 1 || sig > 65)
+        return -1;
+    if (mvSignal[sig].handler != nullptr && handler != nullptr)
+        return -1;
+    mvSignal[sig].handler = handler;
+    mvSignal[sig].ctx = ctx;
+    struct sigaction sa;
+    std::memset(&sa, 0, sizeof sa);
+    sigemptyset(&sa.sa_mask);
+    // No SA_RESETHAND: the catcher stays installed. No SA_RESTART either, so
+    // a blocking call of the program sees EINTR as it would without us.
+    sa.sa_handler = handler != nullptr ? &SignalCatcher : SIG_DFL;
+    ::sigaction(sig, &sa, nullptr);
+    return 0;
+}
+
+bool cService::GetStopFlag()
+{
+    return gStop.load();
+}
+
+void cService::SetStopFlag(bool on)
+{
+    gStop.store(on);
+    if (on)
+        WakeAll();
+    else
+        DrainWake();
+}
+
+// ---- Select table ---------------------------------------------------------------
+
+void cService::ClearSelectTable()
+{
+    m_SelectCount = 0;
+    m_SelectHighest = 0;
+    EmptySelectTable();
+}
+
+void cService::EmptySelectTable()
+{
+    FD_ZERO(&m_ReadSet);
+    FD_ZERO(&m_WriteSet);
+    FD_ZERO(&m_ExceptSet);
+    std::memset(m_Select, 0, sizeof m_Select);
+    std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
+}
+
+void cService::UnregisterAll()
+{
+    std::lock_guard<std::mutex> lock(m_TableLock);
+    EmptySelectTable();
+}
+
+ORVO_HOT int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
+{
+    return Register(fd, events, channel, ctx, false);
+}
+
+ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx, bool merge)
+{
+    ORVO_ASSERT(fd>=0);
+    const bool reg = events != 0 && channel != nullptr;
+    if (fd >= kMaxSelect) {
+        // Never put into an fd_set: that would write past its end.
+        if (!reg)
+            return 1;
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cService::ChannelAsyncSelect: descriptor %i >= FD_SETSIZE (%i) "
+                                "refused, channel closed",
+                                fd, static_cast<int>(kMaxSelect)));
+        if (channel->GetFd() == fd)
+            channel->Close();
+        return -1;
+    }
+
+    std::unique_lock<std::mutex> lock(m_TableLock);
+    int index = m_SlotOfFd[fd];
+    if (index >= 0 && (m_Select[index].fd != fd || m_Select[index].channel == nullptr))
+        index = -1;
+    if (index < 0 && reg) {
+        for (int i = m_SelectCount - 1; i >= 0; --i) {
+            if (m_Select[i].channel == nullptr) {
+                index = i;
+                break;
+            }
+        }
+        if (index < 0) {
+            if (m_SelectCount >= kMaxSelect) {
+                lock.unlock();
+                ORVO_TRACE(UnitORVO, ERROR,
+                           FormatString("cService::ChannelAsyncSelect: table full, descriptor %i "
+                                        "refused", fd));
+                return -1;
+            }
+            index = m_SelectCount++;
+        }
+    }
+
+    // Write pending may have been set by a sender of another thread since
+    // the caller computed events; its request must not be lost here.
+    if (reg && channel->GetFd() == fd && channel->IsWritePending())
+        events |= SELECT_WRITE;
+    if (merge && index >= 0 && m_Select[index].channel == channel)
+        events |= GetEventsLocked(fd);
+    if (reg) {
+        sSelectEntry& e = m_Select[index];
+        // A new owner of the entry: the pass that is running must not hand
+        // it readiness that was seen for the previous owner.
+        if (e.channel != channel || e.fd != fd)
+            e.seq = ++m_SelectSeq;
+        e.fd = fd;
+        e.channel = channel;
+        e.ctx = ctx;
+        m_SlotOfFd[fd] = static_cast<int16_t>(index);
+        if (fd > m_SelectHighest)
+            m_SelectHighest = fd;
+    } else if (index >= 0) {
+        std::memset(&m_Select[index], 0, sizeof m_Select[index]);
+        m_SlotOfFd[fd] = -1;
+    }
+
+    if (reg && (events & SELECT_READ))
+        FD_SET(fd, &m_ReadSet);
+    else
+        FD_CLR(fd, &m_ReadSet);
+    if (reg && (events & SELECT_WRITE))
+        FD_SET(fd, &m_WriteSet);
+    else
+        FD_CLR(fd, &m_WriteSet);
+    if (reg && (events & SELECT_EXCEPT))
+        FD_SET(fd, &m_ExceptSet);
+    else
+        FD_CLR(fd, &m_ExceptSet);
+    return 1;
+}
+
+ORVO_HOT int cService::ChannelAsyncSelect(cChannel* channel, int events, void* ctx)
+{
+    if (channel == nullptr || channel->GetFd() < 0)
+        return 0;
+    return ChannelAsyncSelect(channel->GetFd(), events, channel, ctx);
+}
+
+int cService::GetSelectEvents(int fd) const
+{
+    if (fd < 0 || fd >= kMaxSelect)
+        return 0;
+    std::lock_guard<std::mutex> lock(m_TableLock);
+    return GetEventsLocked(fd);
+}
+
+int cService::GetEventsLocked(int fd) const
+{
+    return (FD_ISSET(fd, &m_ReadSet) ? SELECT_READ : 0) |
+           (FD_ISSET(fd, &m_WriteSet) ? SELECT_WRITE : 0) |
+           (FD_ISSET(fd, &m_ExceptSet) ? SELECT_EXCEPT : 0);
+}
+
+void cService::AddWriteInterest(cChannel* channel, bool wakeLoop)
+{
+    const int fd = channel != nullptr ? channel->GetFd() : -1;
+    if (fd < 0 || !channel->IsEnabled())
+        return;
+    // Added to what the channel has registered (a channel that reads nothing
+    // may have no entry yet).
+    Register(fd, SELECT_WRITE, channel, nullptr, true);
+    if (wakeLoop)
+        WakeAll();
+}
+
+ORVO_HOT bool cService::IsLoopThread() const
+{
+    const pid_t loop = m_LoopThread.load(std::memory_order_relaxed);
+    return loop == 0 || loop == cThread::GetCurrentThreadId();
+}
+
+void cService::ForgetChannel(cChannel* channel)
+{
+    std::lock_guard<std::mutex> lock(m_TableLock);
+    for (int i = 0; i < m_SelectCount; ++i) {
+        if (m_Select[i].channel == channel) {
+            const int fd = m_Select[i].fd;
+            std::memset(&m_Select[i], 0, sizeof m_Select[i]);
+            m_SlotOfFd[fd] = -1;
+            FD_CLR(fd, &m_ReadSet);
+            FD_CLR(fd, &m_WriteSet);
+            FD_CLR(fd, &m_ExceptSet);
+        }
+    }
+}
+
+// ---- Timers ----------------------------------------------------------------------
+
+void cService::TimerAsyncSelect(cTimer* timer, unsigned long ms)
+{
+    if (timer == nullptr)
+        return;
+    if (ms == 0) {
+        m_Timers.erase(std::remove_if(m_Timers.begin(), m_Timers.end(),
+                                      [timer](const sTimerEntry& e) { return e.timer == timer; }),
+                       m_Timers.end());
+        return;
+    }
+    const uint64_t due = static_cast<uint64_t>(GetMsecClock()) + ms;
+    timer->SetDue(due);
+    AddTimerEntry(sTimerEntry{timer, due, 0});
+}
+
+void cService::AddTimerEntry(const sTimerEntry& entry)
+{
+    // Appended, then sorted stably: equal due times keep their arming order.
+    m_Timers.push_back(entry);
+    std::stable_sort(m_Timers.begin(), m_Timers.end(),
+                     [](const sTimerEntry& a, const sTimerEntry& b) { return a.due < b.due; });
+}
+
+ORVO_HOT unsigned long cService::ScheduleGetIdleTimeMs() const
+{
+    if (m_Timers.empty())
+        return kMaxIdleMs;
+    const long long left = static_cast<long long>(m_Timers.front().due) - GetMsecClock();
+    if (left <= 0)
+        return 0;
+    if (left >= static_cast<long long>(kMaxIdleMs))
+        return kMaxIdleMs;
+    return static_cast<unsigned long>(left);
+}
+
+ORVO_HOT void cService::ScanTimers()
+{
+    if (m_Timers.empty())
+        return;
+    const uint64_t now = static_cast<uint64_t>(GetMsecClock());
+    const std::vector<sTimerEntry> copy(m_Timers);
+    for (const sTimerEntry& due : copy) {
+        if (due.due > now)
+            break;   // sorted: nothing later is due
+        // An earlier OnExec of this scan may have stopped (or deleted) this
+        // timer; only entries still armed fire.
+        auto it = std::find_if(m_Timers.begin(), m_Timers.end(), [&due](const sTimerEntry& e) {
+            return e.timer == due.timer && e.due == due.due && e.wait == due.wait;
+        });
+        if (it == m_Timers.end())
+            continue;
+        m_Timers.erase(it);
+        if (due.wait != 0) {
+            // The time-out of a WaitSyncMsg.
+            m_WaitFired.push_back(due.wait);
+            cMsg msg(MSG_WAIT_TIMEOUT);
+            OnMsg(msg);
+        } else {
+            due.timer->OnExec();
+        }
+    }
+}
+
+// ---- The loop ---------------------------------------------------------------------
+
+ORVO_HOT void cService::ScheduleSelect()
+{
+    m_LoopThread.store(cThread::GetCurrentThreadId(), std::memory_order_relaxed);
+    fd_set readSet, writeSet, exceptSet;
+    int highest;
+    int count;
+    uint32_t passSeq;
+    {
+        std::lock_guard<std::mutex> lock(m_TableLock);
+        readSet = m_ReadSet;
+        writeSet = m_WriteSet;
+        exceptSet = m_ExceptSet;
+        highest = m_SelectHighest;
+        count = m_SelectCount;
+        passSeq = m_SelectSeq;
+    }
+    // A signal already marked (its wake-up may have been drained by another
+    // loop) is handled without waiting.
+    const unsigned long idle = mHasSignal.load() ? 0 : ScheduleGetIdleTimeMs();
+    struct timeval tv;
+    tv.tv_sec = static_cast<time_t>(idle / 1000);
+    tv.tv_usec = static_cast<suseconds_t>((idle % 1000) * 1000);
+
+    // The wake descriptor joins every wait; with no channel registered the
+    // wait is a sleep of the idle time that a signal or a stop can cut short.
+    // While the process is stopping it stays readable (every loop must see
+    // the stop), so a wait that starts after the stop leaves it out.
+    const int wake = gStop.load() ? -1 : gWakeFd.load();
+    if (count == 0) {
+        FD_ZERO(&readSet);
+        FD_ZERO(&writeSet);
+        FD_ZERO(&exceptSet);
+        highest = -1;
+    }
+    if (wake >= 0) {
+        FD_SET(wake, &readSet);
+        if (wake > highest)
+            highest = wake;
+    }
+
+    int result = ::select(highest + 1, &readSet, &writeSet, &exceptSet, &tv);
+    const int selectErrno = errno;
+
+    if (m_bTimeStamp)
+        m_LastSelected.Now(true);
+
+    if (result > 0 && wake >= 0 && FD_ISSET(wake, &readSet)) {
+        if (!gStop.load())
+            DrainWake();
+        --result;
+    }
+    if (count == 0 && result > 0)
+        result = 0;
+
+    if (result > 0) {
+        // The table lock is held while looking for ready entries and given
+        // up around each handler (handlers register and unregister). The
+        // count is re-read on every step: handlers may register more. The
+        // walk ends once every descriptor select reported has been handed on.
+        int pending = result;
+        std::unique_lock<std::mutex> lock(m_TableLock);
+        for (int i = 0; pending > 0 && i < m_SelectCount; ++i) {
+            const sSelectEntry& entry = m_Select[i];
+            // Registered after the select started: its descriptor's state
+            // in the copied sets belonged to someone else.
+            if (entry.channel == nullptr || entry.seq > passSeq)
+                continue;
+            const int fd = entry.fd;
+            const bool readable = FD_ISSET(fd, &readSet);
+            const bool writable = FD_ISSET(fd, &writeSet);
+            const bool exceptional = FD_ISSET(fd, &exceptSet);
+            if (!readable && !writable && !exceptional)
+                continue;
+            // Each set counts once in select's result; a descriptor is
+            // handed on once.
+            pending -= int(readable) + int(writable) + int(exceptional);
+            FD_CLR(fd, &readSet);
+            FD_CLR(fd, &writeSet);
+            FD_CLR(fd, &exceptSet);
+            cChannel* channel = entry.channel;
+            lock.unlock();
+            if (channel->GetFd() == fd)
+                channel->OnSelect((readable ? SELECT_READ : 0) | (writable ? SELECT_WRITE : 0));
+            else
+                ChannelAsyncSelect(fd, 0, nullptr, nullptr);
+            lock.lock();
+        }
+    }
+
+    ScanTimers();
+
+    if (mHasSignal.exchange(0) != 0) {
+        bool any = false;
+        for (int sig = 1; sig <= kMaxSignal; ++sig) {
+            if (mvSignal[sig].pending.exchange(0) != 0) {
+                any = true;
+                if (mvSignal[sig].handler != nullptr)
+                    mvSignal[sig].handler(this, sig, mvSignal[sig].ctx);
+            }
+        }
+        if (any)
+            return;
+    }
+
+    // Interrupted by a signal of the table: handled above, no error. Any
+    // other failure, EINTR from a foreign signal included, is reported.
+    if (result == -1) {
+        ORVO_TRACE(UnitORVO, FATAL, FormatString("select() error, retval=%i", result));
+        if (selectErrno == EBADF)
+            UnregisterAll();
+        cMsg msg(MSG_SELECT_FAILED);
+        OnMsg(msg);
+    }
+}
+
+}  // namespace orvo
