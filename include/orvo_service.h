@@ -272,6 +272,31 @@ private:
         uint32_t wait;           // non-zero: the WaitSyncMsg time-out of that number
     };
 
+    // One pass of ScheduleSelect: the sets select worked on, the
+    // registration number at its start and errno after it.
+    struct sSelectPass {
+        fd_set read, write, except;
+        uint32_t seq;
+        int error;
+    };
+    // Copies the sets and waits in select (the wake-up descriptor included)
+    // with the nearest timer as time-out; select's result without the
+    // wake-up descriptor.
+    int WaitForEvents(sSelectPass& pass);
+    // Hands the ready descriptors of the pass to their channels.
+    void DispatchReady(sSelectPass& pass, int ready);
+    // Runs the handlers of the pending signals; true when any was pending.
+    bool RunSignalHandlers();
+    // A failed select: trace, full unregistration on EBADF, 0x1003.
+    void ReportSelectError(int error);
+    // The control messages, one each (see PreDispatchMessage).
+    void OnTraceOn(cMsg& msg);
+    void OnTraceOff(cMsg& msg);
+    void OnSnoopOn(cMsg& msg);
+    void OnSnoopOff(cMsg& msg);
+    void OnServiceInfoRequest(cMsg& msg);
+    void OnChannelClosed(cMsg& msg);
+
     void AddTimerEntry(const sTimerEntry& entry);
     // ChannelAsyncSelect; with merge, events are added to those the entry
     // already has for this channel.

@@ -407,18 +407,31 @@ ORVO_HOT void cService::ScanTimers()
 ORVO_HOT void cService::ScheduleSelect()
 {
     m_LoopThread.store(cThread::GetCurrentThreadId(), std::memory_order_relaxed);
-    fd_set readSet, writeSet, exceptSet;
+    sSelectPass pass;
+    const int result = WaitForEvents(pass);
+    if (result > 0)
+        DispatchReady(pass, result);
+    ScanTimers();
+    // Interrupted by a signal of the table: its handlers ran, no error. Any
+    // other failure, EINTR from a foreign signal included, is reported.
+    if (RunSignalHandlers())
+        return;
+    if (result == -1)
+        ReportSelectError(pass.error);
+}
+
+ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
+{
     int highest;
     int count;
-    uint32_t passSeq;
     {
         std::lock_guard<std::mutex> lock(m_TableLock);
-        readSet = m_ReadSet;
-        writeSet = m_WriteSet;
-        exceptSet = m_ExceptSet;
+        pass.read = m_ReadSet;
+        pass.write = m_WriteSet;
+        pass.except = m_ExceptSet;
         highest = m_SelectHighest;
         count = m_SelectCount;
-        passSeq = m_SelectSeq;
+        pass.seq = m_SelectSeq;
     }
     // A signal already marked (its wake-up may have been drained by another
     // loop) is handled without waiting.
@@ -433,90 +446,91 @@ ORVO_HOT void cService::ScheduleSelect()
     // the stop), so a wait that starts after the stop leaves it out.
     const int wake = gStop.load() ? -1 : gWakeFd.load();
     if (count == 0) {
-        FD_ZERO(&readSet);
-        FD_ZERO(&writeSet);
-        FD_ZERO(&exceptSet);
+        FD_ZERO(&pass.read);
+        FD_ZERO(&pass.write);
+        FD_ZERO(&pass.except);
         highest = -1;
     }
     if (wake >= 0) {
-        FD_SET(wake, &readSet);
+        FD_SET(wake, &pass.read);
         if (wake > highest)
             highest = wake;
     }
 
-    int result = ::select(highest + 1, &readSet, &writeSet, &exceptSet, &tv);
-    const int selectErrno = errno;
+    int result = ::select(highest + 1, &pass.read, &pass.write, &pass.except, &tv);
+    pass.error = errno;
 
     if (m_bTimeStamp)
         m_LastSelected.Now(true);
 
-    if (result > 0 && wake >= 0 && FD_ISSET(wake, &readSet)) {
+    if (result > 0 && wake >= 0 && FD_ISSET(wake, &pass.read)) {
         if (!gStop.load())
             DrainWake();
         --result;
     }
     if (count == 0 && result > 0)
         result = 0;
+    return result;
+}
 
-    if (result > 0) {
-        // The table lock is held while looking for ready entries and given
-        // up around each handler (handlers register and unregister). The
-        // count is re-read on every step: handlers may register more. The
-        // walk ends once every descriptor select reported has been handed on.
-        int pending = result;
-        std::unique_lock<std::mutex> lock(m_TableLock);
-        for (int i = 0; pending > 0 && i < m_SelectCount; ++i) {
-            const sSelectEntry& entry = m_Select[i];
-            // Registered after the select started: its descriptor's state
-            // in the copied sets belonged to someone else.
-            if (entry.channel == nullptr || entry.seq > passSeq)
-                continue;
-            const int fd = entry.fd;
-            const bool readable = FD_ISSET(fd, &readSet);
-            const bool writable = FD_ISSET(fd, &writeSet);
-            const bool exceptional = FD_ISSET(fd, &exceptSet);
-            if (!readable && !writable && !exceptional)
-                continue;
-            // Each set counts once in select's result; a descriptor is
-            // handed on once.
-            pending -= int(readable) + int(writable) + int(exceptional);
-            FD_CLR(fd, &readSet);
-            FD_CLR(fd, &writeSet);
-            FD_CLR(fd, &exceptSet);
-            cChannel* channel = entry.channel;
-            lock.unlock();
-            if (channel->GetFd() == fd)
-                channel->OnSelect((readable ? SELECT_READ : 0) | (writable ? SELECT_WRITE : 0));
-            else
-                ChannelAsyncSelect(fd, 0, nullptr, nullptr);
-            lock.lock();
+ORVO_HOT void cService::DispatchReady(sSelectPass& pass, int ready)
+{
+    // The table lock is held while looking for ready entries and given up
+    // around each handler (handlers register and unregister). The count is
+    // re-read on every step: handlers may register more. The walk ends once
+    // every descriptor select reported has been handed on.
+    int pending = ready;
+    std::unique_lock<std::mutex> lock(m_TableLock);
+    for (int i = 0; pending > 0 && i < m_SelectCount; ++i) {
+        const sSelectEntry& entry = m_Select[i];
+        // Registered after the select started: its descriptor's state in
+        // the copied sets belonged to someone else.
+        if (entry.channel == nullptr || entry.seq > pass.seq)
+            continue;
+        const int fd = entry.fd;
+        const bool readable = FD_ISSET(fd, &pass.read);
+        const bool writable = FD_ISSET(fd, &pass.write);
+        const bool exceptional = FD_ISSET(fd, &pass.except);
+        if (!readable && !writable && !exceptional)
+            continue;
+        // Each set counts once in select's result; a descriptor is handed on
+        // once.
+        pending -= int(readable) + int(writable) + int(exceptional);
+        FD_CLR(fd, &pass.read);
+        FD_CLR(fd, &pass.write);
+        FD_CLR(fd, &pass.except);
+        cChannel* channel = entry.channel;
+        lock.unlock();
+        if (channel->GetFd() == fd)
+            channel->OnSelect((readable ? SELECT_READ : 0) | (writable ? SELECT_WRITE : 0));
+        else
+            ChannelAsyncSelect(fd, 0, nullptr, nullptr);
+        lock.lock();
+    }
+}
+
+bool cService::RunSignalHandlers()
+{
+    if (mHasSignal.exchange(0) == 0)
+        return false;
+    bool any = false;
+    for (int sig = 1; sig <= kMaxSignal; ++sig) {
+        if (mvSignal[sig].pending.exchange(0) != 0) {
+            any = true;
+            if (mvSignal[sig].handler != nullptr)
+                mvSignal[sig].handler(this, sig, mvSignal[sig].ctx);
         }
     }
+    return any;
+}
 
-    ScanTimers();
-
-    if (mHasSignal.exchange(0) != 0) {
-        bool any = false;
-        for (int sig = 1; sig <= kMaxSignal; ++sig) {
-            if (mvSignal[sig].pending.exchange(0) != 0) {
-                any = true;
-                if (mvSignal[sig].handler != nullptr)
-                    mvSignal[sig].handler(this, sig, mvSignal[sig].ctx);
-            }
-        }
-        if (any)
-            return;
-    }
-
-    // Interrupted by a signal of the table: handled above, no error. Any
-    // other failure, EINTR from a foreign signal included, is reported.
-    if (result == -1) {
-        ORVO_TRACE(UnitORVO, FATAL, FormatString("select() error, retval=%i", result));
-        if (selectErrno == EBADF)
-            UnregisterAll();
-        cMsg msg(MSG_SELECT_FAILED);
-        OnMsg(msg);
-    }
+void cService::ReportSelectError(int error)
+{
+    ORVO_TRACE(UnitORVO, FATAL, FormatString("select() error, retval=%i", -1));
+    if (error == EBADF)
+        UnregisterAll();
+    cMsg msg(MSG_SELECT_FAILED);
+    OnMsg(msg);
 }
 
 }  // namespace orvo

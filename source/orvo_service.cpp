@@ -429,76 +429,105 @@ ORVO_HOT void cService::Deliver(cMsg& msg)
 
 ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
 {
-    cChannel* ch = msg.GetChannel();
     switch (msg.GetType()) {
-    case MSG_TRACE_ON: {
-        cRecord units;
-        cRecordPar par = msg.GetRecord().GetFirstPar("units");
-        if (par.IsValid() && par.GetRecord(units) && !units.IsEmpty() && mUnits != nullptr) {
-            for (cRecordPar u = units.GetFirstPar(); u.IsValid(); units.SeekNextPar(u)) {
-                cRecord entry;
-                if (u.GetType() != RECORD_RECORD || !u.GetRecord(entry))
-                    continue;
-                cRecordPar name = entry.GetFirstPar("name");
-                cRecordPar level = entry.GetFirstPar("level");
-                if (!name.IsValid() || !level.IsValid())
-                    continue;
-                // An unknown name gets an empty map entry, which listings skip.
-                SetTraceLevel((*mUnits)[name.GetString()], level.GetString());
-            }
-        }
-        if (ch != nullptr)
-            RegisterTraceChannel(ch);
+    case MSG_TRACE_ON:
+        OnTraceOn(msg);
         return true;
-    }
     case MSG_TRACE_OFF:
-        if (mUnits != nullptr) {
-            for (auto& entry : *mUnits)
-                SetTraceLevel(entry.second, NONE);
-        }
-        if (ch != nullptr)
-            UnRegisterTraceChannel(ch);
+        OnTraceOff(msg);
         return true;
     case MSG_SNOOP_ON:
-        if (ch != nullptr)
-            SnoopList().Add(ch);
+        OnSnoopOn(msg);
         return true;
     case MSG_SNOOP_OFF:
-        SnoopRemoveChannel(ch);
+        OnSnoopOff(msg);
         return true;
-    case MSG_SERVICE_INFO_REQUEST: {
-        if (ch == nullptr)
-            return true;
-        cMsg reply(MSG_SERVICE_INFO);
-        reply.SetTid(msg.GetTid());
-        cRecord& r = reply.GetRecord();
-        r.AppendTextPar("name", GetObjName(), 0);
-        r.AppendTextPar("sap", GetSapAddress().ToString(), 0);
-        r.AppendUuidPar("service-id", m_ServiceId, 0);
-        r.AppendRecordPar("config", *GetConfig(), 0);
-        cRecord units;
-        if (mUnits != nullptr) {
-            for (const auto& entry : *mUnits) {
-                if (entry.second == nullptr)
-                    continue;
-                cRecord u;
-                u.AppendTextPar("name", entry.first, 0);
-                u.AppendTextPar("level", GetTraceLevelTxt(entry.second->GetLevel()), 0);
-                units.AppendRecordPar(entry.first.c_str(), u, 0);
-            }
-        }
-        r.AppendRecordPar("units", units, 0);
-        ch->Send(reply);
+    case MSG_SERVICE_INFO_REQUEST:
+        OnServiceInfoRequest(msg);
         return true;
-    }
     case MSG_SOCKET_CLOSED:
-        if (ch != nullptr) {
-            SnoopRemoveChannel(ch);
-            UnRegisterTraceChannel(ch);
-        }
-        return false;
+        OnChannelClosed(msg);
+        return false;   // the program learns of the close too
     default:
         return false;
+    }
+}
+
+void cService::OnTraceOn(cMsg& msg)
+{
+    cRecord units;
+    cRecordPar par = msg.GetRecord().GetFirstPar("units");
+    if (par.IsValid() && par.GetRecord(units) && !units.IsEmpty() && mUnits != nullptr) {
+        for (cRecordPar u = units.GetFirstPar(); u.IsValid(); units.SeekNextPar(u)) {
+            cRecord entry;
+            if (u.GetType() != RECORD_RECORD || !u.GetRecord(entry))
+                continue;
+            cRecordPar name = entry.GetFirstPar("name");
+            cRecordPar level = entry.GetFirstPar("level");
+            if (!name.IsValid() || !level.IsValid())
+                continue;
+            // An unknown name gets an empty map entry, which listings skip.
+            SetTraceLevel((*mUnits)[name.GetString()], level.GetString());
+        }
+    }
+    if (msg.GetChannel() != nullptr)
+        RegisterTraceChannel(msg.GetChannel());
+}
+
+void cService::OnTraceOff(cMsg& msg)
+{
+    if (mUnits != nullptr) {
+        for (auto& entry : *mUnits)
+            SetTraceLevel(entry.second, NONE);
+    }
+    if (msg.GetChannel() != nullptr)
+        UnRegisterTraceChannel(msg.GetChannel());
+}
+
+void cService::OnSnoopOn(cMsg& msg)
+{
+    if (msg.GetChannel() != nullptr)
+        SnoopList().Add(msg.GetChannel());
+}
+
+void cService::OnSnoopOff(cMsg& msg)
+{
+    SnoopRemoveChannel(msg.GetChannel());
+}
+
+void cService::OnServiceInfoRequest(cMsg& msg)
+{
+    cChannel* ch = msg.GetChannel();
+    if (ch == nullptr)
+        return;
+    cMsg reply(MSG_SERVICE_INFO);
+    reply.SetTid(msg.GetTid());
+    cRecord& r = reply.GetRecord();
+    r.AppendTextPar("name", GetObjName(), 0);
+    r.AppendTextPar("sap", GetSapAddress().ToString(), 0);
+    r.AppendUuidPar("service-id", m_ServiceId, 0);
+    r.AppendRecordPar("config", *GetConfig(), 0);
+    cRecord units;
+    if (mUnits != nullptr) {
+        for (const auto& entry : *mUnits) {
+            if (entry.second == nullptr)
+                continue;
+            cRecord u;
+            u.AppendTextPar("name", entry.first, 0);
+            u.AppendTextPar("level", GetTraceLevelTxt(entry.second->GetLevel()), 0);
+            units.AppendRecordPar(entry.first.c_str(), u, 0);
+        }
+    }
+    r.AppendRecordPar("units", units, 0);
+    ch->Send(reply);
+}
+
+void cService::OnChannelClosed(cMsg& msg)
+{
+    cChannel* ch = msg.GetChannel();
+    if (ch != nullptr) {
+        SnoopRemoveChannel(ch);
+        UnRegisterTraceChannel(ch);
     }
 }
 
