@@ -35,6 +35,13 @@ ORVO_API void HandleRelease(uint32_t handle);
 ORVO_API void* HandleResolve(uint32_t handle, eHandleKind kind);
 // The handle of a live object, else 0.
 ORVO_API uint32_t HandleOf(const void* object);
+// The one way the library asks whether an object that may have been
+// destroyed (by another handler, or before a kept message is printed) is
+// still alive: it is when its handle still resolves to it. With the handle
+// taken while the object was known alive (handle != 0), a new object at the
+// same address is never mistaken for the old one; with handle 0 the
+// object's current handle is looked up (HandleOf).
+ORVO_API bool HandleAlive(const void* object, eHandleKind kind, uint32_t handle = 0);
 // Number of live handles (for leak checks in tests).
 ORVO_API unsigned HandleCount();
 

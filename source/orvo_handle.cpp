@@ -123,4 +123,13 @@ unsigned HandleCount()
     return static_cast<unsigned>(t.byObject.size());
 }
 
+bool HandleAlive(const void* object, eHandleKind kind, uint32_t handle)
+{
+    if (object == nullptr)
+        return false;
+    if (handle == 0)
+        handle = HandleOf(object);
+    return handle != 0 && HandleResolve(handle, kind) == object;
+}
+
 }  // namespace orvo

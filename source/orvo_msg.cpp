@@ -251,14 +251,12 @@ std::string cMsg::ToString() const
     }
     // A message may outlive its channel or timer (a copy kept after the
     // object was deleted): only objects still in the handle table are printed.
-    if (m_pChannel != nullptr &&
-        HandleResolve(HandleOf(m_pChannel), HANDLE_CHANNEL) == static_cast<void*>(m_pChannel)) {
+    if (HandleAlive(m_pChannel, HANDLE_CHANNEL)) {
         s += ", channel={";
         s += m_pChannel->ToString();
         s += "}";
     }
-    if (m_pTimer != nullptr &&
-        HandleResolve(HandleOf(m_pTimer), HANDLE_TIMER) == static_cast<void*>(m_pTimer)) {
+    if (HandleAlive(m_pTimer, HANDLE_TIMER)) {
         s += ", timer=";
         s += m_pTimer->ToString();
     }

@@ -76,12 +76,6 @@ bool IsStopType(unsigned long type)
     return type == MSG_INTERRUPT_REQUEST || type == MSG_STOP || type == MSG_TERMINATE_REQUEST;
 }
 
-// A state machine is alive while it is in the handle table.
-bool StatemAlive(cStateMachine* sm)
-{
-    uint32_t h = HandleOf(sm);
-    return h != 0 && HandleResolve(h, HANDLE_STATEM) == static_cast<void*>(sm);
-}
 
 bool SameObject(const void* a, const cObject* b)
 {
@@ -415,7 +409,7 @@ ORVO_HOT void cService::Deliver(cMsg& msg)
         return;
     }
 
-    if (!StatemAlive(sm)) {
+    if (!HandleAlive(sm, HANDLE_STATEM)) {
         ORVO_TRACE(UnitORVO, WARNING,
                    "cService::OnMsg: state machine is gone, msg dropped: " + msg.ToString());
         return;

@@ -244,7 +244,7 @@ cTcpSocket* cTcpSocket::LiveServer() const
 {
     // The listener may have been deleted before the connections it accepted;
     // its handle then no longer resolves.
-    if (m_pServer == nullptr || HandleResolve(m_ServerHandle, HANDLE_CHANNEL) != m_pServer)
+    if (!HandleAlive(m_pServer, HANDLE_CHANNEL, m_ServerHandle))
         return nullptr;
     return m_pServer;
 }

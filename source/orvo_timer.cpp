@@ -241,7 +241,7 @@ void cRasterTimer::OnExec()
         // and may delete the timer, which ends the tick here.
         const uint32_t handle = m_Handle;
         OnRasterExec(now, GetMatchRasters(m_Raster, now));
-        if (HandleResolve(handle, HANDLE_TIMER) != static_cast<void*>(this))
+        if (!HandleAlive(this, HANDLE_TIMER, handle))
             return;
     }
     m_LastCheck = now;

@@ -77,3 +77,21 @@ TEST(Handle, ConcurrentCreateAndRelease)
         th.join();
     EXPECT_EQ(HandleCount(), before);
 }
+
+// An object at the address of a destroyed one is alive only for the question
+// that does not name the old handle.
+TEST(Handle, AliveMeansTheHandleStillResolvesToTheObject)
+{
+    int place = 0;
+    EXPECT_FALSE(HandleAlive(&place, HANDLE_TIMER));
+    const uint32_t first = HandleCreate(&place, HANDLE_TIMER);
+    EXPECT_TRUE(HandleAlive(&place, HANDLE_TIMER, first));
+    EXPECT_FALSE(HandleAlive(&place, HANDLE_STATEM));
+    HandleRelease(first);
+    EXPECT_FALSE(HandleAlive(&place, HANDLE_TIMER, first));
+    const uint32_t second = HandleCreate(&place, HANDLE_TIMER);   // a new object, same address
+    EXPECT_FALSE(HandleAlive(&place, HANDLE_TIMER, first));
+    EXPECT_TRUE(HandleAlive(&place, HANDLE_TIMER));
+    HandleRelease(second);
+    EXPECT_FALSE(HandleAlive(nullptr, HANDLE_ANY));
+}
