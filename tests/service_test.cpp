@@ -185,10 +185,10 @@ TEST_F(Service, MessagesForStateMachinesBypassTheQueue)
     EXPECT_EQ(svc.GetQueueSize(), 0u);
 }
 
-TEST_F(Service, TimerListOrderIdleTimeAndReentrancy)
+TEST_F(Service, IdleTimeIsTheNearestTimerCappedAtAMinute)
 {
     cTestService svc;
-    cMarkTimer a(&svc), b(&svc), x(&svc), y(&svc), z(&svc);
+    cMarkTimer a(&svc), b(&svc);
     EXPECT_EQ(svc.ScheduleGetIdleTimeMs(), 60000u);
     svc.TimerAsyncSelect(&a, 100000);
     EXPECT_EQ(svc.ScheduleGetIdleTimeMs(), 60000u);   // capped
@@ -202,9 +202,14 @@ TEST_F(Service, TimerListOrderIdleTimeAndReentrancy)
     svc.TimerAsyncSelect(&b, 0);                      // removes both
     EXPECT_EQ(svc.GetTimerCount(), 1u);
     svc.TimerAsyncSelect(&a, 0);
+}
 
-    // Without channels the loop sleeps until the nearest timer; due order,
-    // equal time-outs in arming order.
+// Without channels the loop sleeps until the nearest timer; due order, equal
+// time-outs in arming order.
+TEST_F(Service, TimersFireInDueOrderAndTiesInArmingOrder)
+{
+    cTestService svc;
+    cMarkTimer x(&svc), y(&svc), z(&svc);
     const long long start = GetMsecClock();
     svc.TimerAsyncSelect(&x, 60);
     svc.TimerAsyncSelect(&y, 60);
@@ -213,9 +218,13 @@ TEST_F(Service, TimerListOrderIdleTimeAndReentrancy)
         svc.ScheduleSelect();
     EXPECT_GE(GetMsecClock() - start, 60);
     EXPECT_EQ(gFired, (std::vector<cTimer*>{&z, &x, &y}));
+}
 
-    // A timer fired in a scan may stop another due one and re-arm itself.
-    gFired.clear();
+// A timer fired in a scan may stop another due one and re-arm itself.
+TEST_F(Service, AFiringTimerMayStopAnotherAndRearmItself)
+{
+    cTestService svc;
+    cMarkTimer a(&svc), b(&svc);
     a.onExec = [&] {
         svc.TimerAsyncSelect(&b, 0);
         svc.TimerAsyncSelect(&a, 100000);
@@ -232,7 +241,7 @@ TEST_F(Service, TimerListOrderIdleTimeAndReentrancy)
     EXPECT_EQ(svc.GetTimerCount(), 0u);
 }
 
-TEST_F(Service, SelectRefusesLargeDescriptorsAndRecoversFromBadOnes)
+TEST_F(Service, SelectOnAClosedDescriptorUnregistersEverythingAndReports)
 {
     cTestService svc;
     int sv[2];
@@ -251,8 +260,12 @@ TEST_F(Service, SelectRefusesLargeDescriptorsAndRecoversFromBadOnes)
         ch.Dettach();
     }
     ::close(sv[1]);
+}
 
-    // A descriptor at FD_SETSIZE never enters a set; its channel is closed.
+// A descriptor at FD_SETSIZE never enters a set; its channel is closed.
+TEST_F(Service, DescriptorsFromFdSetsizeOnAreRefusedAndClosed)
+{
+    cTestService svc;
     rlimit lim, saved;
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     lim = saved;

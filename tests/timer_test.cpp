@@ -99,7 +99,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Timer, OneShotAutoRestartTiesAndClamping)
+TEST_F(Timer, OneShotDeliversItsMessageOnceWithTidRecordAndStateMachine)
 {
     cStateMachine* sm = reinterpret_cast<cStateMachine*>(&gWall);   // only carried
     cTimer t(&svc, false, sm);
@@ -127,27 +127,32 @@ TEST_F(Timer, OneShotAutoRestartTiesAndClamping)
     }
     EXPECT_FALSE(t.IsRunning());
     EXPECT_EQ(svc.GetTimerCount(), 0u);
+}
 
-    // A restart replaces the pending expiry; Start(0) parks the timer.
+// A restart replaces the pending expiry; Start(0) parks the timer; huge
+// time-outs clamp to 32-bit milliseconds instead of wrapping.
+TEST_F(Timer, RestartReplacesTheExpiryZeroParksAndHugeTimeoutsClamp)
+{
+    cTimer t(&svc, false, nullptr);
     t.Start(1000, 1);
     t.Start(3000, 2);
     EXPECT_EQ(svc.GetTimerCount(), 1u);
     Tick(2999);
     Tick(1);
-    ASSERT_EQ(svc.got.size(), 2u);
-    EXPECT_EQ(svc.got[1].GetType(), 2u);
+    ASSERT_EQ(svc.got.size(), 1u);
+    EXPECT_EQ(svc.got[0].GetType(), 2u);
     t.Start(0, 3);
     EXPECT_TRUE(t.IsRunning() && svc.GetTimerCount() == 0);
-
-    // Huge time-outs clamp to 32-bit milliseconds instead of wrapping.
     t.StartSec(5000000, 1);
     EXPECT_EQ(t.GetTimeout(), 0xFFFFFFFFul);
     EXPECT_EQ(t.GetDue(), static_cast<uint64_t>(gMono) + 0xFFFFFFFFull);
     t.Stop();
+}
 
-    // Equal due times fire in start order; an auto timer woken late fires
-    // once and counts its next period from the wake-up.
-    svc.got.clear();
+// Equal due times fire in start order; an auto timer woken late fires once
+// and counts its next period from the wake-up.
+TEST_F(Timer, TiesFireInStartOrderAndALateAutoTimerFiresOnce)
+{
     cTimer a(&svc, false, nullptr), b(&svc, false, nullptr), c(&svc, true, nullptr);
     b.Start(500, 1);
     a.Start(500, 1);
@@ -158,9 +163,12 @@ TEST_F(Timer, OneShotAutoRestartTiesAndClamping)
                 svc.got[2].GetTimer() == &c);
     EXPECT_EQ(c.GetDue(), static_cast<uint64_t>(gMono + 500));
     c.Stop();
+}
 
-    t.m_Record.Create();
-    t.m_bAuto = true;
+TEST_F(Timer, ToStringShowsTheRecordOnlyWhenItHasParameters)
+{
+    cTimer t(&svc, true, nullptr);
+    t.SetObjName("t1");
     t.Start(1500, 1);
     t.Stop();
     EXPECT_EQ(t.ToString(), "{ name=t1, timeout=1500 ms, auto=true, isRunning=false }");
