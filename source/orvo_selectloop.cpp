@@ -307,7 +307,9 @@ int cService::GetEventsLocked(int fd) const
 void cService::AddWriteInterest(cChannel* channel, bool wakeLoop)
 {
     const int fd = channel != nullptr ? channel->GetFd() : -1;
-    if (fd < 0 || !channel->IsEnabled())
+    // A descriptor the table cannot hold was refused (and its channel
+    // closed) on the loop thread already.
+    if (fd < 0 || fd >= kMaxSelect || !channel->IsEnabled())
         return;
     // Added to what the channel has registered (a channel that reads nothing
     // may have no entry yet).
