@@ -358,10 +358,12 @@ void cService::TimerAsyncSelect(cTimer* timer, unsigned long ms)
 
 void cService::AddTimerEntry(const sTimerEntry& entry)
 {
-    // Appended, then sorted stably: equal due times keep their arming order.
-    m_Timers.push_back(entry);
-    std::stable_sort(m_Timers.begin(), m_Timers.end(),
-                     [](const sTimerEntry& a, const sTimerEntry& b) { return a.due < b.due; });
+    // Inserted behind every entry due at the same time or earlier: the list
+    // stays sorted and equal due times keep their arming order, without the
+    // temporary buffer a stable sort would allocate on every WaitSyncMsg.
+    const auto at = std::upper_bound(m_Timers.begin(), m_Timers.end(), entry.due,
+                                     [](uint64_t due, const sTimerEntry& e) { return due < e.due; });
+    m_Timers.insert(at, entry);
 }
 
 ORVO_HOT unsigned long cService::ScheduleGetIdleTimeMs() const
