@@ -266,12 +266,16 @@ TEST(FrameReader, ReassemblesAnyChunkingAndRefusesBadLengths)
     EXPECT_EQ(r.size(), 0u);
 }
 
-TEST(TpktTcpSocket, FrameLayoutSizeLimitsAndFullSendBuffer)
+// A peek at what a framed socket without a descriptor keeps queued (nothing
+// is written, every frame stays).
+struct cPeek : cTpktTcpSocket {
+    cPeek() : cTpktTcpSocket(nullptr, nullptr) {}
+    std::string Queued() const { return std::string(reinterpret_cast<const char*>(m_SendBuffer.data()), m_SendBuffer.size()); }
+};
+
+TEST(TpktTcpSocket, AFrameOfTheBufferSizeIsRefusedAndOneByteLessIsQueuedWhole)
 {
-    struct cPeek : cTpktTcpSocket {
-        cPeek() : cTpktTcpSocket(nullptr, nullptr) {}
-        std::string Queued() const { return std::string(reinterpret_cast<const char*>(m_SendBuffer.data()), m_SendBuffer.size()); }
-    } s;    // no descriptor: nothing is written, every frame stays queued
+    cPeek s;
     const std::string big(196601, 'x');
     errno = 0;
     EXPECT_EQ(s.WritePacket(0, big.data(), 196601, nullptr, 0, nullptr, 0), -1);     // 196607
@@ -279,16 +283,28 @@ TEST(TpktTcpSocket, FrameLayoutSizeLimitsAndFullSendBuffer)
     EXPECT_EQ(s.GetSendQueued(), 0u);
     EXPECT_EQ(s.WritePacket(2, big.data(), 196597, "abc", 3, nullptr, 0), 196606);
     EXPECT_EQ(s.Queued(), Frame(2, big.substr(0, 196597) + "abc"));
+}
+
+TEST(TpktTcpSocket, AFullSendBufferRefusesWithEagainAndCloseEmptiesIt)
+{
+    cPeek s;
+    const std::string big(196600, 'x');
+    ASSERT_EQ(s.WritePacket(0, big.data(), int(big.size()), nullptr, 0, nullptr, 0), 196606);
     errno = 0;
     EXPECT_EQ(s.Write("a", 1), -2);
     EXPECT_EQ(errno, EAGAIN);
     EXPECT_EQ(s.GetSendQueued(), 196606u);
     s.Close();
     EXPECT_EQ(s.GetSendQueued(), 0u);
+}
 
-    // Free space equal to the frame's total: the strict append leaves out the
-    // last piece (kept quirk), so the queued frame is short by it.
-    ASSERT_EQ(s.WritePacket(0, big.data(), 196607 - 20 - 6, nullptr, 0, nullptr, 0), 196587);
+// Free space equal to the frame's total: the strict append leaves out the
+// last piece (kept quirk), so the queued frame is short by it.
+TEST(TpktTcpSocket, FreeSpaceEqualToTheFrameLeavesOutItsLastPiece)
+{
+    cPeek s;
+    const std::string big(196607 - 20 - 6, 'x');
+    ASSERT_EQ(s.WritePacket(0, big.data(), int(big.size()), nullptr, 0, nullptr, 0), 196587);
     EXPECT_EQ(s.WritePacket(1, "hdr4", 4, "0123456789", 10, nullptr, 0), 20);
     EXPECT_EQ(s.Queued().substr(196587), Frame(1, "hdr4", 20));
 }
