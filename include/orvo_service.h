@@ -30,8 +30,10 @@
 //
 // Thread safety: a service is used only by the thread that runs its loop,
 // except SendToInternal, which any thread may call to post into another
-// service (the send path is locked per sending service), and the static
-// stop-flag functions. The snoop list is guarded by one process-wide lock.
+// service (the send path is locked per sending service), AddWriteInterest
+// (senders of other threads), and the static stop-flag functions. No library
+// lock is held while a handler runs or a channel sends; the locks, their
+// order and the re-entrancy rules are described in docs/architecture.md.
 #pragma once
 
 #include <sys/select.h>
