@@ -136,8 +136,11 @@ TEST(Thread, RunsDetachedAndTerminates)
     auto* w = new cWorker([&] {
         struct sUnwind { std::atomic<bool>& f; ~sUnwind() { f = true; } } u{unwound};
         detach = pthread_detach(pthread_self());   // EINVAL: already detached
+        // The closure is read before tid is published: the test deletes it
+        // (with the worker) while this thread still waits.
+        cEvent& wait = never;
         tid = cThread::GetCurrentThreadId();
-        never.Wait();
+        wait.Wait();
     });
     ASSERT_EQ(w->Start(), 0);
     ASSERT_TRUE(WaitFor([&] { return tid != 0; }));
