@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <time.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -148,6 +149,8 @@ struct cPeer {
 
 // ---- the fixture: a service on this thread and a scripted SCM -------------------
 
+cUnit gScmTestUnit("scmtest", ERROR, OUTPUT_NONE);
+
 long long gClockOffset = 0;
 long long ShiftedClock()
 {
@@ -164,6 +167,7 @@ protected:
         cService::SetStopFlag(false);
         gClockOffset = 0;
         SetMsecClockOverride(ShiftedClock);
+        SetTraceLevel(&gScmTestUnit, ERROR);
     }
     void TearDown() override
     {
@@ -301,8 +305,6 @@ cRecord SampleConfig()
     return config;
 }
 
-cUnit gScmTestUnit("scmtest", ERROR, OUTPUT_NONE);
-
 // ---- cScmService ---------------------------------------------------------------------
 
 TEST_F(Scm, FullLife)
@@ -363,6 +365,272 @@ TEST_F(Scm, FullLife)
     EXPECT_EQ(gSCMsocket, nullptr);
     EXPECT_EQ(svc.GetScmSocket(), nullptr);
     EXPECT_EQ(svc.GetServiceTech(), "unknown");
+}
+
+// An answer to another request, for another service, for a sub-path, or
+// with keys of the wrong type changes nothing and keeps the request
+// pending; each still reaches the program. The right one is then taken.
+TEST_F(Scm, ConfigAnswersThatDoNotMatch)
+{
+    const cUuid pending = Register();
+    const std::string before = GetConfig()->ToString();
+    cUuid other;
+    other.Create();
+    cRecord wrongId = ConfigAnswer(SampleConfig(), svc.GetServiceId());
+    cRecord textId, textConfig, noPath, recordPath, recordPathRec;
+    textId.AppendTextPar("service-id", svc.GetServiceId().ToString());
+    textId.AppendTextPar("path", "");
+    textId.AppendRecordPar("config", SampleConfig());
+    textConfig.AppendUuidPar("service-id", svc.GetServiceId());
+    textConfig.AppendTextPar("path", "");
+    textConfig.AppendTextPar("config", "x");
+    noPath.AppendUuidPar("service-id", svc.GetServiceId());
+    noPath.AppendRecordPar("config", SampleConfig());
+    recordPathRec.AppendRecordPar("system", cRecord());
+    recordPath.AppendUuidPar("service-id", svc.GetServiceId());
+    recordPath.AppendRecordPar("path", recordPathRec);
+    recordPath.AppendRecordPar("config", SampleConfig());
+    const std::vector<cMsg> wrong = {
+        Msg(MSG_SCM_GETCONFIG_ACK, wrongId, other),                                     // other request
+        Msg(MSG_SCM_GETCONFIG_ACK, wrongId),                                            // no id
+        Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), other), pending),       // other service
+        Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), svc.GetServiceId(), "system"), pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, textId, pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, textConfig, pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, noPath, pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, recordPath, pending),
+    };
+    for (const cMsg& m : wrong) {
+        ASSERT_TRUE(scm.Send(m));
+        cMsg got = Handed(MSG_SCM_GETCONFIG_ACK);
+        EXPECT_EQ(got.GetRecord().ToString(), m.GetRecord().ToString());
+        EXPECT_EQ(GetConfig()->ToString(), before);
+        EXPECT_EQ(svc.GetPendingConfigId(), pending);
+    }
+    EXPECT_EQ(gScmTestUnit.GetLevel(), ERROR);
+    EXPECT_EQ(svc.GetBcTimeLost(), 5000u);
+
+    // Taken; a repeat of the same answer afterwards changes nothing.
+    cRecord plain;
+    plain.AppendSIntPar("answer", 1);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(plain, svc.GetServiceId()), pending)));
+    Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), plain.ToString());
+    EXPECT_EQ(svc.GetBcTimeLost(), 5000u);              // absent: kept
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), svc.GetServiceId()),
+                             pending)));
+    Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), plain.ToString());
+}
+
+// "msgQsize" is read only when "bc-timelost" is there.
+TEST_F(Scm, QueueSizeOnlyWithTimeLost)
+{
+    const cUuid pending = Register();
+    cRecord system, config;
+    system.AppendUIntPar("msgQsize", 99);
+    config.AppendRecordPar("system", system);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(config, svc.GetServiceId()), pending)));
+    Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), config.ToString());
+    EXPECT_EQ(svc.GetMsgQSize(), 200u);
+}
+
+cRecord LevelPath(const char* name)
+{
+    cRecordPath path;
+    path.AddLevel(name, cRecord());
+    return path.GetRecord();
+}
+
+cRecord SetConfigRecord(const cRecord& path, const cRecord& config, int full)
+{
+    cRecord r;
+    r.AppendRecordPar("path", path);
+    r.AppendRecordPar("config", config);
+    r.AppendRecordPar("filter", cRecord());
+    if (full >= 0)
+        r.AppendBoolPar("full-config", full == 1);
+    return r;
+}
+
+// Configuration pushed by the SCM: changed at the path, or replaced whole;
+// answered 0x10016 with the request's id; the program gets the old
+// configuration. A push without a usable path or config is refused with
+// 0x10017 and changes nothing.
+TEST_F(Scm, SetConfigurationFromScm)
+{
+    Register();
+    cRecord inner, start;
+    inner.AppendUIntPar("x", 1);
+    start.AppendRecordPar("a", inner);
+    start.AppendUIntPar("keep", 5);
+    *GetConfig() = start;
+
+    cRecord newInner, change;
+    newInner.AppendUIntPar("x", 2);
+    change.AppendRecordPar("a", newInner);
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), change, -1), tid)));
+    cMsg ack = Next(scm.fd);
+    EXPECT_EQ(ack.GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(ack.GetTid(), tid);
+    EXPECT_TRUE(ack.GetRecord().IsEmpty());
+    cMsg got = Handed(MSG_SCM_SETCONFIG);
+    EXPECT_EQ(Fields(got.GetRecord()), "old-config=" + start.ToString() + ";");
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("a.x", ".").GetUInt(), 2u);
+    EXPECT_EQ(GetConfig()->GetFirstPar("keep").GetUInt(), 5u);
+
+    // Full configuration: replaced whole, trace levels applied.
+    const cRecord changed = *GetConfig();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), SampleConfig(), 1), tid)));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(Fields(Handed(MSG_SCM_SETCONFIG).GetRecord()), "old-config=" + changed.ToString() + ";");
+    EXPECT_EQ(GetConfig()->ToString(), SampleConfig().ToString());
+    EXPECT_EQ(gScmTestUnit.GetLevel(), DEBUG);
+    SetTraceLevel(&gScmTestUnit, ERROR);
+
+    // Refused: no path, a text path, an empty path, a config that is no record.
+    cRecord textPath, emptyPath, textConfig;
+    textPath.AppendTextPar("path", "a");
+    textPath.AppendRecordPar("config", change);
+    emptyPath = SetConfigRecord(cRecord(), change, 0);
+    textConfig.AppendRecordPar("path", LevelPath("a"));
+    textConfig.AppendTextPar("config", "x");
+    const cRecord keep = *GetConfig();
+    for (const cRecord& r : {cRecord(), textPath, emptyPath, textConfig}) {
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, r, tid)));
+        cMsg nack = Next(scm.fd);
+        EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK);
+        EXPECT_EQ(nack.GetTid(), tid);
+        EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetRecord().ToString(), r.ToString());
+        EXPECT_EQ(GetConfig()->ToString(), keep.ToString());
+    }
+}
+
+// A refused registration: the reason traced, 0x1005 handed to the program.
+TEST_F(Scm, RegistrationRefused)
+{
+    InitService();
+    ASSERT_TRUE(scm.Accept());
+    ASSERT_TRUE(scm.Announce("scm"));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SOCKET_CONNECTED);
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_REGISTER);
+
+    cRecord both, reasonOnly, textReason;
+    both.AppendSIntPar("reason", 4);
+    both.AppendTextPar("sub-reason", "name in use");
+    reasonOnly.AppendSIntPar("reason", -2);
+    textReason.AppendTextPar("reason", "4");
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, FATAL);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    std::string out;
+    for (const cRecord& r : {both, reasonOnly, textReason}) {
+        testing::internal::CaptureStdout();
+        scm.Send(Msg(MSG_SCM_REGISTER_NACK, r));
+        cMsg refused = Handed(MSG_TERMINATE_REQUEST);
+        out += testing::internal::GetCapturedStdout();
+        EXPECT_EQ(refused.GetType(), MSG_TERMINATE_REQUEST);
+        EXPECT_EQ(CountHanded(MSG_SCM_REGISTER_NACK), 0u);
+        cService::SetStopFlag(false);
+    }
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    EXPECT_NE(out.find("]: service not registered, reason=4 (name in use)\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("]: service not registered, reason=-2 (-no-sub-reason-)\n"), std::string::npos);
+    EXPECT_NE(out.find("]: service not registered, unknown reason\n"), std::string::npos);
+}
+
+// Socket events of other channels are the base dispatch's: a close or a
+// failed connect elsewhere ends nothing.
+TEST_F(Scm, SocketEventsOfOtherChannels)
+{
+    Register();
+    cMsgTcpSocket other(&svc, nullptr);
+    for (unsigned long type : {MSG_SOCKET_CLOSED, MSG_SOCKET_CONNECT_FAILED, MSG_SOCKET_CONNECTED}) {
+        cMsg m(type, &other, nullptr);
+        EXPECT_FALSE(svc.PreDispatchMessage(m));
+    }
+    SpinFor(100);
+    EXPECT_EQ(CountHanded(MSG_INTERRUPT_REQUEST), 0u);
+    EXPECT_TRUE(Silent(scm.fd, 0));
+}
+
+// Every request carries its keys; ids are fresh where the caller gives none.
+TEST_F(Scm, RequestsCarryTheirKeys)
+{
+    Register();
+    const std::string sid = "service-id=" + svc.GetServiceId().ToString() + ";";
+    cRecordPath path;
+    path.AddLevel("a", cRecord());
+    cRecord rec;
+    rec.AppendSIntPar("v", -3);
+    cUuid id;
+    id.Create();
+    struct sCase {
+        std::function<int()> call;
+        unsigned long type;
+        std::string fields;
+        int tid;        // 0 none, 1 fresh, 2 id
+    };
+    const std::vector<sCase> cases = {
+        {[&] { return svc.SetConfig("other", path, rec); }, MSG_SCM_SETCONFIG,
+         "service-name=other;path=" + path.GetRecord().ToString() + ";config=" + rec.ToString() + ";", 1},
+        {[&] { return svc.SetConfig2(id, nullptr, path, rec); }, MSG_SCM_SETCONFIG,
+         "service-name=;path=" + path.GetRecord().ToString() + ";config=" + rec.ToString() + ";", 2},
+        {[&] { return svc.SetConfigUInt("s", path, "n", 9); }, MSG_SCM_SETCONFIG,
+         "service-name=s;path=" + path.GetRecord().ToString() + ";config={n=9 };", 1},
+        {[&] { return svc.SetConfigBool("s", path, "b", true); }, MSG_SCM_SETCONFIG,
+         "service-name=s;path=" + path.GetRecord().ToString() + ";config={b=true };", 1},
+        {[&] { return svc.SetConfigText("s", path, "t", "hi"); }, MSG_SCM_SETCONFIG,
+         "service-name=s;path=" + path.GetRecord().ToString() + ";config={t=\"hi\" };", 1},
+        {[&] { return svc.SetConfigReady("s"); }, MSG_SCM_SETCONFIG, "service-name=s;broadcast=true;", 1},
+        {[&] { return svc.SystemReboot(true); }, MSG_SCM_SYSTEM_REBOOT, "set-factory-defaults=true;", 0},
+        {[&] { return svc.SetBroadcastConfig(); }, MSG_SCM_BROADCAST_CONFIG,
+         sid + "name=tsvc;config=" + GetConfig()->ToString() + ";", 0},
+        {[&] { return svc.RequestNotifications(2); }, MSG_SCM_NOTIFICATION_REQUEST, "mask=2;", 1},
+        {[&] { return svc.StoreRecord("hist", rec); }, MSG_SCM_STORE_RECORD,
+         "name=hist;record=" + rec.ToString() + ";", 0},
+        {[&] { return svc.RequestStoredRecord("hist"); }, MSG_SCM_GET_STORED_RECORD, "name=hist;", 0},
+        {[&] { return svc.RequestLog("events", rec); }, MSG_SCM_LOG_REQUEST,
+         sid + "log=events;filter=" + rec.ToString() + ";", 1},
+        {[&] { return svc.RequestLog2(id, "events", rec); }, MSG_SCM_LOG_REQUEST,
+         sid + "log=events;filter=" + rec.ToString() + ";", 2},
+        {[&] { return svc.FetchLog2(id, "events", 3, 10); }, MSG_SCM_LOG_FETCH,
+         sid + "log=events;index=3;count=10;", 2},
+        {[&] { return svc.FetchLog("events", 0, 1); }, MSG_SCM_LOG_FETCH, sid + "log=events;index=0;count=1;", 1},
+        {[&] { return svc.DeleteLog("events"); }, MSG_SCM_LOG_DELETE, sid + "log=events;", 1},
+        {[&] { return svc.DeleteLog2(id, "events"); }, MSG_SCM_LOG_DELETE, sid + "log=events;", 2},
+        {[&] { return svc.RequestServiceConfig("meter", path, "f"); }, MSG_SCM_GETCONFIG,
+         "service-name=meter;path=" + path.GetRecord().ToString() + ";filter=f;", 1},
+        {[&] { return svc.RequestServiceConfig2(id, "meter", path, nullptr); }, MSG_SCM_GETCONFIG,
+         "service-name=meter;path=" + path.GetRecord().ToString() + ";filter=;", 2},
+        {[&] { return svc.RequestServiceInfoByName("meter"); }, MSG_SCM_SERVICE_INFO_REQUEST,
+         "service-name=meter;", 1},
+        {[&] { return svc.RequestServiceInfoByTech("meter"); }, MSG_SCM_SERVICE_INFO_REQUEST,
+         "service-tech=meter;", 1},
+        {[&] { return svc.SetServiceTech("meter", 3, "clock", "relay"); }, MSG_SCM_SET_SERVICE_TECH,
+         sid + "service-tech=meter;service-tech=clock;service-tech=relay;", 1},
+        {[&] { return svc.SetServiceTech("solo", 0); }, MSG_SCM_SET_SERVICE_TECH, sid + "service-tech=solo;", 1},
+    };
+    cUuid lastFresh;
+    for (const sCase& c : cases) {
+        EXPECT_GT(c.call(), 0);
+        cMsg m = Next(scm.fd);
+        EXPECT_EQ(m.GetType(), c.type) << c.fields;
+        EXPECT_EQ(Fields(m.GetRecord()), c.fields);
+        EXPECT_EQ(m.GetTid().IsValid(), c.tid != 0) << c.fields;
+        if (c.tid == 2)
+            EXPECT_EQ(m.GetTid(), id);
+        if (c.tid == 1) {
+            EXPECT_NE(m.GetTid(), lastFresh);
+            lastFresh = m.GetTid();
+        }
+    }
+    EXPECT_EQ(svc.GetServiceTech(), "solo");
 }
 
 // Without "scm-sap" there is no SCM at all: one FATAL line, no socket, no
