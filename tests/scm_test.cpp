@@ -665,4 +665,318 @@ TEST_F(Scm, InitFormsAndNoScm)
     EXPECT_EQ(svc.GetSapAddress().GetIP(), 0x7F000001u);
 }
 
+// ---- the SCM's loss ends the process (children) ---------------------------------
+
+int QuietLoop(cService& svc, std::vector<unsigned long>* types = nullptr)
+{
+    cMsg m;
+    while (svc.GetMessage(m)) {
+        if (types != nullptr && m.GetType() != TICK)
+            types->push_back(m.GetType());
+    }
+    return 5;
+}
+
+void FatalToStdout()
+{
+    SetTraceLevel(UnitORVO, FATAL);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+}
+
+TEST_F(Scm, LossOfTheScmEndsTheProcess)
+{
+    // Refused connect: exit code 0.
+    std::string out;
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  FatalToStdout();
+                  GetConfig()->AppendTextPar("scm-sap", "127.0.0.1:" + std::to_string(DeadPort()));
+                  svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), "log");
+                  return QuietLoop(svc);
+              }, &out, false, 60), 0);
+    EXPECT_NE(out.find("]: can't connect to SCM; exit service\n"), std::string::npos) << out;
+
+    // Closed by the SCM: the close reaches the program, then 0x1004, then the
+    // loop ends normally.
+    out.clear();
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  FatalToStdout();
+                  Register();
+                  scm.Drop();
+                  std::vector<unsigned long> types;
+                  QuietLoop(svc, &types);
+                  return types == std::vector<unsigned long>{MSG_SOCKET_CLOSED, MSG_INTERRUPT_REQUEST} ? 3 : 4;
+              }, &out, false, 60), 3);
+    EXPECT_NE(out.find("]: connection closed by SCM; exit service\n"), std::string::npos) << out;
+
+    // Protocol error: exit code 1.
+    out.clear();
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  FatalToStdout();
+                  Register();
+                  scm.Send(Msg(MSG_SCM_SYNTAX_ERROR));
+                  return QuietLoop(svc);
+              }, &out, false, 60), 1);
+    EXPECT_NE(out.find("]: syntax error in SCM protocoll; exit service\n"), std::string::npos) << out;
+}
+
+// ---- the trace copy ----------------------------------------------------------------
+
+std::string Names(const cRecord& r)
+{
+    std::string out;
+    for (cRecordPar p = r.GetFirstPar(); p.IsValid(); r.SeekNextPar(p))
+        out += std::string(p.GetName()) + ",";
+    return out;
+}
+
+TEST_F(Scm, TracesCopiedToTheScm)
+{
+    Register();
+    cUnit unit("tcopy", ERROR, OUTPUT_NONE);
+    mUnits->erase("tcopy");
+    _Trace(&unit, ERROR, "not asked for");
+    EXPECT_TRUE(Silent(scm.fd, 50));
+
+    cRecord trace;
+    trace.AppendBoolPar("log-scm", true);
+    GetConfig()->AppendRecordPar("trace", trace);
+    cRecord rec;
+    rec.AppendTextPar("k", "v");
+    _Trace(&unit, WARNING, rec);
+    cMsg m = Next(scm.fd);
+    EXPECT_EQ(m.GetType(), MSG_SCM_TRACE_LOG);
+    const cRecord& r = m.GetRecord();
+    EXPECT_EQ(Names(r), "service-id,name,executable,unit,level,time,osc,txt,rec,");
+    EXPECT_EQ(r.GetFirstPar("name").GetString(), "tsvc");
+    EXPECT_EQ(r.GetFirstPar("executable").GetString(), GetExeName());
+    EXPECT_EQ(r.GetFirstPar("unit").GetString(), "tcopy");
+    EXPECT_EQ(r.GetFirstPar("level").GetString(), "WARNING");
+    EXPECT_EQ(r.GetFirstPar("txt").GetString(), rec.ToString());
+    cRecord carried;
+    ASSERT_TRUE(r.GetFirstPar("rec").GetRecord(carried));
+    EXPECT_EQ(carried.ToString(), rec.ToString());
+
+    // A copy too large for a frame: the "--FAILED-->>" line, whatever the
+    // unit's output; the socket's own complaint is not copied again.
+    cRecord big;
+    const std::string data(197000, 'z');
+    big.AppendDataPar("d", data.data(), int(data.size()));
+    testing::internal::CaptureStdout();
+    _Trace(&unit, ERROR, big);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.rfind("--FAILED-->>", 0), 0u) << out.substr(0, 200);
+    EXPECT_NE(out.find("|tcopy        [ERROR     ]: "), std::string::npos);
+    EXPECT_TRUE(Silent(scm.fd, 50));
+}
+
+// ---- technology connections ------------------------------------------------------
+
+cRecord ServiceRecord(const std::string& sap, const std::vector<std::string>& techs, bool wrapped,
+                      const char* command = nullptr)
+{
+    cRecord service, tech, out;
+    cUuid id;
+    id.Create();
+    service.AppendUuidPar("service-id", id);
+    service.AppendTextPar("name", "metersvc");
+    for (const std::string& t : techs)
+        tech.AppendTextPar("service-tech", t);
+    service.AppendRecordPar("tech", tech);
+    service.AppendSIntPar("pid", 321);
+    service.AppendTextPar("sap", sap);
+    if (command != nullptr)
+        out.AppendTextPar("command", command);
+    if (!wrapped)
+        return service;
+    out.AppendRecordPar("service", service);
+    return out;
+}
+
+TEST(ScmServiceInfo, Decoding)
+{
+    const cScmServiceInfo wrapped(ServiceRecord("10.0.0.1:4000", {"a", "b"}, true));
+    ASSERT_TRUE(wrapped.IsValid());
+    EXPECT_EQ(wrapped.GetName(), "metersvc");
+    EXPECT_EQ(wrapped.GetSAP(), "10.0.0.1:4000");
+    EXPECT_EQ(wrapped.GetPID(), 321);
+    EXPECT_EQ(wrapped.GetTech(), (std::vector<std::string>{"a", "b"}));
+    EXPECT_FALSE(wrapped.HasTraceLog());
+    EXPECT_EQ(wrapped.ToString(), "name=metersvc sap=10.0.0.1:4000 pid=321 uuid=" +
+                                      wrapped.GetServiceID().ToString());
+    EXPECT_EQ(wrapped.GetObjName(), "cScmServiceInfo");
+
+    cRecord plain = ServiceRecord("x", {}, false);
+    plain.AppendBoolPar("tracelog", false);
+    const cScmServiceInfo direct(plain);
+    EXPECT_TRUE(direct.IsValid());
+    EXPECT_TRUE(direct.HasTraceLog());
+    EXPECT_TRUE(direct.GetTech().empty());
+
+    // Each required key of another type (or, for "sap", missing) makes it
+    // not valid.
+    for (const std::string key : {"service-id", "name", "pid", "sap", "tech"}) {
+        cRecord bad, tech;
+        cUuid id;
+        id.Create();
+        tech.AppendTextPar("service-tech", "a");
+        key == "service-id" ? bad.AppendTextPar("service-id", "") : bad.AppendUuidPar("service-id", id);
+        bad.AppendTextPar("name", key == "name" ? "" : "n");
+        key == "tech" ? bad.AppendTextPar("tech", "a") : bad.AppendRecordPar("tech", tech);
+        key == "pid" ? bad.AppendUIntPar("pid", 3) : bad.AppendSIntPar("pid", 3);
+        if (key != "sap")
+            bad.AppendTextPar("sap", "x");
+        const cScmServiceInfo info(bad);
+        EXPECT_FALSE(info.IsValid()) << key;
+        EXPECT_EQ(info.ToString(), "not-valid");
+    }
+    EXPECT_FALSE(cScmServiceInfo().IsValid());
+    EXPECT_FALSE(cScmServiceInfo(cRecord()).IsValid());
+}
+
+struct cTechLink : cScmServiceIO {
+    using cScmServiceIO::cScmServiceIO;
+    void OnConnect() override { ++connects; }
+    void OnClose() override { ++closes; }
+    int DispatchMessage(const cMsg& m) override
+    {
+        dispatched.push_back(m.GetType());
+        return 7;
+    }
+    int connects = 0;
+    int closes = 0;
+    std::vector<unsigned long> dispatched;
+};
+
+TEST_F(Scm, TechnologyConnection)
+{
+    const cUuid pending = Register();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
+    cTechLink io(&svc, "meter");
+    EXPECT_EQ(io.ToString(), "cScmServiceIO technology=meter");
+    const auto expectLookUp = [&](const char* tech) {
+        cMsg notify = Next(scm.fd);
+        EXPECT_EQ(notify.GetType(), MSG_SCM_NOTIFICATION_REQUEST);
+        EXPECT_EQ(Fields(notify.GetRecord()), "mask=2;");
+        cMsg ask = Next(scm.fd);
+        EXPECT_EQ(ask.GetType(), MSG_SCM_SERVICE_INFO_REQUEST);
+        EXPECT_EQ(Fields(ask.GetRecord()), std::string("service-tech=") + tech + ";");
+    };
+    // The configuration has arrived: ask the SCM.
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+    expectLookUp("meter");
+    cMsg early(PROBE);
+    EXPECT_EQ(io.Send(early), 0);
+
+    cRecord unknown;
+    unknown.AppendTextPar("service-tech", "meter");
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_TECH_UNKNOWN, unknown)));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_UNKNOWN)), 1);
+
+    // The answer names the technology: connect; the peer's 0x4002 makes it up.
+    cPeer tech;
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"clock", "meter"}, true))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    EXPECT_EQ(io.GetAnnouncedSAP(), tech.Sap());
+    ASSERT_TRUE(tech.Accept());
+    ASSERT_TRUE(tech.Announce("metersvc"));
+    EXPECT_EQ(Next(tech.fd).GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
+    cMsg up = Handed(MSG_SOCKET_CONNECTED);
+    EXPECT_TRUE(io.IsMsgFromHere(up));
+    EXPECT_EQ(io.ProcessMsg(up), 1);
+    EXPECT_EQ(io.connects, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+
+    // The same SAP again: no reconnect.
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"meter"}, false))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    EXPECT_TRUE(Silent(tech.listenFd, 100));
+
+    // Messages both ways.
+    cMsg req(PROBE);
+    req.GetRecord().AppendUIntPar("n", 5);
+    EXPECT_GT(io.Send(req), 0);
+    cMsg atTech = Next(tech.fd);
+    EXPECT_EQ(atTech.GetType(), PROBE);
+    EXPECT_EQ(Fields(atTech.GetRecord()), "n=5;");
+    ASSERT_TRUE(tech.Send(Msg(PROBE + 1)));
+    cMsg reply = Handed(PROBE + 1);
+    EXPECT_TRUE(io.IsMsgFromHere(reply));
+    EXPECT_EQ(io.ProcessMsg(reply), 7);
+
+    // A new place while connected: remembered, the link stays.
+    cPeer tech2;
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_NOTIFICATION,
+                             ServiceRecord(tech2.Sap(), {"meter"}, true, "add-technology"))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_NOTIFICATION)), 1);
+    EXPECT_EQ(io.GetAnnouncedSAP(), tech2.Sap());
+    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+    EXPECT_TRUE(Silent(tech2.listenFd, 100));
+
+    // Closed: told, and exactly one health time-out 5 s later asks again.
+    tech.Drop();
+    cMsg down = Handed(MSG_SOCKET_CLOSED);
+    EXPECT_EQ(io.ProcessMsg(down), 1);
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), "");
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+    EXPECT_EQ(io.Send(req), 0);
+    gClockOffset += 4500;        // the spin itself takes real time
+    SpinFor(50);
+    EXPECT_EQ(CountHanded(MSG_SCM_TECH_HEALTH_TIMEOUT), 0u);
+    gClockOffset += 600;
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_HEALTH_TIMEOUT)), 1);
+    expectLookUp("meter");
+    gClockOffset += 6000;
+    SpinFor(100);
+    EXPECT_EQ(CountHanded(MSG_SCM_TECH_HEALTH_TIMEOUT), 0u);
+
+    // HealthRequest arms the timer once.
+    io.HealthRequest();
+    const uint64_t due = io.GetHealthTimer().GetDue();
+    gClockOffset += 1000;
+    io.HealthRequest();
+    EXPECT_EQ(io.GetHealthTimer().GetDue(), due);
+
+    // Not connected: the new place is taken; the connect stops the timer.
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech2.Sap(), {"meter"}, true))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    ASSERT_TRUE(tech2.Accept());
+    ASSERT_TRUE(tech2.Announce("metersvc"));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CONNECTED)), 1);
+    EXPECT_EQ(io.connects, 2);
+    EXPECT_EQ(io.GetConnectedSAP(), tech2.Sap());
+    EXPECT_FALSE(io.GetHealthTimer().IsRunning());
+
+    // Another connection's events and time-outs are not this one's.
+    cTechLink clock(&svc, "clock");
+    clock.HealthRequest();
+    gClockOffset += 5100;
+    cMsg clockTimeout = Handed(MSG_SCM_TECH_HEALTH_TIMEOUT);
+    EXPECT_EQ(io.ProcessMsg(clockTimeout), 7);
+    EXPECT_EQ(io.dispatched.back(), MSG_SCM_TECH_HEALTH_TIMEOUT);
+    EXPECT_EQ(clock.ProcessMsg(clockTimeout), 1);
+    expectLookUp("clock");
+    const size_t dispatched = clock.dispatched.size();
+    for (unsigned long type : {MSG_SOCKET_CONNECTED, MSG_SOCKET_CLOSED, MSG_SOCKET_CONNECT_FAILED})
+        EXPECT_EQ(clock.ProcessMsg(cMsg(type, &io.GetSocket(), nullptr)), 1);
+    EXPECT_EQ(clock.dispatched.size(), dispatched);
+    EXPECT_EQ(clock.connects + clock.closes, 0);
+    cRecord otherCommand;
+    otherCommand.AppendTextPar("command", "remove-technology");
+    EXPECT_EQ(clock.ProcessMsg(Msg(MSG_SCM_NOTIFICATION, otherCommand)), 7);
+
+    // A failed connect is traced and left idle.
+    tech2.Drop();
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CLOSED)), 1);
+    const std::string dead = "127.0.0.1:" + std::to_string(DeadPort());
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(dead, {"meter"}, true))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    cMsg failed = Handed(MSG_SOCKET_CONNECT_FAILED);
+    EXPECT_TRUE(io.IsMsgFromHere(failed));
+    EXPECT_EQ(io.ProcessMsg(failed), 1);
+    EXPECT_EQ(io.GetConnectedSAP(), "");
+    SpinFor(100);
+    EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECT_FAILED), 0u);
+}
+
 }  // namespace
