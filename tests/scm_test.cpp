@@ -847,8 +847,27 @@ struct cTechLink : cScmServiceIO {
     std::vector<unsigned long> dispatched;
 };
 
+// The trace lines of a connection's life, each once where it happens and in
+// this order ("connection info" three times: first answer, new place, dead
+// place; never for the answer naming the connected place).
+const char* const kTechLines[] = {
+    "get config to tech 'meter' received", "start connection to tech 'meter'",
+    "tech 'meter' is unknown (perhaps not connected yet)",
+    "connection info for tech 'meter' sap received", "connect to tech 'meter', sap=127.0.0.1:",
+    "connection to tech 'meter' established", "connection to tech 'meter' should reconnected",
+    "already connected to tech 'meter', sap=127.0.0.1:", "connection to tech 'meter' shutdown",
+    "connection to tech 'meter' re-connect by health-timeout", "start connection to tech 'meter'",
+    "connection info for tech 'meter' sap received", "connection to tech 'meter' established",
+    "connection info for tech 'meter' sap received", "connection to tech 'meter' failed",
+};
+
 TEST_F(Scm, TechnologyConnection)
 {
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, DEBUG);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
     const cUuid pending = Register();
     ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
     cTechLink io(&svc, "meter");
@@ -977,6 +996,20 @@ TEST_F(Scm, TechnologyConnection)
     EXPECT_EQ(io.GetConnectedSAP(), "");
     SpinFor(100);
     EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECT_FAILED), 0u);
+
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    size_t at = 0;
+    for (const char* line : kTechLines) {
+        const size_t found = out.find(std::string("]: ") + line, at);
+        ASSERT_NE(found, std::string::npos) << line;
+        at = found + 1;
+    }
+    size_t infos = 0;
+    for (size_t p = 0; (p = out.find("connection info for tech", p)) != std::string::npos; ++p)
+        ++infos;
+    EXPECT_EQ(infos, 3u);
 }
 
 }  // namespace
