@@ -623,9 +623,9 @@ TEST_F(Scm, RequestsCarryTheirKeys)
         EXPECT_EQ(m.GetType(), c.type) << c.fields;
         EXPECT_EQ(Fields(m.GetRecord()), c.fields);
         EXPECT_EQ(m.GetTid().IsValid(), c.tid != 0) << c.fields;
-        if (c.tid == 2)
+        if (c.tid == 2) {
             EXPECT_EQ(m.GetTid(), id);
-        if (c.tid == 1) {
+        } else if (c.tid == 1) {
             EXPECT_NE(m.GetTid(), lastFresh);
             lastFresh = m.GetTid();
         }
