@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orvo_init.h"
@@ -767,6 +768,34 @@ TEST_F(Scm, TracesCopiedToTheScm)
     EXPECT_EQ(out.rfind("--FAILED-->>", 0), 0u) << out.substr(0, 200);
     EXPECT_NE(out.find("|tcopy        [ERROR     ]: "), std::string::npos);
     EXPECT_TRUE(Silent(scm.fd, 50));
+}
+
+// Traces from another thread while the loop runs: every copy arrives whole
+// and in order on the one SCM stream.
+TEST_F(Scm, TracesFromAnotherThread)
+{
+    Register();
+    cRecord trace;
+    trace.AppendBoolPar("log-scm", true);
+    GetConfig()->AppendRecordPar("trace", trace);
+    cUnit unit("tthread", ERROR, OUTPUT_NONE);
+    mUnits->erase("tthread");
+    const int count = 300;
+    std::thread tracer([&] {
+        for (int i = 0; i < count; ++i)
+            _Trace(&unit, ERROR, FormatString("line %i %s", i, std::string(size_t(i) * 7, 'q').c_str()));
+    });
+    int seen = 0;
+    for (; seen < count; ++seen) {
+        cMsg m = Next(scm.fd);
+        if (m.GetType() != MSG_SCM_TRACE_LOG)
+            break;
+        const std::string txt = m.GetRecord().GetFirstPar("txt").GetString();
+        if (txt != FormatString("line %i %s", seen, std::string(size_t(seen) * 7, 'q').c_str()))
+            break;
+    }
+    tracer.join();
+    EXPECT_EQ(seen, count);
 }
 
 // ---- technology connections ------------------------------------------------------
