@@ -634,6 +634,26 @@ TEST_F(Scm, RequestsCarryTheirKeys)
     EXPECT_EQ(svc.GetServiceTech(), "solo");
 }
 
+// A request the socket refuses (too large for a frame) is traced with the
+// request's name; the configuration requests add the message text.
+TEST_F(Scm, FailedSendsAreTraced)
+{
+    Register();
+    cRecord big;
+    const std::string data(197000, 'b');
+    big.AppendDataPar("d", data.data(), int(data.size()));
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    EXPECT_LT(svc.StoreRecord("huge", big), 0);
+    EXPECT_LT(svc.SetConfig("other", cRecordPath(), big), 0);
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceOut(UnitORVO, output);
+    EXPECT_NE(out.find("[ERROR     ]: StoreRecord: send failed\n"), std::string::npos) << out.substr(0, 300);
+    EXPECT_NE(out.find("[ERROR     ]: scmService[SetConfig] send failed, msg="), std::string::npos);
+    EXPECT_TRUE(Silent(scm.fd, 50));
+}
+
 // Without "scm-sap" there is no SCM at all: one FATAL line, no socket, no
 // traffic. Each Init form adds the "system" defaults with its failure action.
 TEST_F(Scm, InitFormsAndNoScm)
