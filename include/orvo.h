@@ -28,3 +28,4 @@
 #include "orvo_msgthread.h"
 #include "orvo_statem.h"
 #include "orvo_process.h"
+#include "orvo_tls.h"

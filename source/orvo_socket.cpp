@@ -18,30 +18,16 @@
 
 #include "orvo_handle.h"
 #include "orvo_service.h"
+#include "orvo_tls.h"
 #include "orvo_trace.h"
 
 namespace orvo {
-
-// The TLS family provides these two. They are referenced weakly so that the
-// sockets work (with OpenSSL's own initialisation and without printing the
-// peer certificate) in a build that does not contain it; default visibility
-// keeps the definitions exported.
-ORVO_API int openssl_lib_init() __attribute__((weak));
-ORVO_API int openssl_show_peer_certificate(ssl_st* ssl) __attribute__((weak));
 
 namespace {
 
 // How long a TLS write may wait for the peer to take data before the
 // connection is given up (the loop is blocked meanwhile).
 const int kTlsWriteWaitMs = 5000;
-
-void TlsLibraryInit()
-{
-    if (openssl_lib_init != nullptr)
-        openssl_lib_init();
-    else
-        OPENSSL_init_ssl(0, nullptr);
-}
 
 // OpenSSL's reason text of the most recent queued error (the queue is
 // emptied), or strerror of errno after a system call failure; "" when
@@ -509,7 +495,7 @@ void cTcpSocket::OnConnect(int err)
     if (err == 0) {
         m_bConnected = 1;
         cMsg msg = MakeMsg(MSG_SOCKET_CONNECTED);
-        if (m_pSsl != nullptr && openssl_show_peer_certificate != nullptr)
+        if (m_pSsl != nullptr)
             openssl_show_peer_certificate(m_pSsl);
         SendSocketOnConnectMsg(msg);
     } else {
@@ -578,7 +564,7 @@ void cTcpSocket::SetSSL(ssl_ctx_st* ctx)
 {
     if (ctx == nullptr)
         return;
-    TlsLibraryInit();
+    openssl_lib_init();
     m_pSslCtx = ctx;
 }
 
