@@ -29,3 +29,5 @@
 #include "orvo_statem.h"
 #include "orvo_process.h"
 #include "orvo_tls.h"
+#include "orvo_icmp.h"
+#include "orvo_netmgr.h"

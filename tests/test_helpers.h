@@ -3,10 +3,12 @@
 // pattern, and child process runners.
 #pragma once
 
+#include <sched.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -154,6 +156,17 @@ inline uint16_t Receive(int fd)
 {
     uint16_t value = 0;
     return read(fd, &value, sizeof value) == sizeof value ? value : 0;
+}
+
+// Moves the calling process into a network namespace of its own (only a
+// loopback interface, down). False, with why, where the machine does not
+// allow it.
+inline bool EnterPrivateNetwork(std::string& why)
+{
+    if (unshare(CLONE_NEWNET) == 0)
+        return true;
+    why = std::string("no private network namespace here (unshare: ") + std::strerror(errno) + ")";
+    return false;
 }
 
 }  // namespace orvo_test
