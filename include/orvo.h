@@ -31,3 +31,5 @@
 #include "orvo_tls.h"
 #include "orvo_icmp.h"
 #include "orvo_netmgr.h"
+#include "orvo_uart.h"
+#include "orvo_proxysocket.h"
