@@ -438,7 +438,6 @@ TEST_F(Tls, StalledAndGarbagePeersCostOnlyTheirOwnConnection)
 TEST_F(Tls, ModernContextVerifiesHostAndRefusesTls10)
 {
     sTlsOptions options;
-    options.caFile = nullptr;
     const std::string ca = File("ca.crt");
     options.caFile = ca.c_str();
     options.peerHost = "localhost";
@@ -451,13 +450,20 @@ TEST_F(Tls, ModernContextVerifiesHostAndRefusesTls10)
 
     const unsigned short tls13 = StartServer("server.crt", "server.key", {"-tls1_3"});
     const unsigned short tls10 = StartServer("server.crt", "server.key", kTls10);
-    ASSERT_TRUE(tls13 && tls10);
+    // Presents the trusted certificate only to a client that names
+    // "localhost" in SNI, a stranger's to everyone else.
+    const unsigned short bySni = StartServer("strangerserver.crt", "strangerserver.key",
+                                             {"-servername", "localhost", "-cert2", File("server.crt"), "-key2",
+                                              File("server.key")});
+    ASSERT_TRUE(tls13 && tls10 && bySni);
     struct {
         ssl_ctx_st* ctx;
         unsigned short port;
         bool accepted;
-    } cases[] = {{good, tls13, true}, {byAddress, tls13, true}, {wrongName, tls13, false}, {good, tls10, false}};
+    } cases[] = {{good, tls13, true},       {byAddress, tls13, true}, {good, bySni, true},
+                 {wrongName, tls13, false}, {good, tls10, false},     {byAddress, bySni, false}};
     for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
         cTestService svc;
         cMsgTcpSocket client(&svc, nullptr);
         ::testing::internal::CaptureStdout();
