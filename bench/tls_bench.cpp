@@ -137,9 +137,11 @@ void Loud(int saved)
     close(saved);
 }
 
-// A forked service on 127.0.0.1 (TLS when ctx is given) that sums every
-// chunk it receives and answers kEnd with kReceived. Its port.
-pid_t StartReceiver(ssl_ctx_st* ctx, unsigned short& port)
+// Forks a service on 127.0.0.1 whose cTcpServer<T> (TLS when ctx is given)
+// listens on an ephemeral port; every message goes to handle until the
+// child is killed. Its pid; port receives the port.
+template <class T, class Handler>
+pid_t ForkServer(ssl_ctx_st* ctx, unsigned short& port, Handler handle)
 {
     int fds[2];
     if (pipe(fds) != 0)
@@ -151,38 +153,45 @@ pid_t StartReceiver(ssl_ctx_st* ctx, unsigned short& port)
         alarm(600);
         Quiet();
         cBenchService svc;
-        svc.Init("receiver", cSocketAddr("127.0.0.1", 0));
-        cTcpServer<cMsgTcpSocket> server(&svc, cSocketAddr("127.0.0.1", 0), nullptr);
+        svc.Init("server", cSocketAddr("127.0.0.1", 0));
+        cTcpServer<T> server(&svc, cSocketAddr("127.0.0.1", 0), nullptr);
         server.SetSSL(ctx);
         if (server.Run() != 0)
             _exit(3);
         const uint16_t p = server.GetLocalAddress().GetPort();
         (void)!write(fds[1], &p, sizeof p);
-        uint64_t bytes = 0, sum = 14695981039346656037ull;
         cMsg m;
-        while (svc.GetMessage(m)) {
-            if (m == kChunk) {
-                cRecordPar d = m.GetRecord().GetFirstPar("DATA");
-                bytes += unsigned(d.GetSize());
-                sum = Sum(sum, reinterpret_cast<const unsigned char*>(d.GetData()), size_t(d.GetSize()));
-            } else if (m == kEnd) {
-                cMsg r(kReceived);
-                r.GetRecord().AppendDataPar("bytes", &bytes, sizeof bytes);
-                r.GetRecord().AppendDataPar("sum", &sum, sizeof sum);
-                m.GetChannel()->Send(r);
-                bytes = 0;
-                sum = 14695981039346656037ull;
-            }
-        }
+        while (svc.GetMessage(m))
+            handle(m);
         _exit(0);
     }
     close(fds[1]);
     uint16_t p = 0;
     if (read(fds[0], &p, sizeof p) != sizeof p)
-        Fail("receiver did not start");
+        Fail("server child did not start");
     close(fds[0]);
     port = p;
     return pid;
+}
+
+// A receiver that sums every chunk and answers kEnd with kReceived.
+pid_t StartReceiver(ssl_ctx_st* ctx, unsigned short& port)
+{
+    uint64_t bytes = 0, sum = 14695981039346656037ull;
+    return ForkServer<cMsgTcpSocket>(ctx, port, [bytes, sum](cMsg& m) mutable {
+        if (m == kChunk) {
+            cRecordPar d = m.GetRecord().GetFirstPar("DATA");
+            bytes += unsigned(d.GetSize());
+            sum = Sum(sum, reinterpret_cast<const unsigned char*>(d.GetData()), size_t(d.GetSize()));
+        } else if (m == kEnd) {
+            cMsg r(kReceived);
+            r.GetRecord().AppendDataPar("bytes", &bytes, sizeof bytes);
+            r.GetRecord().AppendDataPar("sum", &sum, sizeof sum);
+            m.GetChannel()->Send(r);
+            bytes = 0;
+            sum = 14695981039346656037ull;
+        }
+    });
 }
 
 uint64_t Get64(const cMsg& m, const char* key)
@@ -340,41 +349,6 @@ double STime(unsigned short port, int seconds)
     return result;
 }
 
-// A forked library TLS server on a free port; accepted connections are
-// closed by the framework when the client ends them.
-pid_t StartLibraryServer(ssl_ctx_st* ctx, unsigned short& port)
-{
-    int fds[2];
-    if (pipe(fds) != 0)
-        Fail("pipe");
-    std::fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        close(fds[0]);
-        alarm(600);
-        Quiet();
-        cBenchService svc;
-        svc.Init("tls-server", cSocketAddr("127.0.0.1", 0));
-        cTcpServer<cTcpSocket> server(&svc, cSocketAddr("127.0.0.1", 0), nullptr);
-        server.SetSSL(ctx);
-        if (server.Run() != 0)
-            _exit(3);
-        const uint16_t p = server.GetLocalAddress().GetPort();
-        (void)!write(fds[1], &p, sizeof p);
-        cMsg m;
-        while (svc.GetMessage(m)) {
-        }
-        _exit(0);
-    }
-    close(fds[1]);
-    uint16_t p = 0;
-    if (read(fds[0], &p, sizeof p) != sizeof p)
-        Fail("library server did not start");
-    close(fds[0]);
-    port = p;
-    return pid;
-}
-
 long ParseCount(const char* text, long fallback)
 {
     const long v = std::atol(text);
@@ -428,7 +402,8 @@ int main(int argc, char** argv)
     kill(sserver, SIGTERM);
     waitpid(sserver, nullptr, 0);
     unsigned short libPort = 0;
-    const pid_t libServer = StartLibraryServer(serverCtx, libPort);
+    // Accepted connections are deleted by the framework when s_time ends them.
+    const pid_t libServer = ForkServer<cTcpSocket>(serverCtx, libPort, [](cMsg&) {});
     const double sTimeLibrary = STime(libPort, int(seconds));
     kill(libServer, SIGTERM);
     waitpid(libServer, nullptr, 0);

@@ -111,6 +111,8 @@ protected:
     // opens the control descriptor when needed.
     int ReadFlags(std::string const& ifname, short& flags);
     int WriteFlags(std::string const& ifname, short flags);
+    // Sets (set) or clears bits; traces failures under caller's name.
+    int ChangeFlags(std::string const& ifname, short bits, bool set, const char* caller);
 
     int m_fd;   // control descriptor; -1 when closed
 };

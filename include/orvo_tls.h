@@ -27,6 +27,8 @@
 // may be called from any thread (the first call initialises).
 #pragma once
 
+#include <string>
+
 #include "orvo_init.h"
 
 struct ssl_ctx_st;
@@ -80,6 +82,11 @@ struct sTlsOptions {
 // Client contexts always verify the server's chain; a failed verification
 // fails the handshake (0x4004 "ConnectSSL").
 ORVO_API ssl_ctx_st* openssl_create_modern_ssl_ctx(const sTlsOptions& options);
+
+// OpenSSL's reason text of the most recent error queued on this thread
+// ("certificate verify failed", ...), or "" when none is queued. Empties the
+// thread's error queue.
+ORVO_API std::string openssl_error_reason();
 
 // Frees a context made by either function (null is ignored). Sockets that
 // still hold it must be closed first.

@@ -123,34 +123,29 @@ bool cNetworkManager::IsRunning(std::string const& ifname)
     return ChkFlag(ifname, IFF_RUNNING);
 }
 
-int cNetworkManager::SetFlag(std::string const& ifname, short bits)
+int cNetworkManager::ChangeFlags(std::string const& ifname, short bits, bool set, const char* caller)
 {
     short flags = 0;
     int result = ReadFlags(ifname, flags);
     if (result < 0) {
         ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("SetFlag: %s - unknown interface : %s", ifname.c_str(), strerror(errno)));
+                   FormatString("%s: %s - unknown interface : %s", caller, ifname.c_str(), strerror(errno)));
         return result;
     }
-    result = WriteFlags(ifname, static_cast<short>(flags | bits));
+    result = WriteFlags(ifname, static_cast<short>(set ? flags | bits : flags & ~bits));
     if (result < 0)
-        ORVO_TRACE(UnitORVO, ERROR, FormatString("SetFlag: SIOCSIFFLAGS failed : %s", strerror(errno)));
+        ORVO_TRACE(UnitORVO, ERROR, FormatString("%s: SIOCSIFFLAGS failed : %s", caller, strerror(errno)));
     return result;
+}
+
+int cNetworkManager::SetFlag(std::string const& ifname, short bits)
+{
+    return ChangeFlags(ifname, bits, true, "SetFlag");
 }
 
 int cNetworkManager::ClrFlag(std::string const& ifname, short bits)
 {
-    short flags = 0;
-    int result = ReadFlags(ifname, flags);
-    if (result < 0) {
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("ClrFlag: %s - unknown interface : %s", ifname.c_str(), strerror(errno)));
-        return result;
-    }
-    result = WriteFlags(ifname, static_cast<short>(flags & ~bits));
-    if (result < 0)
-        ORVO_TRACE(UnitORVO, ERROR, FormatString("ClrFlag: SIOCSIFFLAGS failed : %s", strerror(errno)));
-    return result;
+    return ChangeFlags(ifname, bits, false, "ClrFlag");
 }
 
 int cNetworkManager::InterfaceUp(std::string const& ifname, std::string& err)

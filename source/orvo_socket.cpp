@@ -35,20 +35,10 @@ const int kTlsWriteWaitMs = 5000;
 std::string TlsReason(int sslError)
 {
     const int savedErrno = errno;
-    unsigned long last = 0;
-    for (unsigned long e = ERR_get_error(); e != 0; e = ERR_get_error())
-        last = e;
-    if (last != 0) {
-        const char* text = ERR_reason_error_string(last);
-        if (text != nullptr)
-            return text;
-        char buf[256];
-        ERR_error_string_n(last, buf, sizeof buf);
-        return buf;
-    }
-    if (sslError == SSL_ERROR_SYSCALL && savedErrno != 0)
+    std::string text = openssl_error_reason();
+    if (text.empty() && sslError == SSL_ERROR_SYSCALL && savedErrno != 0)
         return strerror(savedErrno);
-    return std::string();
+    return text;
 }
 
 }  // namespace

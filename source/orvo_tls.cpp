@@ -30,27 +30,10 @@ std::mutex g_TlsInitLock;   // one initialisation at a time; nothing else runs u
 const int kMaxVerifyDepth = 3;
 const int kContextVerifyDepth = 4;
 
-// OpenSSL's reason text of the most recent queued error; the queue is
-// emptied. "" when the queue was empty.
-std::string ReasonText()
-{
-    unsigned long last = 0;
-    for (unsigned long e = ERR_get_error(); e != 0; e = ERR_get_error())
-        last = e;
-    if (last == 0)
-        return std::string();
-    const char* text = ERR_reason_error_string(last);
-    if (text != nullptr)
-        return text;
-    char buf[256];
-    ERR_error_string_n(last, buf, sizeof buf);
-    return buf;
-}
-
 // Prints "<function>: <step> failed: <reason>", frees ctx, returns null.
 SSL_CTX* FailContext(const char* function, const char* step, SSL_CTX* ctx)
 {
-    std::printf("%s: %s failed: %s\n", function, step, ReasonText().c_str());
+    std::printf("%s: %s failed: %s\n", function, step, openssl_error_reason().c_str());
     SSL_CTX_free(ctx);
     return nullptr;
 }
@@ -185,6 +168,21 @@ bool LoadTrust(SSL_CTX* ctx, const sTlsOptions& options)
 
 }  // namespace
 
+std::string openssl_error_reason()
+{
+    unsigned long last = 0;
+    for (unsigned long e = ERR_get_error(); e != 0; e = ERR_get_error())
+        last = e;
+    if (last == 0)
+        return std::string();
+    const char* text = ERR_reason_error_string(last);
+    if (text != nullptr)
+        return text;
+    char buf[256];
+    ERR_error_string_n(last, buf, sizeof buf);
+    return buf;
+}
+
 int openssl_lib_init()
 {
     std::lock_guard<std::mutex> lock(g_TlsInitLock);
@@ -246,7 +244,7 @@ int openssl_show_peer_certificate(ssl_st* ssl)
                     SSL_CIPHER_get_name(cipher),
                     static_cast<unsigned>(SSL_CIPHER_get_bits(cipher, nullptr)));
     else
-        std::printf("%s: SSL_get_current_cipher failed: %s\n", kFunction, ReasonText().c_str());
+        std::printf("%s: SSL_get_current_cipher failed: %s\n", kFunction, openssl_error_reason().c_str());
 
     X509* cert = SSL_get1_peer_certificate(ssl);
     if (cert != nullptr) {
@@ -259,7 +257,7 @@ int openssl_show_peer_certificate(ssl_st* ssl)
         std::printf("%s: Server public key is %d bit\n", kFunction, EVP_PKEY_bits(X509_get0_pubkey(cert)));
         X509_free(cert);
     } else {
-        std::printf("%s: SSL_get_peer_certificate failed: %s\n", kFunction, ReasonText().c_str());
+        std::printf("%s: SSL_get_peer_certificate failed: %s\n", kFunction, openssl_error_reason().c_str());
     }
     std::printf("\n");
     std::fflush(stdout);

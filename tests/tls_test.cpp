@@ -146,7 +146,7 @@ protected:
     unsigned short StartServer(const char* cert, const char* key, std::vector<std::string> more)
     {
         for (int attempt = 0; attempt < 5; ++attempt) {
-            const unsigned short port = FreePort();
+            const unsigned short port = orvo_test::FreeLoopbackPort();
             std::vector<std::string> args = {"s_server", "-quiet", "-accept", "127.0.0.1:" + std::to_string(port),
                                              "-cert", File(cert), "-key", File(key)};
             args.insert(args.end(), more.begin(), more.end());
@@ -162,17 +162,6 @@ protected:
         std::vector<std::string> args = {"s_client", "-quiet", "-connect", "127.0.0.1:" + std::to_string(port)};
         args.insert(args.end(), more.begin(), more.end());
         return StartOpenssl(args);
-    }
-
-    static unsigned short FreePort()
-    {
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        cSocketAddr a("127.0.0.1", 0);
-        socklen_t len = sizeof(sockaddr_in);
-        bind(fd, a.GetSockAddr(), len);
-        getsockname(fd, a.GetSockAddr(), &len);
-        close(fd);
-        return a.GetPort();
     }
 
     // Whether port shows up as listening (state 0A in /proc/net/tcp) while
@@ -201,22 +190,7 @@ protected:
 
 std::string Tls::s_Dir;
 
-// Waits up to 20 s for a message of type from channel ch (any channel when
-// null); others of that type go back in the queue.
-cMsg Await(cService& svc, unsigned long type, cChannel* ch = nullptr)
-{
-    std::vector<cMsg> other;
-    cMsg m;
-    for (;;) {
-        m = svc.WaitSyncMsg(20000, type);
-        if (m != type || ch == nullptr || m.GetChannel() == ch)
-            break;
-        other.push_back(m);
-    }
-    for (cMsg& o : other)
-        svc.OnMsg(o);
-    return m;
-}
+using orvo_test::AwaitFrom;
 
 std::string Text(const cMsg& m, const char* key)
 {
@@ -230,7 +204,7 @@ void ExpectEcho(cService& svc, cChannel& socket, const std::string& text)
     request.GetRecord().AppendTextPar("text", text);
     request.GetRecord().AppendUIntPar("n", 4711);
     ASSERT_GT(socket.Send(request), 0);
-    cMsg back = Await(svc, kEchoType, &socket);
+    cMsg back = AwaitFrom(svc, kEchoType, &socket);
     ASSERT_EQ(back, kEchoType);
     EXPECT_EQ(Text(back, "text"), text);
     EXPECT_EQ(back.GetRecord().GetFirstPar("n").GetUInt(), 4711u);
@@ -295,7 +269,7 @@ TEST_F(Tls, ClientTls10HandshakePrintsPeerAndExchangesFrames)
     ::testing::internal::CaptureStdout();
     Connect(client, ClientCtx(), port);
     // The message socket announces itself to the peer, which sends it back.
-    cMsg connected = Await(svc, MSG_SOCKET_CONNECTED, &client);
+    cMsg connected = AwaitFrom(svc, MSG_SOCKET_CONNECTED, &client);
     const std::string printed = ::testing::internal::GetCapturedStdout();
     ASSERT_EQ(connected, MSG_SOCKET_CONNECTED);
     EXPECT_TRUE(client.IsConnected());
@@ -371,10 +345,10 @@ TEST_F(Tls, ServerTls10HandshakeWithClientCertificates)
     trusted.insert(trusted.end(), {"-cert", File("client.crt"), "-key", File("client.key")});
     ::testing::internal::CaptureStdout();
     ASSERT_GT(StartClient(port, trusted), 0);
-    ASSERT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
+    ASSERT_EQ(AwaitFrom(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
     ASSERT_EQ(server.GetClients().size(), 1u);
     cTcpSocket* accepted = server.GetClients().front();
-    ASSERT_EQ(Await(svc, MSG_SOCKET_CONNECTED, accepted), MSG_SOCKET_CONNECTED);
+    ASSERT_EQ(AwaitFrom(svc, MSG_SOCKET_CONNECTED, accepted), MSG_SOCKET_CONNECTED);
     const std::string printed = ::testing::internal::GetCapturedStdout();
     EXPECT_NE(printed.find("openssl_show_peer_certificate: commonName: client\n"), std::string::npos) << printed;
     ExpectEcho(svc, *accepted, "from the server");
@@ -384,7 +358,7 @@ TEST_F(Tls, ServerTls10HandshakeWithClientCertificates)
     stranger.insert(stranger.end(), {"-cert", File("strangerserver.crt"), "-key", File("strangerserver.key")});
     ::testing::internal::CaptureStdout();
     ASSERT_GT(StartClient(port, stranger), 0);
-    cMsg failed = Await(svc, MSG_SOCKET_TLS_FAILED);
+    cMsg failed = AwaitFrom(svc, MSG_SOCKET_TLS_FAILED);
     ::testing::internal::GetCapturedStdout();
     ASSERT_EQ(failed, MSG_SOCKET_TLS_FAILED);
     EXPECT_EQ(Text(failed, "reason"), "AcceptSSL");
@@ -412,7 +386,7 @@ TEST_F(Tls, StalledAndGarbagePeersCostOnlyTheirOwnConnection)
     ASSERT_EQ(connect(garbage, addr.GetSockAddr(), sizeof(sockaddr_in)), 0);
     ASSERT_EQ(send(garbage, "GET / HTTP/1.0\r\n\r\n", 18, 0), 18);
     ::testing::internal::CaptureStdout();
-    cMsg failed = Await(svc, MSG_SOCKET_TLS_FAILED);
+    cMsg failed = AwaitFrom(svc, MSG_SOCKET_TLS_FAILED);
     ASSERT_EQ(failed, MSG_SOCKET_TLS_FAILED);
     EXPECT_EQ(Text(failed, "reason"), "AcceptSSL");
     char c;
@@ -422,7 +396,7 @@ TEST_F(Tls, StalledAndGarbagePeersCostOnlyTheirOwnConnection)
     ASSERT_GT(StartClient(addr.GetPort(), kTls10), 0);
     cTcpSocket* good = nullptr;
     for (int i = 0; i < 3 && good == nullptr; ++i) {
-        cMsg m = Await(svc, MSG_SOCKET_CONNECTED);
+        cMsg m = AwaitFrom(svc, MSG_SOCKET_CONNECTED);
         ASSERT_EQ(m, MSG_SOCKET_CONNECTED);
         good = static_cast<cTcpSocket*>(m.GetChannel());
     }
@@ -492,7 +466,7 @@ TEST_F(Tls, ModernContextVerifiesHostAndRefusesTls10)
     server.SetSSL(Keep(openssl_create_modern_ssl_ctx(options)));
     ASSERT_EQ(server.Run(), 0);
     ASSERT_GT(StartClient(server.GetLocalAddress().GetPort(), kTls10), 0);
-    cMsg refused = Await(svc, MSG_SOCKET_TLS_FAILED);
+    cMsg refused = AwaitFrom(svc, MSG_SOCKET_TLS_FAILED);
     ASSERT_EQ(refused, MSG_SOCKET_TLS_FAILED);
     EXPECT_EQ(Text(refused, "reason"), "AcceptSSL");
 }

@@ -63,22 +63,7 @@ struct sPty {
     }
 };
 
-// Waits up to 10 s for a message of type from channel ch; other messages
-// of that type go back in the queue.
-cMsg Await(cService& svc, unsigned long type, cChannel* ch)
-{
-    std::vector<cMsg> other;
-    cMsg m;
-    for (;;) {
-        m = svc.WaitSyncMsg(10000, type);
-        if (m != type || m.GetChannel() == ch)
-            break;
-        other.push_back(m);
-    }
-    for (cMsg& o : other)
-        svc.OnMsg(o);
-    return m;
-}
+using orvo_test::AwaitFrom;
 
 std::string DataOf(const cMsg& m)
 {
@@ -159,7 +144,7 @@ TEST(Uart, SettingsBytesBothWaysAndClosedPeer)
     ASSERT_EQ(write(pty.line, in.data(), in.size()), ssize_t(in.size()));
     std::string got;
     while (got.size() < in.size()) {
-        cMsg m = Await(svc, MSG_SOCKET_DATA, &uart);
+        cMsg m = AwaitFrom(svc, MSG_SOCKET_DATA, &uart);
         ASSERT_EQ(m, MSG_SOCKET_DATA);
         got += DataOf(m);
     }
@@ -175,7 +160,7 @@ TEST(Uart, SettingsBytesBothWaysAndClosedPeer)
     std::string sent;
     std::thread reader([&] { sent = pty.Read(out.size()); });
     uart.SetWriteReadyMsg(1);
-    EXPECT_EQ(Await(svc, MSG_SOCKET_WRITABLE, &uart), MSG_SOCKET_WRITABLE);
+    EXPECT_EQ(AwaitFrom(svc, MSG_SOCKET_WRITABLE, &uart), MSG_SOCKET_WRITABLE);
     reader.join();
     EXPECT_EQ(sent, out);
     EXPECT_EQ(uart.GetQueued(), 0);
@@ -186,7 +171,7 @@ TEST(Uart, SettingsBytesBothWaysAndClosedPeer)
     // The other side goes away: reported and closed.
     close(pty.line);
     pty.line = -1;
-    EXPECT_EQ(Await(svc, MSG_SOCKET_CLOSED, &uart), MSG_SOCKET_CLOSED);
+    EXPECT_EQ(AwaitFrom(svc, MSG_SOCKET_CLOSED, &uart), MSG_SOCKET_CLOSED);
     EXPECT_EQ(uart.GetFd(), -1);
     EXPECT_EQ(uart.Write("x", 1), -1);
 }
@@ -228,7 +213,7 @@ TEST(ProxySocket, RelaysSerialMessagesIntoThePortAndDropsTheRest)
     EXPECT_EQ(proxy.GetService(), &svc);
     ASSERT_GT(proxy.Socket(AF_INET, SOCK_STREAM, 0), 0);
     ASSERT_EQ(proxy.Connect(cSocketAddr("127.0.0.1", server.GetLocalAddress().GetPort())), 0);
-    ASSERT_EQ(Await(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
+    ASSERT_EQ(AwaitFrom(svc, MSG_SOCKET_ACCEPTED, &server), MSG_SOCKET_ACCEPTED);
     cTcpSocket* remote = server.GetClients().front();
 
     cMsg data(MSG_SERIAL_DATA);
@@ -240,11 +225,11 @@ TEST(ProxySocket, RelaysSerialMessagesIntoThePortAndDropsTheRest)
     for (cMsg* m : {&other, &data, &noData, &writable})
         ASSERT_GT(remote->Send(*m), 0);
 
-    cMsg first = Await(svc, MSG_SOCKET_DATA, &uart);
+    cMsg first = AwaitFrom(svc, MSG_SOCKET_DATA, &uart);
     EXPECT_EQ(DataOf(first), "abc");
-    cMsg second = Await(svc, MSG_SOCKET_DATA, &uart);
+    cMsg second = AwaitFrom(svc, MSG_SOCKET_DATA, &uart);
     EXPECT_EQ(DataOf(second), "") << "no DATA reaches the port as zero bytes";
-    EXPECT_EQ(Await(svc, MSG_SOCKET_WRITABLE, &uart), MSG_SOCKET_WRITABLE);
+    EXPECT_EQ(AwaitFrom(svc, MSG_SOCKET_WRITABLE, &uart), MSG_SOCKET_WRITABLE);
 
     // Nothing else came out of the proxy: neither the other message nor
     // its own connection events.
