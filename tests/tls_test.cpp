@@ -469,4 +469,23 @@ TEST_F(Tls, ModernContextVerifiesHostAndRefusesTls10)
     cMsg refused = AwaitFrom(svc, MSG_SOCKET_TLS_FAILED);
     ASSERT_EQ(refused, MSG_SOCKET_TLS_FAILED);
     EXPECT_EQ(Text(refused, "reason"), "AcceptSSL");
+
+    // A server that requires client certificates: a client without one is
+    // refused, a client of the trusted CA gets through.
+    options.caFile = ca.c_str();
+    options.requireClientCert = true;
+    cTcpServer<cMsgTcpSocket> strict(&svc, cSocketAddr("127.0.0.1", 0), nullptr);
+    strict.SetSSL(Keep(openssl_create_modern_ssl_ctx(options)));
+    ASSERT_EQ(strict.Run(), 0);
+    const unsigned short strictPort = strict.GetLocalAddress().GetPort();
+    ASSERT_GT(StartClient(strictPort, {}), 0);
+    cMsg anonymous = AwaitFrom(svc, MSG_SOCKET_TLS_FAILED);
+    ASSERT_EQ(anonymous, MSG_SOCKET_TLS_FAILED);
+    EXPECT_EQ(Text(anonymous, "reason"), "AcceptSSL");
+    ::testing::internal::CaptureStdout();
+    ASSERT_GT(StartClient(strictPort, {"-cert", File("client.crt"), "-key", File("client.key")}), 0);
+    cMsg accepted = AwaitFrom(svc, MSG_SOCKET_ACCEPTED, &strict);
+    const std::string printed = ::testing::internal::GetCapturedStdout();
+    ASSERT_EQ(accepted, MSG_SOCKET_ACCEPTED);
+    EXPECT_NE(printed.find("commonName: client\n"), std::string::npos) << printed;
 }
