@@ -6,9 +6,10 @@
 //    bytes, as many as one read gave), handed to OnMsg (the state machine,
 //    or the service's queue);
 //  - Write queues bytes (up to kMaxQueued) and writes what the line takes
-//    at once; the rest goes out as the device becomes writable. When the
-//    queue has emptied and the write-ready flag is set (SetWriteReadyMsg;
-//    0 after construction) 0x3002 is reported;
+//    at once; the rest goes out as the device becomes writable. When such
+//    a flush on writability (or a call of OnWrite) leaves the queue empty
+//    and the write-ready flag is set (SetWriteReadyMsg; 0 after
+//    construction), 0x3002 is reported;
 //  - the line ending (end of file, or the device failing, as a USB adapter
 //    that is pulled or a pseudo-terminal whose other side closed) is
 //    reported as 0x4003 and the device is closed.
