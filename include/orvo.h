@@ -30,3 +30,8 @@
 #include "orvo_process.h"
 #include "orvo_scm.h"
 #include "orvo_scmio.h"
+#include "orvo_tls.h"
+#include "orvo_icmp.h"
+#include "orvo_netmgr.h"
+#include "orvo_uart.h"
+#include "orvo_proxysocket.h"
