@@ -14,6 +14,7 @@
 #include "orvo_recordpath.h"
 #include "orvo_sharedmem.h"
 #include "orvo_blockfile.h"
+#include "orvo_eeprom.h"
 #include "orvo_msg.h"
 #include "orvo_msgtypes.h"
 #include "orvo_socketaddr.h"
