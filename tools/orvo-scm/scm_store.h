@@ -6,17 +6,13 @@
 #include <map>
 #include <string>
 
+#include <orvo_blockfile.h>
 #include <orvo_record.h>
 
 namespace orvo_scm {
 
 class cRecordStore {
 public:
-    cRecordStore();
-    ~cRecordStore();
-    cRecordStore(const cRecordStore&) = delete;
-    cRecordStore& operator=(const cRecordStore&) = delete;
-
     // Opens (or creates) the file and reads what it holds; false when it
     // cannot be opened or is not a record store.
     bool Open(const std::string& path);
@@ -25,7 +21,7 @@ public:
     size_t Count() const { return m_Latest.size(); }
 
 private:
-    int m_Fd;
+    orvo::cRecordFile m_File;   // one block per store request: { name, record }
     std::map<std::string, orvo::cRecord> m_Latest;
 };
 
