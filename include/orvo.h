@@ -30,3 +30,5 @@
 #include "orvo_msgthread.h"
 #include "orvo_statem.h"
 #include "orvo_process.h"
+#include "orvo_scm.h"
+#include "orvo_scmio.h"
