@@ -145,6 +145,8 @@ void cScmServer::Handle(cMsg& msg)
     case MSG_SCM_GET_STORED_RECORD: OnFetchRecord(msg); break;
     case MSG_SCM_TRACE_LOG: OnServiceTrace(msg); break;
     case MSG_SOCKET_CLOSED: OnClosed(msg); break;
+    case MSG_SOCKET_ACCEPTED:
+    case MSG_SOCKET_CONNECTED: break;   // a service's socket announcing itself
     case MSG_PROCESS_STARTED:
         Trace(INFO, FormatString("started %s, pid %u", Text(msg.GetRecord(), "file").c_str(),
                                  msg.GetRecord().GetFirstPar("pid").GetUInt()));
@@ -369,7 +371,7 @@ void cScmServer::WatchdogTick()
         tService* s = m_Registry.ByName(t.name);
         if (s == nullptr || s->channel == nullptr || !m_Watchdog.IsWatched(t.name))
             continue;
-        cMsg trigger(kMsgWdtTrigger);
+        cMsg trigger(MSG_SCM_WDT);   // answered with 0x1000a and the same "seq-no"
         trigger.GetRecord().AppendUuidPar("service-id", s->id);
         trigger.GetRecord().AppendUIntPar("seq-no", t.seq);
         SendTo(*s, trigger);

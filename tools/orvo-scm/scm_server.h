@@ -21,10 +21,6 @@
 
 namespace orvo_scm {
 
-// The watchdog trigger orvo-scm sends; services answer it with 0x1000a
-// carrying the trigger's "seq-no".
-const unsigned long kMsgWdtTrigger = 0x10009;
-
 struct tScmOptions {
     std::string listen = "127.0.0.1:47000";
     std::string configPath;
