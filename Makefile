@@ -45,6 +45,7 @@ demo: deps
 	@$(MAKE) --no-print-directory build
 	@test -x $(HOST_DIR)/examples/record_tour || { echo "demo: $(HOST_DIR)/examples/record_tour was not built (examples/record_tour.cpp missing?)"; exit 1; }
 	$(HOST_DIR)/examples/record_tour
+	scripts/demo-platform.sh $(HOST_DIR)
 
 # The whole suite three ways plus install test and fuzzers; see scripts/test-all.sh.
 test: deps

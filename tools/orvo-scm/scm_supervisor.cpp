@@ -75,15 +75,19 @@ void cSupervisor::StopAll()
 
 void cSupervisor::KillAll()
 {
-    for (auto& kv : m_Children)
+    for (auto& kv : m_Children) {
         if (kv.second.process->IsRunning())
             kv.second.process->Kill();
+        kv.second.pid = 0;   // Kill reports no end
+    }
 }
 
 bool cSupervisor::AnyRunning() const
 {
+    // By the ends reported to OnEnded, not by cProcess: one reaper pass may
+    // reap several children before their reports are handled.
     for (const auto& kv : m_Children)
-        if (kv.second.process->IsRunning())
+        if (kv.second.pid > 0)
             return true;
     return false;
 }
