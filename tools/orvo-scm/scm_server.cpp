@@ -1,9 +1,12 @@
 // scm_server.cpp - the message handling of orvo-scm.
 #include "scm_server.h"
 
+#include <sys/socket.h>
+
 #include <cstdio>
 
 #include <orvo_channel.h>
+#include <orvo_msgsocket.h>
 #include <orvo_msgtypes.h>
 #include <orvo_record.h>
 #include <orvo_recordpath.h>
@@ -86,6 +89,11 @@ bool cScmServer::SetUp()
         std::fprintf(stderr, "orvo-scm: cannot listen on %s\n", m_Options.listen.c_str());
         return false;
     }
+    // The service runtime listens with a backlog of 5, made for one client
+    // at a time. Every service of a platform connects here at start-up, so
+    // a short queue would drop SYNs and cost the late ones whole seconds of
+    // retransmission: the queue is made as long as the system allows.
+    listen(GetSapSocket()->GetFd(), SOMAXCONN);
     m_Sap = GetSapAddress().ToString();
     std::printf("orvo-scm listening on %s\n", m_Sap.c_str());
     std::fflush(stdout);

@@ -116,6 +116,7 @@ public:
     }
 
     unsigned short Port() const { return m_Port; }
+    pid_t Pid() const { return m_Pid; }
     std::string Sap() const { return "127.0.0.1:" + std::to_string(m_Port); }
 
 private:
