@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <stdlib.h>
 
 #include <string>
 
@@ -37,26 +36,9 @@ cRecord Sub(const cRecord& r, const char* name)
 
 class OrvoScm : public ::testing::Test {
 protected:
-    void SetUp() override
+    bool StartScm(cScmProcess& scm, const std::string& json, const std::vector<std::string>& more = {})
     {
-        char dir[] = "/tmp/orvo-scm-test-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_Dir = dir;
-        m_File = m_Dir + "/scm.json";
-    }
-    void TearDown() override
-    {
-        const std::string cmd = "rm -rf '" + m_Dir + "'";
-        (void)system(cmd.c_str());
-    }
-
-    bool StartScm(cScmProcess& scm, const std::string& json, std::vector<std::string> more = {})
-    {
-        WriteFile(m_File, json);
-        std::vector<std::string> options = {"-config", m_File, "-store", m_Dir + "/records",
-                                            "-poll-ms", "100", "-restart-ms", "200"};
-        options.insert(options.end(), more.begin(), more.end());
-        return scm.Start(options);
+        return m_Dir.StartScm(scm, json, more);
     }
 
     // Registers name and takes its configuration; the answer's record.
@@ -76,7 +58,7 @@ protected:
         return msg.GetRecord();
     }
 
-    std::string m_Dir, m_File;
+    cScmTestDir m_Dir;
 };
 
 const char* const kAlphaJson = R"({"services": {"alpha": {"config": [
@@ -205,7 +187,7 @@ TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
     cScmClient alpha;
     Register(alpha, scm, id, "alpha", cRecord());
 
-    WriteFile(m_File, R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": 9}]}}})");
+    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": 9}]}}})");
     cMsg push;
     ASSERT_TRUE(alpha.ReceiveType(push, 0x10015, kWait));
     EXPECT_TRUE(push.GetTid().IsValid());
@@ -220,7 +202,7 @@ TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
 
     // A broken file is not taken: nothing is pushed, the old one stays.
     size_t mark = scm.OutputSize();
-    WriteFile(m_File, R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": -9}]}}})");
+    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": -9}]}}})");
     ASSERT_TRUE(scm.WaitFor("configuration file not taken", kWait, mark));
     EXPECT_TRUE(scm.WaitFor("uint value must be an integer", kWait, mark));
     cMsg msg;
@@ -228,7 +210,7 @@ TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
 
     // A refusal is reported as such.
     mark = scm.OutputSize();
-    WriteFile(m_File, R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": 10}]}}})");
+    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": 10}]}}})");
     ASSERT_TRUE(alpha.ReceiveType(push, 0x10015, kWait));
     cMsg refused(0x10017);
     refused.SetTid(push.GetTid());
@@ -304,15 +286,6 @@ TEST_F(OrvoScm, StoredRecordsOutliveARestart)
     }
 }
 
-// The pid in orvo-scm's line "registered '<name>' pid <pid>" found after from.
-int RegisteredPid(cScmProcess& scm, const std::string& name, size_t from)
-{
-    const std::string marker = "registered '" + name + "' pid ";
-    size_t at = 0;
-    if (!scm.WaitFor(marker, 20000, from, &at))
-        return -1;
-    return std::atoi(scm.Output().c_str() + at + marker.size());
-}
 
 TEST_F(OrvoScm, StartsItsServicesRestartsThemAndStopsThemOnSigterm)
 {

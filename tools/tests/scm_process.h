@@ -144,4 +144,46 @@ private:
     bool m_bEof = false;
 };
 
+// A private directory for one test's JSON file and record file, removed
+// afterwards, and orvo-scm started on them (file checked every 100 ms,
+// restarts after 200 ms; more options follow and win).
+class cScmTestDir {
+public:
+    cScmTestDir()
+    {
+        char dir[] = "/tmp/orvo-scm-test-XXXXXX";
+        if (mkdtemp(dir) != nullptr)
+            m_Dir = dir;
+        m_File = m_Dir + "/scm.json";
+    }
+    ~cScmTestDir()
+    {
+        const std::string cmd = "rm -rf '" + m_Dir + "'";
+        if (!m_Dir.empty() && system(cmd.c_str()) != 0)
+            return;
+    }
+    bool StartScm(cScmProcess& scm, const std::string& json, const std::vector<std::string>& more = {})
+    {
+        WriteFile(m_File, json);
+        std::vector<std::string> options = {"-config", m_File, "-store", m_Dir + "/records",
+                                            "-poll-ms", "100", "-restart-ms", "200"};
+        options.insert(options.end(), more.begin(), more.end());
+        return !m_Dir.empty() && scm.Start(options);
+    }
+    const std::string& File() const { return m_File; }
+
+private:
+    std::string m_Dir, m_File;
+};
+
+// The pid in orvo-scm's line "registered '<name>' pid <pid>" found after from.
+inline int RegisteredPid(cScmProcess& scm, const std::string& name, size_t from)
+{
+    const std::string marker = "registered '" + name + "' pid ";
+    size_t at = 0;
+    if (!scm.WaitFor(marker, 20000, from, &at))
+        return -1;
+    return std::atoi(scm.Output().c_str() + at + marker.size());
+}
+
 }  // namespace orvo_test

@@ -56,27 +56,12 @@ bool PumpUntil(cTestScmService& service, unsigned long type, cMsg* got = nullptr
 
 class ScmService : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        char dir[] = "/tmp/orvo-scm-life-XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        m_Dir = dir;
-        m_File = m_Dir + "/scm.json";
-    }
-    void TearDown() override
-    {
-        cService::SetStopFlag(false);
-        const std::string cmd = "rm -rf '" + m_Dir + "'";
-        (void)system(cmd.c_str());
-    }
+    void TearDown() override { cService::SetStopFlag(false); }
     bool StartScm(cScmProcess& scm, const std::string& json, const std::vector<std::string>& more = {})
     {
-        WriteFile(m_File, json);
-        std::vector<std::string> options = {"-config", m_File, "-store", m_Dir + "/records", "-poll-ms", "100"};
-        options.insert(options.end(), more.begin(), more.end());
-        return scm.Start(options);
+        return m_Dir.StartScm(scm, json, more);
     }
-    std::string m_Dir, m_File;
+    cScmTestDir m_Dir;
 };
 
 TEST_F(ScmService, LivesAWholeLifeWithOrvoScm)
@@ -133,7 +118,7 @@ TEST_F(ScmService, LivesAWholeLifeWithOrvoScm)
     EXPECT_EQ(back.GetFirstPar("count").GetUInt(), 17u);
 
     // A changed file: the new configuration is pushed whole and applied.
-    WriteFile(m_File, R"({"services": {"life": {"config": [{"name": "tick-ms", "type": "uint", "value": 500}]}}})");
+    WriteFile(m_Dir.File(), R"({"services": {"life": {"config": [{"name": "tick-ms", "type": "uint", "value": 500}]}}})");
     cMsg pushed;
     ASSERT_TRUE(PumpUntil(service, MSG_SCM_SETCONFIG, &pushed));
     EXPECT_EQ(GetConfig()->GetFirstPar("tick-ms").GetUInt(), 500u);
@@ -153,15 +138,6 @@ TEST_F(ScmService, LivesAWholeLifeWithOrvoScm)
     service.DeInit();
 }
 
-// The pid in orvo-scm's line "registered '<name>' pid <pid>" found after from.
-int RegisteredPid(cScmProcess& scm, const std::string& name, size_t from)
-{
-    const std::string marker = "registered '" + name + "' pid ";
-    size_t at = 0;
-    if (!scm.WaitFor(marker, 20000, from, &at))
-        return -1;
-    return std::atoi(scm.Output().c_str() + at + marker.size());
-}
 
 TEST_F(ScmService, ExampleServicesFindEachOtherAndReconnectAfterARestart)
 {
