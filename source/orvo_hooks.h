@@ -4,7 +4,7 @@
 //
 // The trace dispatcher and orvoInit/orvoDeinit must reach objects whose
 // classes live in higher families (the main service, the SCM socket, trace
-// channels, the shared-memory cells). Rather than depending on them, the
+// channels). Rather than depending on them, the
 // frame calls these function pointers; each family installs its hook when
 // it has something to offer (typically from a static initialiser in its own
 // source file, or when the object in question is created) and puts the null
@@ -58,11 +58,6 @@ ORVO_API extern tTraceChannelSend TraceChannelSend;
 // by orvoInit. Null: nothing to set up yet.
 using tServiceInitGlobal = void (*)();
 ORVO_API extern tServiceInitGlobal ServiceInitGlobal;
-
-// Closes and deletes the shared-memory cells gSmOsc and then gSmStatusW and
-// clears their pointers; called first by orvoDeinit. Null: no cells.
-using tCloseSharedCells = void (*)();
-ORVO_API extern tCloseSharedCells CloseSharedCells;
 
 }  // namespace hooks
 }  // namespace orvo

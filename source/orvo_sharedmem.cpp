@@ -2,15 +2,172 @@
 #include "orvo_sharedmem.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <string>
+
+#include "orvo_trace.h"
 
 namespace orvo {
 
+cSharedMemory<unsigned long long>* gSmStatusW = nullptr;
+cSharedMemory<unsigned long>* gSmOsc = nullptr;
+
+// ---- cBaseSharedMemory -------------------------------------------------------
+
+cBaseSharedMemory::~cBaseSharedMemory()
+{
+    Close();
+}
+
+int cBaseSharedMemory::Open(const char* name, int size)
+{
+    Close();
+    if (name == nullptr || size <= 0)
+        return -1;
+    SetObjName(name);
+    m_Size = static_cast<uint32_t>(size);
+    const std::string semName = std::string("_") + name + "_";
+    if (m_Lock.Open(semName.c_str()) == -1)
+        return -1;
+    m_fd = ::shm_open(name, O_RDWR | O_CLOEXEC, 0666);
+    if (m_fd < 0)
+        m_fd = ::shm_open(name, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    if (m_fd < 0)
+        return -1;
+    if (::ftruncate(m_fd, size) != 0)
+        return -1;
+    void* p = ::mmap(nullptr, m_Size, PROT_READ | PROT_WRITE, MAP_SHARED, m_fd, 0);
+    if (p == MAP_FAILED)
+        return -1;
+    m_Buffer = p;
+    return m_fd;
+}
+
+bool cBaseSharedMemory::Lock()
+{
+    return m_Lock.Lock() == 1;
+}
+
+bool cBaseSharedMemory::Unlock()
+{
+    return m_Lock.Unlock() == 1;
+}
+
+void cBaseSharedMemory::Close()
+{
+    if (m_Buffer != nullptr)
+        ::munmap(m_Buffer, m_Size);
+    m_Buffer = nullptr;
+    m_Lock.Close();
+    if (m_fd >= 0)
+        ::close(m_fd);
+    m_fd = -1;
+}
+
+void cBaseSharedMemory::Delete()
+{
+    Close();
+    const std::string name = GetObjName();
+    if (!name.empty())
+        ::shm_unlink(name.c_str());
+}
+
+// ---- the process-wide cells ----------------------------------------------------
+
+namespace {
+
+// Guards the two cell pointers; never held while opening or tracing.
+std::mutex& CellLock()
+{
+    static std::mutex* lock = new std::mutex;
+    return *lock;
+}
+
+// The cell, opened on first use; null when that fails. A failed open traces,
+// and the trace line reads the operating seconds: the flag makes that nested
+// call return at once instead of opening (and tracing) again.
+template <class T>
+cSharedMemory<T>* UseCell(cSharedMemory<T>*& cell, const char* name, bool& openingHere)
+{
+    {
+        std::lock_guard<std::mutex> lock(CellLock());
+        if (cell != nullptr)
+            return cell;
+    }
+    if (openingHere)
+        return nullptr;
+    openingHere = true;
+    auto* opened = new cSharedMemory<T>;
+    const bool ok = opened->Open(name) != -1;
+    if (ok) {
+        std::lock_guard<std::mutex> lock(CellLock());
+        if (cell == nullptr)
+            cell = opened;
+        else
+            opened = nullptr;   // another thread was first; keep its set (a Close would remove it)
+    } else {
+        delete opened;
+        ORVO_TRACE(UnitORVO, ERROR, std::string("can't open shared memory '") + name + "'");
+    }
+    openingHere = false;
+    std::lock_guard<std::mutex> lock(CellLock());
+    return ok ? cell : nullptr;
+}
+
+thread_local bool tOpeningStatusW = false;
+thread_local bool tOpeningOsc = false;
+
+cSharedMemory<unsigned long long>* StatusCell()
+{
+    return UseCell(gSmStatusW, "statusw", tOpeningStatusW);
+}
+
+}  // namespace
+
+unsigned long long GetStatusW()
+{
+    unsigned long long value = 0;
+    cSharedMemory<unsigned long long>* cell = StatusCell();
+    return cell != nullptr && cell->Get(value) ? value : 0;
+}
+
+bool SetStatusW(unsigned long long value)
+{
+    cSharedMemory<unsigned long long>* cell = StatusCell();
+    return cell != nullptr && cell->Set(value);
+}
+
+bool ModifyStatusW(unsigned long long setBits, unsigned long long keepMask)
+{
+    cSharedMemory<unsigned long long>* cell = StatusCell();
+    return cell != nullptr && cell->ModifyBits(setBits, keepMask);
+}
+
 unsigned long GetOSC()
 {
-    return 0;
+    unsigned long value = 0;
+    cSharedMemory<unsigned long>* cell = UseCell(gSmOsc, "bsz", tOpeningOsc);
+    return cell != nullptr && cell->Get(value) ? value : 0;
+}
+
+void CloseSharedCells()
+{
+    cSharedMemory<unsigned long>* osc;
+    cSharedMemory<unsigned long long>* status;
+    {
+        std::lock_guard<std::mutex> lock(CellLock());
+        osc = gSmOsc;
+        status = gSmStatusW;
+        gSmOsc = nullptr;
+        gSmStatusW = nullptr;
+    }
+    delete osc;       // the destructor closes
+    delete status;
 }
 
 void ToggleWD()
