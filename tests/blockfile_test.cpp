@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -486,4 +487,204 @@ TEST_F(BlockFile, ManyBlocksReopenAcrossReadWindows)
         ASSERT_EQ(r.bstime, i);
         ASSERT_EQ(r.data, Payload(i));
     }
+}
+
+// ---- crash consistency ---------------------------------------------------------
+
+namespace {
+
+// Checks that the file opens and its chain is a run of intact test-stream
+// blocks with consecutive stamps; returns the youngest stamp (-1 when empty)
+// and the count through the pointers.
+::testing::AssertionResult ChainIsIntact(const std::string& path, long long* youngest,
+                                         unsigned long* count)
+{
+    cBlockFile f;
+    if (!f.Open(path, false))
+        return ::testing::AssertionFailure() << "file does not open";
+    *count = f.Count();
+    *youngest = -1;
+    for (unsigned long i = 0; i < f.Count(); ++i) {
+        sRead r = ReadAt(f, i);
+        if (r.result != BLOCKFILE_OK || r.data != Payload(r.bstime))
+            return ::testing::AssertionFailure() << "block " << i << " reads " << r.result;
+        if (i > 0 && static_cast<long long>(r.bstime) != *youngest + 1)
+            return ::testing::AssertionFailure() << "stamp " << r.bstime << " follows " << *youngest;
+        *youngest = static_cast<long long>(r.bstime);
+    }
+    return ::testing::AssertionSuccess();
+}
+
+struct sWrite {
+    off_t pos;
+    std::string bytes;
+};
+std::vector<sWrite> gWrites;
+
+ssize_t RecordWrite(int fd, const void* data, size_t len, off_t pos)
+{
+    gWrites.push_back({pos, std::string(static_cast<const char*>(data), len)});
+    return pwrite(fd, data, len, pos);
+}
+
+void Apply(std::string& image, const sWrite& w, size_t len)
+{
+    if (image.size() < w.pos + len)
+        image.resize(w.pos + len, '\0');
+    image.replace(static_cast<size_t>(w.pos), len, w.bytes, 0, len);
+}
+
+// Where a write may be cut by a power failure: at every 512-byte sector
+// boundary inside it; a block write (nothing points at it yet) anywhere.
+std::vector<size_t> TearPoints(const sWrite& w)
+{
+    std::vector<size_t> cuts;
+    for (size_t t = 1; t < w.bytes.size(); ++t) {
+        const bool sector = (w.pos + t) % 512 == 0;
+        const bool block = w.bytes.size() >= 26 + 1 && (t == 13 || t == 26 || t == w.bytes.size() / 2 ||
+                                                         t == w.bytes.size() - 1);
+        if (sector || block)
+            cuts.push_back(t);
+    }
+    return cuts;
+}
+
+// Appends n stream blocks while recording the writes, then replays every
+// prefix of them (and every prefix with its last write torn) onto a copy of
+// the file as it was before the first append.
+void ReplayPowerCuts(const std::string& dir, unsigned long maxCount, bool commit)
+{
+    const std::string path = dir + "/recorded";
+    const std::string copy = dir + "/replayed";
+    unlink(path.c_str());
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, true));
+    ASSERT_TRUE(f.SetMaxCount(maxCount));
+    const std::string base = ReadFile(path);
+    gWrites.clear();
+    blockfile_io::Write = RecordWrite;
+    std::vector<size_t> appendEnds;     // writes done when append i returned
+    const unsigned long n = 60;
+    for (unsigned long i = 0; i < n; ++i) {
+        const int rc = AppendText(f, Payload(i * 13 % 97), i * 13 % 97);
+        appendEnds.push_back(gWrites.size());
+        if (rc != BLOCKFILE_OK || (commit && !f.Commit()))
+            break;
+    }
+    blockfile_io::Write = nullptr;
+    ASSERT_EQ(appendEnds.size(), n);
+    // The stream's stamps are not consecutive: map them back to append order.
+    std::vector<long long> order(97, -1);
+    for (unsigned long i = 0; i < n; ++i)
+        order[i * 13 % 97] = static_cast<long long>(i);
+
+    size_t images = 0;
+    for (size_t k = 0; k <= gWrites.size(); ++k) {
+        std::vector<size_t> cuts = {0};
+        if (k < gWrites.size())
+            cuts = TearPoints(gWrites[k]), cuts.insert(cuts.begin(), 0);
+        for (size_t cut : cuts) {
+            std::string image = base;
+            for (size_t j = 0; j < k; ++j)
+                Apply(image, gWrites[j], gWrites[j].bytes.size());
+            if (cut > 0)
+                Apply(image, gWrites[k], cut);
+            WriteFile(copy, image);
+            ++images;
+            size_t completed = std::upper_bound(appendEnds.begin(), appendEnds.end(), k) - appendEnds.begin();
+            cBlockFile g;
+            ASSERT_TRUE(g.Open(copy, false)) << "after " << k << " writes, cut " << cut;
+            std::vector<long long> seq;
+            for (unsigned long i = 0; i < g.Count(); ++i) {
+                sRead r = ReadAt(g, i);
+                ASSERT_EQ(r.result, BLOCKFILE_OK) << "after " << k << " writes, cut " << cut;
+                ASSERT_EQ(r.data, Payload(r.bstime));
+                seq.push_back(order.at(r.bstime));
+            }
+            // A torn last write of an append can still hold all its bytes that
+            // differ (the high bytes of a link are often zero already).
+            if (cut > 0 && completed < n && appendEnds[completed] == k + 1 && !seq.empty() &&
+                seq.back() == static_cast<long long>(completed))
+                ++completed;
+            // A consecutive run of appends ending with the last completed one;
+            // a full ring may already have dropped one more of its oldest.
+            const size_t kept = maxCount == 0 ? completed : std::min<size_t>(completed, maxCount);
+            ASSERT_TRUE(seq.size() == kept || (maxCount != 0 && completed >= maxCount && seq.size() + 1 == kept))
+                << "after " << k << " writes: " << seq.size() << " blocks, " << completed << " appends done";
+            for (size_t i = 0; i < seq.size(); ++i)
+                ASSERT_EQ(seq[i], static_cast<long long>(completed - seq.size() + i))
+                    << "max " << maxCount << " after " << k << " writes, cut " << cut << " size " << seq.size();
+        }
+    }
+    EXPECT_GT(images, gWrites.size());
+}
+
+}  // namespace
+
+TEST_F(BlockFile, PowerCutAtAnyWriteKeepsEveryCompletedBlock)
+{
+    ReplayPowerCuts(dir, 0, false);
+    ReplayPowerCuts(dir, 5, false);
+    ReplayPowerCuts(dir, 7, true);
+}
+
+// A writer killed with SIGKILL at random moments, again and again, on the same
+// file: every block whose append it reported survives, intact and in order.
+TEST_F(BlockFile, KillDuringAppendsLosesNoCompletedBlock)
+{
+    for (unsigned long maxCount : {0UL, 50UL}) {
+        const std::string file = dir + "/killed" + std::to_string(maxCount);
+        long long last = -1;    // youngest stamp known to be complete
+        for (int round = 0; round < 6; ++round) {
+            orvo_test::sChild child = orvo_test::StartChild(
+                [&](int toParent) {
+                    cBlockFile w;
+                    if (!w.Open(file, true) || !w.SetMaxCount(maxCount))
+                        return 1;
+                    unsigned long long next = 0;
+                    if (w.Count() > 0)
+                        next = ReadAt(w, w.Count() - 1).bstime + 1;
+                    for (;; ++next) {
+                        if (AppendText(w, Payload(next), next) != BLOCKFILE_OK)
+                            return 2;
+                        (void)!write(toParent, &next, sizeof next);
+                    }
+                },
+                30);
+            unsigned long long reported = 0;
+            const int wanted = 200 + round * 150;
+            for (int i = 0; i < wanted; ++i)
+                ASSERT_EQ(read(child.pipe, &reported, sizeof reported), static_cast<ssize_t>(sizeof reported));
+            usleep(static_cast<useconds_t>(round * 300));
+            kill(child.pid, SIGKILL);
+            while (read(child.pipe, &reported, sizeof reported) == static_cast<ssize_t>(sizeof reported)) {
+            }
+            EXPECT_EQ(orvo_test::EndChild(child), -1);
+            long long youngest = -1;
+            unsigned long count = 0;
+            ASSERT_TRUE(ChainIsIntact(file, &youngest, &count)) << "round " << round;
+            ASSERT_GE(youngest, static_cast<long long>(reported));
+            ASSERT_LE(youngest, static_cast<long long>(reported) + 1);
+            ASSERT_GT(youngest, last);
+            if (maxCount == 0)
+                ASSERT_EQ(count, static_cast<unsigned long>(youngest + 1));
+            else
+                ASSERT_GE(count, maxCount - 1);
+            last = youngest;
+        }
+    }
+}
+
+TEST_F(BlockFile, CommitSyncsOnlyAnOpenFile)
+{
+    cBlockFile f;
+    EXPECT_FALSE(f.Commit());
+    ASSERT_TRUE(f.Open(path, true));
+    EXPECT_TRUE(f.Commit());
+    ASSERT_EQ(AppendText(f, Payload(0), 0), BLOCKFILE_OK);
+    EXPECT_TRUE(f.Commit());
+    long long youngest = -1;
+    unsigned long count = 0;
+    EXPECT_TRUE(ChainIsIntact(path, &youngest, &count));
+    EXPECT_EQ(count, 1u);
 }
