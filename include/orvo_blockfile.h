@@ -195,6 +195,7 @@ private:
     uint32_t m_Reserved1 = 0;
     uint32_t m_Reserved2 = 0;
     int m_fd = -1;                  // -1 when closed
+    uint64_t m_FileEnd = 0;         // file size as far as this object wrote or read it
     bool m_Ordered = false;         // Commit called since Open: Append syncs between steps
     std::deque<cBlock> m_Blocks;    // chain order: oldest first
     // The ring's free-space index: the chain's blocks by position (size),

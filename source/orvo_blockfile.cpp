@@ -216,6 +216,7 @@ bool cBlockFile::CreateFile()
         Close();
         return false;
     }
+    m_FileEnd = kFileHeaderSize;
     return true;
 }
 
@@ -257,6 +258,7 @@ bool cBlockFile::ReadChain()
     if (::fstat(m_fd, &st) != 0)
         return false;
     const uint64_t fileSize = static_cast<uint64_t>(st.st_size);
+    m_FileEnd = fileSize;
     const uint64_t maxBlocks = fileSize > kFileHeaderSize ? (fileSize - kFileHeaderSize) / kBlockHeaderSize : 0;
     cChainReader reader(m_fd);
     uint32_t pos = m_FirstPos;
@@ -368,7 +370,9 @@ int cBlockFile::Append(const void* Data, unsigned long Size, const cTime& CTime,
     }
     off_t pos;
     if (m_MaxCount != 0)
-        pos = ChooseRingPosition(blockSize);
+        // Never behind the end of the file: only a damaged block size could
+        // put the end of the last block there.
+        pos = std::min<uint64_t>(ChooseRingPosition(blockSize), m_FileEnd);
     else
         pos = ::lseek(m_fd, 0, SEEK_END);
     if (pos < 0 || static_cast<uint64_t>(pos) + blockSize > 0xFFFFFFFFULL)
@@ -407,6 +411,7 @@ int cBlockFile::Append(const void* Data, unsigned long Size, const cTime& CTime,
         }
     }
     AddToChain(block);
+    m_FileEnd = std::max<uint64_t>(m_FileEnd, static_cast<uint64_t>(pos) + blockSize);
     return BLOCKFILE_OK;
 }
 
@@ -420,6 +425,11 @@ int cBlockFile::GetAt(unsigned long Index, void*& Data, unsigned long& Size, cTi
     const cBlock& block = m_Blocks[Index];
     const unsigned long payload = block.m_Size - kBlockHeaderSize;
     if (block.m_Size > m_ReadBufferSize) {
+        // A damaged size must not allocate more than the file could hold.
+        struct stat st;
+        if (::fstat(m_fd, &st) != 0 ||
+            block.m_FilePos + static_cast<long long>(block.m_Size) > static_cast<long long>(st.st_size))
+            return BLOCKFILE_READ_PAYLOAD_ERR;
         char* grown = static_cast<char*>(std::realloc(m_ReadBuffer, block.m_Size));
         if (grown == nullptr)
             return BLOCKFILE_READ_PAYLOAD_ERR;
@@ -460,7 +470,10 @@ void cBlockFile::Clear()
     const std::string name = GetObjName();
     Close();
     ::unlink(name.c_str());
-    if (!Open(name, true)) {
+    // Created directly, not through Open: a file that could not be deleted
+    // must not have its damaged chain read (and wiped) again.
+    SetObjName(name);
+    if (!CreateFile()) {
         std::printf("clear %s failed (%s)", name.c_str(), std::strerror(errno));
         std::fflush(stdout);
     }
