@@ -2,6 +2,7 @@
 #include "orvo_blockfile.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -48,24 +49,28 @@ void PutU64(unsigned char* p, uint64_t v)
         p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
+// The format is little-endian; so is every platform this library builds for
+// (checked below), so a field is one unaligned load.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "block files are read with little-endian loads");
+
 uint16_t GetU16(const unsigned char* p)
 {
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+    uint16_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
 uint32_t GetU32(const unsigned char* p)
 {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; --i)
-        v = (v << 8) | p[i];
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
     return v;
 }
 
 uint64_t GetU64(const unsigned char* p)
 {
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i)
-        v = (v << 8) | p[i];
+    uint64_t v;
+    std::memcpy(&v, p, sizeof v);
     return v;
 }
 
@@ -95,27 +100,59 @@ ssize_t ReadAll(int fd, void* data, size_t len, off_t pos)
     return static_cast<ssize_t>(done);
 }
 
-// Reads block headers through a large window of the file.
+// Reads block headers for the chain walk: through a read-only mapping of the
+// whole file (populated at once, no copy of the payloads), or, when the file
+// cannot be mapped, through a large window of it, so that a file whose blocks
+// lie in chain order costs one read per window, not one per header.
 class cChainReader {
 public:
-    explicit cChainReader(int fd) : m_fd(fd) {}
+    cChainReader(int fd, uint64_t fileSize) : m_fd(fd)
+    {
+        if (fileSize == 0 || fileSize > kMaxMapped)
+            return;
+        void* p = ::mmap(nullptr, static_cast<size_t>(fileSize), PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
+        if (p == MAP_FAILED)
+            return;
+        m_Map = static_cast<const unsigned char*>(p);
+        m_Start = 0;
+        m_Len = fileSize;
+    }
+    ~cChainReader()
+    {
+        if (m_Map != nullptr)
+            ::munmap(const_cast<unsigned char*>(m_Map), static_cast<size_t>(m_Len));
+    }
+    cChainReader(const cChainReader&) = delete;
+    cChainReader& operator=(const cChainReader&) = delete;
+
     // Copies up to 26 bytes at pos into out; returns how many the file holds.
     size_t Header(uint32_t pos, unsigned char* out)
     {
-        if (pos < m_Start || pos + kBlockHeaderSize > m_Start + m_Len) {
-            m_Window.resize(kChainWindow);
-            ssize_t n = ReadAll(m_fd, m_Window.data(), m_Window.size(), pos);
-            m_Start = pos;
-            m_Len = n > 0 ? static_cast<uint64_t>(n) : 0;
+        const unsigned char* base = m_Map;
+        if (base == nullptr) {
+            if (pos < m_Start || pos + kBlockHeaderSize > m_Start + m_Len) {
+                m_Window.resize(kChainWindow);
+                ssize_t n = ReadAll(m_fd, m_Window.data(), m_Window.size(), pos);
+                m_Start = pos;
+                m_Len = n > 0 ? static_cast<uint64_t>(n) : 0;
+            }
+            base = m_Window.data();
         }
+        if (pos < m_Start || pos >= m_Start + m_Len)
+            return 0;
         const uint64_t avail = m_Start + m_Len - pos;
         const size_t got = static_cast<size_t>(std::min<uint64_t>(avail, kBlockHeaderSize));
-        std::memcpy(out, m_Window.data() + (pos - m_Start), got);
+        std::memcpy(out, base + (pos - m_Start), got);
         return got;
     }
 
 private:
+    // Larger files (and a 32-bit address space that cannot take them) use
+    // the window.
+    static constexpr uint64_t kMaxMapped = 256u * 1024 * 1024;
+
     int m_fd;
+    const unsigned char* m_Map = nullptr;
     std::vector<unsigned char> m_Window;
     uint64_t m_Start = 0;
     uint64_t m_Len = 0;
@@ -227,9 +264,7 @@ void cBlockFile::Close()
     m_fd = -1;
     m_Ordered = false;
     m_Blocks.clear();
-    m_ByPos.clear();
-    m_Gaps.clear();
-    m_GapLens.clear();
+    DropPositionIndex();
 }
 
 bool cBlockFile::WriteFileHeader()
@@ -260,7 +295,7 @@ bool cBlockFile::ReadChain()
     const uint64_t fileSize = static_cast<uint64_t>(st.st_size);
     m_FileEnd = fileSize;
     const uint64_t maxBlocks = fileSize > kFileHeaderSize ? (fileSize - kFileHeaderSize) / kBlockHeaderSize : 0;
-    cChainReader reader(m_fd);
+    cChainReader reader(m_fd, fileSize);
     uint32_t pos = m_FirstPos;
     while (pos != 0) {
         if (pos >= fileSize || pos < kFileHeaderSize)
@@ -307,9 +342,31 @@ void cBlockFile::RefreshGapBefore(std::map<uint32_t, uint32_t>::iterator it)
     }
 }
 
+void cBlockFile::DropPositionIndex()
+{
+    m_Indexed = false;
+    m_ByPos.clear();
+    m_Gaps.clear();
+    m_GapLens.clear();
+}
+
+// Built on the first placement in a ring, so that opening a file (and
+// appending to an unbounded one) never pays for it.
+void cBlockFile::BuildPositionIndex()
+{
+    DropPositionIndex();
+    for (size_t i = 0; i < m_Blocks.size(); ++i)
+        m_ByPos.emplace(static_cast<uint32_t>(m_Blocks[i].m_FilePos), m_Blocks[i].m_Size);
+    for (auto it = m_ByPos.begin(); it != m_ByPos.end(); ++it)
+        RefreshGapBefore(it);
+    m_Indexed = true;
+}
+
 void cBlockFile::AddToChain(const cBlock& block)
 {
     m_Blocks.push_back(block);
+    if (!m_Indexed)
+        return;
     auto it = m_ByPos.emplace(static_cast<uint32_t>(block.m_FilePos), block.m_Size).first;
     RefreshGapBefore(it);
     if (std::next(it) != m_ByPos.end())
@@ -321,6 +378,8 @@ void cBlockFile::DropOldest()
     const uint32_t pos = static_cast<uint32_t>(m_Blocks.front().m_FilePos);
     m_Blocks.pop_front();
     m_FirstPos = m_Blocks.empty() ? 0 : static_cast<uint32_t>(m_Blocks.front().m_FilePos);
+    if (!m_Indexed)
+        return;
     auto it = m_ByPos.find(pos);
     if (it == m_ByPos.end())
         return;
@@ -334,8 +393,10 @@ void cBlockFile::DropOldest()
         RefreshGapBefore(next);
 }
 
-uint32_t cBlockFile::ChooseRingPosition(uint32_t blockSize) const
+uint32_t cBlockFile::ChooseRingPosition(uint32_t blockSize)
 {
+    if (!m_Indexed)
+        BuildPositionIndex();
     if (!m_GapLens.empty() && *m_GapLens.rbegin() >= blockSize) {
         for (const auto& gap : m_Gaps) {
             if (gap.second.second >= blockSize)
@@ -374,8 +435,8 @@ int cBlockFile::Append(const void* Data, unsigned long Size, const cTime& CTime,
         // put the end of the last block there.
         pos = std::min<uint64_t>(ChooseRingPosition(blockSize), m_FileEnd);
     else
-        pos = ::lseek(m_fd, 0, SEEK_END);
-    if (pos < 0 || static_cast<uint64_t>(pos) + blockSize > 0xFFFFFFFFULL)
+        pos = static_cast<off_t>(m_FileEnd);
+    if (static_cast<uint64_t>(pos) + blockSize > 0xFFFFFFFFULL)
         return BLOCKFILE_ERR;
 
     cBlock block;

@@ -688,3 +688,25 @@ TEST_F(BlockFile, CommitSyncsOnlyAnOpenFile)
     EXPECT_TRUE(ChainIsIntact(path, &youngest, &count));
     EXPECT_EQ(count, 1u);
 }
+
+TEST_F(BlockFile, LongRunningRingKeepsTheNewestBlocks)
+{
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, true));
+    ASSERT_TRUE(f.SetMaxCount(100));
+    const unsigned long n = 5000;    // the front passes several chunks of the chain
+    for (unsigned long i = 0; i < n; ++i)
+        ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
+    const std::vector<unsigned long long> stamps = Stamps(f);
+    ASSERT_EQ(stamps.size(), 100u);
+    EXPECT_EQ(stamps.front(), n - 100);
+    EXPECT_EQ(stamps.back(), n - 1);
+    // Blocks of up to 106 bytes reuse the space of dropped ones.
+    EXPECT_LT(ReadFile(path).size(), 100u * (26 + 106) * 2);
+    f.Close();
+    long long youngest = -1;
+    unsigned long count = 0;
+    ASSERT_TRUE(ChainIsIntact(path, &youngest, &count));
+    EXPECT_EQ(count, 100u);
+    EXPECT_EQ(youngest, static_cast<long long>(n - 1));
+}
