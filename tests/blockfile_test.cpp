@@ -19,8 +19,10 @@
 #include "orvo_blockfile.h"
 #include "orvo_record.h"
 #include "test_helpers.h"
+#include "x25.h"
 
 using namespace orvo;
+using orvo_test::X25;
 
 namespace {
 
@@ -59,17 +61,6 @@ void PutLe(std::string& b, size_t at, uint64_t v, int n)
         b.at(at + i) = static_cast<char>(v >> (8 * i));
 }
 
-// CRC-16/X-25 bit by bit, independent of the library's table.
-uint16_t X25(const std::string& data)
-{
-    uint16_t crc = 0xFFFF;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0x8408) : static_cast<uint16_t>(crc >> 1);
-    }
-    return static_cast<uint16_t>(~crc);
-}
 
 // One block as an independent reader sees it at pos.
 struct sRawBlock {
