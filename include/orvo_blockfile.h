@@ -33,15 +33,18 @@
 //
 // A power cut can also lose what the kernel had not yet written, in any order.
 // For the same guarantee across a power cut, call Commit() after every call
-// that changes the file: Append, SetMaxCount and Clear. Commit syncs the file's
-// data (fdatasync) and puts the file into ordered mode: from then until Close,
-// each Append also syncs between steps 1, 2 and 3, so the medium sees them in
-// this order. A file that is never committed pays no sync at all
-// and keeps the kill -9 guarantee only. The guarantee assumes, like most file
-// systems, that a write within one 512-byte sector reaches the medium whole;
-// the 4-byte field of step 3 lies within one sector unless the block starts at
-// 506 to 511 modulo 512 past a file position of 64 KiB, where a cut between the
-// two sectors can leave a truncated pointer.
+// that changes the file: Append, SetMaxCount and Clear (and after an Open that
+// created the file). Commit syncs the file's data (fdatasync), after a creation
+// also its directory, and puts the file into ordered mode: from then until
+// Close, each Append also syncs between steps 1, 2 and 3, so the medium sees
+// them in this order. A file that is never committed pays no sync at all and
+// keeps the kill -9 guarantee only.
+//
+// The guarantee assumes, like most file systems, that a write within one
+// 512-byte sector reaches the medium whole. The 4-byte field of step 3 crosses
+// a sector boundary when the previous block starts 505 to 507 bytes past one
+// (3 appends in 512); a cut between those two sectors, in that one write, can
+// leave a truncated pointer, which makes the open fail.
 //
 // Damage that is not a torn append: a chain that points at itself, at or
 // beyond the end of the file, or round a loop of several blocks refuses the
@@ -169,9 +172,9 @@ public:
     // Deletes the file and creates it empty, keeping the maximum count. Prints
     // "clear <name> failed (<error>)" on standard output when that fails.
     void Clear();
-    // Syncs the file's data to the medium (fdatasync) and switches Append to
-    // ordered mode until Close (see above). True on success; false when not open or the
-    // sync failed.
+    // Syncs the file's data to the medium (fdatasync; after a creation also
+    // the directory) and switches Append to ordered mode until Close (see
+    // above). True on success; false when not open or a sync failed.
     bool Commit();
 
     // "name=<file>, count=<n>, maxcount=<n>, fd=<n>".
@@ -251,6 +254,7 @@ private:
     int m_fd = -1;                  // -1 when closed
     uint64_t m_FileEnd = 0;         // file size as far as this object wrote or read it
     bool m_Ordered = false;         // Commit called since Open: Append syncs between steps
+    bool m_NewName = false;         // created here, directory not yet synced
     cChain m_Blocks;                // chain order: oldest first
     // The ring's free-space index, built on first use: the chain's blocks by
     // position (size), the free space in front of each block (keyed by the block's position:

@@ -254,6 +254,7 @@ bool cBlockFile::CreateFile()
         return false;
     }
     m_FileEnd = kFileHeaderSize;
+    m_NewName = true;
     return true;
 }
 
@@ -263,6 +264,7 @@ void cBlockFile::Close()
         ::close(m_fd);
     m_fd = -1;
     m_Ordered = false;
+    m_NewName = false;
     m_Blocks.clear();
     DropPositionIndex();
 }
@@ -547,6 +549,20 @@ bool cBlockFile::Commit()
 {
     if (!IsValid() || ::fdatasync(m_fd) != 0)
         return false;
+    if (m_NewName) {
+        // A file this object created is only found after a power cut once
+        // its directory entry is on the medium too.
+        const std::string name = GetObjName();
+        const size_t slash = name.rfind('/');
+        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
+        const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const bool synced = dirFd >= 0 && ::fsync(dirFd) == 0;
+        if (dirFd >= 0)
+            ::close(dirFd);
+        if (!synced)
+            return false;
+        m_NewName = false;
+    }
     m_Ordered = true;
     return true;
 }
