@@ -21,6 +21,9 @@ namespace orvo {
 
 namespace blockfile_io {
 tWrite Write = nullptr;
+// Larger files (and a 32-bit address space that cannot take them) use the
+// window.
+unsigned long long MapLimit = 256ULL * 1024 * 1024;
 }  // namespace blockfile_io
 
 namespace {
@@ -108,7 +111,7 @@ class cChainReader {
 public:
     cChainReader(int fd, uint64_t fileSize) : m_fd(fd)
     {
-        if (fileSize == 0 || fileSize > kMaxMapped)
+        if (fileSize == 0 || fileSize > blockfile_io::MapLimit)
             return;
         void* p = ::mmap(nullptr, static_cast<size_t>(fileSize), PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
         if (p == MAP_FAILED)
@@ -147,10 +150,6 @@ public:
     }
 
 private:
-    // Larger files (and a 32-bit address space that cannot take them) use
-    // the window.
-    static constexpr uint64_t kMaxMapped = 256u * 1024 * 1024;
-
     int m_fd;
     const unsigned char* m_Map = nullptr;
     std::vector<unsigned char> m_Window;

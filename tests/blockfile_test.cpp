@@ -462,7 +462,7 @@ TEST_F(BlockFile, RecordFileStoresRecords)
     EXPECT_EQ(f.GetAt(2, back, ctime, bstime), BLOCKFILE_WRONG_POS);
 }
 
-TEST_F(BlockFile, ManyBlocksReopenAcrossReadWindows)
+TEST_F(BlockFile, ManyBlocksReopenMappedAndThroughReadWindows)
 {
     cBlockFile f;
     ASSERT_TRUE(f.Open(path, true));
@@ -470,14 +470,30 @@ TEST_F(BlockFile, ManyBlocksReopenAcrossReadWindows)
     for (unsigned long i = 0; i < n; ++i)
         ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
     f.Close();
-    ASSERT_TRUE(f.Open(path, false));
-    ASSERT_EQ(f.Count(), n);
-    for (unsigned long i = 0; i < n; ++i) {
-        sRead r = ReadAt(f, i);
-        ASSERT_EQ(r.result, BLOCKFILE_OK);
-        ASSERT_EQ(r.bstime, i);
-        ASSERT_EQ(r.data, Payload(i));
+    for (unsigned long long mapLimit : {blockfile_io::MapLimit, 0ULL}) {
+        const unsigned long long saved = blockfile_io::MapLimit;
+        blockfile_io::MapLimit = mapLimit;
+        const bool opened = f.Open(path, false);
+        blockfile_io::MapLimit = saved;
+        ASSERT_TRUE(opened);
+        ASSERT_EQ(f.Count(), n);
+        for (unsigned long i = 0; i < n; ++i) {
+            sRead r = ReadAt(f, i);
+            ASSERT_EQ(r.result, BLOCKFILE_OK);
+            ASSERT_EQ(r.bstime, i);
+            ASSERT_EQ(r.data, Payload(i));
+        }
     }
+    // The window path also meets the end of the file inside a header.
+    std::string file = ReadFile(path);
+    const size_t last = file.size() - (26 + Payload(n - 1).size());
+    PutLe(file, last + 4, file.size() - 5, 4);
+    WriteFile(path, file);
+    const unsigned long long saved = blockfile_io::MapLimit;
+    blockfile_io::MapLimit = 0;
+    EXPECT_FALSE(f.Open(path, false));
+    blockfile_io::MapLimit = saved;
+    EXPECT_EQ(ReadFile(path).size(), 17u);    // wiped
 }
 
 // ---- crash consistency ---------------------------------------------------------
