@@ -81,50 +81,63 @@ void cBaseSharedMemory::Delete()
 
 namespace {
 
-// Guards the two cell pointers; never held while opening or tracing.
+// Guards the two cell pointers; held only to read or set them.
 std::mutex& CellLock()
 {
     static std::mutex* lock = new std::mutex;
     return *lock;
 }
 
-// The cell, opened on first use; null when that fails. A failed open traces,
-// and the trace line reads the operating seconds: the flag makes that nested
-// call return at once instead of opening (and tracing) again.
-template <class T>
-cSharedMemory<T>* UseCell(cSharedMemory<T>*& cell, const char* name, bool& openingHere)
+// Lets one thread at a time open a cell, so that no second object is opened
+// and closed again (closing removes the semaphore for everyone). Never held
+// while tracing.
+std::mutex& OpenLock()
 {
-    {
-        std::lock_guard<std::mutex> lock(CellLock());
-        if (cell != nullptr)
-            return cell;
-    }
-    if (openingHere)
-        return nullptr;
-    openingHere = true;
-    auto* opened = new cSharedMemory<T>;
-    const bool ok = opened->Open(name) != -1;
-    if (ok) {
-        std::lock_guard<std::mutex> lock(CellLock());
-        if (cell == nullptr)
-            cell = opened;
-        else
-            opened = nullptr;   // another thread was first; keep its set (a Close would remove it)
-    } else {
-        delete opened;
-        ORVO_TRACE(UnitORVO, ERROR, std::string("can't open shared memory '") + name + "'");
-    }
-    openingHere = false;
-    std::lock_guard<std::mutex> lock(CellLock());
-    return ok ? cell : nullptr;
+    static std::mutex* lock = new std::mutex;
+    return *lock;
 }
 
-thread_local bool tOpeningStatusW = false;
-thread_local bool tOpeningOsc = false;
+template <class T>
+cSharedMemory<T>* CurrentCell(cSharedMemory<T>*& cell)
+{
+    std::lock_guard<std::mutex> lock(CellLock());
+    return cell;
+}
+
+// The cell, opened on first use; null when that fails. A failed open traces,
+// and the trace line reads the operating seconds: tracingHere makes that
+// nested call return at once instead of opening (and tracing) again.
+template <class T>
+cSharedMemory<T>* UseCell(cSharedMemory<T>*& cell, const char* name, bool& tracingHere)
+{
+    if (cSharedMemory<T>* current = CurrentCell(cell))
+        return current;
+    if (tracingHere)
+        return nullptr;
+    {
+        std::lock_guard<std::mutex> opening(OpenLock());
+        if (cSharedMemory<T>* current = CurrentCell(cell))
+            return current;
+        auto* opened = new cSharedMemory<T>;
+        if (opened->Open(name) != -1) {
+            std::lock_guard<std::mutex> lock(CellLock());
+            cell = opened;
+            return opened;
+        }
+        delete opened;
+    }
+    tracingHere = true;
+    ORVO_TRACE(UnitORVO, ERROR, std::string("can't open shared memory '") + name + "'");
+    tracingHere = false;
+    return nullptr;
+}
+
+thread_local bool tTracingStatusW = false;
+thread_local bool tTracingOsc = false;
 
 cSharedMemory<unsigned long long>* StatusCell()
 {
-    return UseCell(gSmStatusW, "statusw", tOpeningStatusW);
+    return UseCell(gSmStatusW, "statusw", tTracingStatusW);
 }
 
 }  // namespace
@@ -151,7 +164,7 @@ bool ModifyStatusW(unsigned long long setBits, unsigned long long keepMask)
 unsigned long GetOSC()
 {
     unsigned long value = 0;
-    cSharedMemory<unsigned long>* cell = UseCell(gSmOsc, "bsz", tOpeningOsc);
+    cSharedMemory<unsigned long>* cell = UseCell(gSmOsc, "bsz", tTracingOsc);
     return cell != nullptr && cell->Get(value) ? value : 0;
 }
 

@@ -17,6 +17,8 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -245,6 +247,33 @@ TEST(SharedMem, DeinitClosesTheCellsAndRemovesTheirSemaphores)
             return 4;
         // The objects stay, and the next use opens them again.
         return ShmBytes("statusw").size() == 8 && GetStatusW() == 5 ? 0 : 5;
+    }));
+}
+
+// Traces read the counter from every thread: the first use may come from
+// several at once, and must open one cell that all of them then read.
+TEST(SharedMem, ConcurrentFirstUseOpensOneCell)
+{
+    EXPECT_ISOLATED(RunIsolated([] {
+        cSharedMemory<unsigned long> counter;
+        if (counter.Open("bsz") < 0 || !counter.Set(777UL))
+            return 1;
+        std::vector<std::thread> threads;
+        std::vector<unsigned long> seen(8, 0);
+        std::vector<const void*> cells(8, nullptr);
+        for (size_t i = 0; i < seen.size(); ++i)
+            threads.emplace_back([&, i] {
+                seen[i] = GetOSC();
+                cells[i] = gSmOsc;
+            });
+        for (std::thread& t : threads)
+            t.join();
+        for (size_t i = 0; i < seen.size(); ++i)
+            if (seen[i] != 777UL || cells[i] != gSmOsc)
+                return 2;
+        // A second cell object closed by a losing thread would have removed
+        // the semaphore the winner uses.
+        return SemaphoreExists("_bsz_") ? 0 : 3;
     }));
 }
 
