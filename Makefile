@@ -96,6 +96,7 @@ bench-smoke: bench-build
 	$(BENCH_DIR)/bench/record_bench --benchmark_min_time=0.01 --benchmark_repetitions=1
 	$(BENCH_DIR)/bench/ipc_bench --rr=1000 --oneway=20000
 	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
+	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1
 
 bench: deps bench-build
 	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \

@@ -33,15 +33,18 @@
 //
 // A power cut can also lose what the kernel had not yet written, in any order.
 // For the same guarantee across a power cut, call Commit() after every call
-// that changes the file: Append, SetMaxCount and Clear. Commit syncs the file's
-// data (fdatasync) and puts the file into ordered mode: from then until Close,
-// each Append also syncs between steps 1, 2 and 3, so the medium sees them in
-// this order. A file that is never committed pays no sync at all
-// and keeps the kill -9 guarantee only. The guarantee assumes, like most file
-// systems, that a write within one 512-byte sector reaches the medium whole;
-// the 4-byte field of step 3 lies within one sector unless the block starts at
-// 506 to 511 modulo 512 past a file position of 64 KiB, where a cut between the
-// two sectors can leave a truncated pointer.
+// that changes the file: Append, SetMaxCount and Clear (and after an Open that
+// created the file). Commit syncs the file's data (fdatasync), after a creation
+// also its directory, and puts the file into ordered mode: from then until
+// Close, each Append also syncs between steps 1, 2 and 3, so the medium sees
+// them in this order. A file that is never committed pays no sync at all and
+// keeps the kill -9 guarantee only.
+//
+// The guarantee assumes, like most file systems, that a write within one
+// 512-byte sector reaches the medium whole. The 4-byte field of step 3 crosses
+// a sector boundary when the previous block starts 505 to 507 bytes past one
+// (3 appends in 512); a cut between those two sectors, in that one write, can
+// leave a truncated pointer, which makes the open fail.
 //
 // Damage that is not a torn append: a chain that points at itself, at or
 // beyond the end of the file, or round a loop of several blocks refuses the
@@ -55,10 +58,15 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <map>
+#include <memory>
+#include <new>
 #include <set>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "orvo_object.h"
 #include "orvo_time.h"
@@ -92,14 +100,18 @@ public:
     // Orders blocks by file position.
     static bool compareLess_filepos(const cBlock& a, const cBlock& b);
 
-    uint32_t m_Size = 0;          // header + payload bytes
-    uint32_t m_Next = 0;          // position of the next-younger block, 0 = youngest
-    uint16_t m_Crc = 0;           // CRC-16/X-25 of the payload
+    // 40 bytes in memory; a file of 100,000 blocks keeps 100,000 of these.
     uint64_t m_CTime = 0;         // creation time, ms since the epoch
     uint64_t m_BsTime = 0;        // the caller's stamp
-    int m_fd = -1;                // descriptor of the file the block lives in
     long long m_FilePos = -1;     // own position, -1 until written
+    uint32_t m_Size = 0;          // header + payload bytes
+    uint32_t m_Next = 0;          // position of the next-younger block, 0 = youngest
+    int m_fd = -1;                // descriptor of the file the block lives in
+    uint16_t m_Crc = 0;           // CRC-16/X-25 of the payload
 };
+
+static_assert(std::is_trivially_copyable<cBlock>::value && std::is_trivially_destructible<cBlock>::value,
+              "cBlockFile keeps blocks in raw memory");
 
 // cBlockFile: the journal. Its object name is the file name.
 class ORVO_API cBlockFile : public cObject {
@@ -160,9 +172,9 @@ public:
     // Deletes the file and creates it empty, keeping the maximum count. Prints
     // "clear <name> failed (<error>)" on standard output when that fails.
     void Clear();
-    // Syncs the file's data to the medium (fdatasync) and switches Append to
-    // ordered mode until Close (see above). True on success; false when not open or the
-    // sync failed.
+    // Syncs the file's data to the medium (fdatasync; after a creation also
+    // the directory) and switches Append to ordered mode until Close (see
+    // above). True on success; false when not open or a sync failed.
     bool Commit();
 
     // "name=<file>, count=<n>, maxcount=<n>, fd=<n>".
@@ -172,18 +184,63 @@ public:
     static bool compareLess_ctime(unsigned long a, unsigned long b);
     static bool compareLess_bstime(unsigned long a, unsigned long b);
 
-protected:
-    const std::deque<cBlock>& Blocks() const { return m_Blocks; }
-
 private:
+    // The chain in chunks of 2048 blocks with a moving front: few large
+    // allocations and no copying as it grows, which is most of the cost of
+    // opening a file of many blocks; dropping the oldest frees a chunk once
+    // the front has passed it.
+    class cChain {
+    public:
+        size_t size() const { return m_End - m_Head; }
+        bool empty() const { return m_End == m_Head; }
+        cBlock& operator[](size_t i) { return At(m_Head + i); }
+        const cBlock& operator[](size_t i) const { return const_cast<cChain*>(this)->At(m_Head + i); }
+        cBlock& front() { return At(m_Head); }
+        cBlock& back() { return At(m_End - 1); }
+        void push_back(const cBlock& b)
+        {
+            // Chunks are raw memory (cBlock is trivially copyable and
+            // destructible): each slot is written once, when it is filled.
+            if (m_End == m_Chunks.size() * kPerChunk)
+                m_Chunks.emplace_back(static_cast<cBlock*>(std::malloc(sizeof(cBlock) * kPerChunk)));
+            new (&At(m_End++)) cBlock(b);
+        }
+        void pop_front()
+        {
+            if (++m_Head == kPerChunk) {
+                m_Chunks.erase(m_Chunks.begin());
+                m_Head = 0;
+                m_End -= kPerChunk;
+            }
+        }
+        void clear()
+        {
+            m_Chunks.clear();
+            m_Head = m_End = 0;
+        }
+
+    private:
+        struct sFree {
+            void operator()(cBlock* p) const { std::free(p); }
+        };
+        static constexpr size_t kPerChunk = 2048;
+        cBlock& At(size_t j) { return m_Chunks[j / kPerChunk].get()[j % kPerChunk]; }
+
+        std::vector<std::unique_ptr<cBlock, sFree>> m_Chunks;
+        size_t m_Head = 0;    // index of the oldest block in the first chunk
+        size_t m_End = 0;     // one past the youngest, counted from the first chunk
+    };
+
     bool CreateFile();
     bool ReadChain();
     bool WriteFileHeader();
     bool WriteNextField(const cBlock& block);
     void AddToChain(const cBlock& block);
+    void BuildPositionIndex();
+    void DropPositionIndex();
     void DropOldest();
     void RefreshGapBefore(std::map<uint32_t, uint32_t>::iterator it);
-    uint32_t ChooseRingPosition(uint32_t blockSize) const;
+    uint32_t ChooseRingPosition(uint32_t blockSize);
     bool SyncIfOrdered();
     unsigned long SelectSingle(bool newest, bool byCTime) const;
     unsigned long SelectRange(std::deque<unsigned long>& Indices, uint64_t From, uint64_t To,
@@ -195,11 +252,14 @@ private:
     uint32_t m_Reserved1 = 0;
     uint32_t m_Reserved2 = 0;
     int m_fd = -1;                  // -1 when closed
+    uint64_t m_FileEnd = 0;         // file size as far as this object wrote or read it
     bool m_Ordered = false;         // Commit called since Open: Append syncs between steps
-    std::deque<cBlock> m_Blocks;    // chain order: oldest first
-    // The ring's free-space index: the chain's blocks by position (size),
-    // the free space in front of each block (keyed by the block's position:
+    bool m_NewName = false;         // created here, directory not yet synced
+    cChain m_Blocks;                // chain order: oldest first
+    // The ring's free-space index, built on first use: the chain's blocks by
+    // position (size), the free space in front of each block (keyed by the block's position:
     // start, length) and the multiset of those lengths.
+    bool m_Indexed = false;
     std::map<uint32_t, uint32_t> m_ByPos;
     std::map<uint32_t, std::pair<uint32_t, uint32_t>> m_Gaps;
     std::multiset<uint32_t> m_GapLens;

@@ -64,6 +64,7 @@ public:
 
 private:
     bool EnsureOpen();
+    bool CanAccess(const void* buf, unsigned int len, long offset, const char* notOpened) const;
 
     int m_fd = 0;    // 0: not open; negative after a failed open
 };

@@ -2,6 +2,7 @@
 #include "orvo_blockfile.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +21,9 @@ namespace orvo {
 
 namespace blockfile_io {
 tWrite Write = nullptr;
+// Larger files (and a 32-bit address space that cannot take them) use the
+// window.
+unsigned long long MapLimit = 256ULL * 1024 * 1024;
 }  // namespace blockfile_io
 
 namespace {
@@ -48,24 +52,28 @@ void PutU64(unsigned char* p, uint64_t v)
         p[i] = static_cast<unsigned char>(v >> (8 * i));
 }
 
+// The format is little-endian; so is every platform this library builds for
+// (checked below), so a field is one unaligned load.
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "block files are read with little-endian loads");
+
 uint16_t GetU16(const unsigned char* p)
 {
-    return static_cast<uint16_t>(p[0] | (p[1] << 8));
+    uint16_t v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
 uint32_t GetU32(const unsigned char* p)
 {
-    uint32_t v = 0;
-    for (int i = 3; i >= 0; --i)
-        v = (v << 8) | p[i];
+    uint32_t v;
+    std::memcpy(&v, p, sizeof v);
     return v;
 }
 
 uint64_t GetU64(const unsigned char* p)
 {
-    uint64_t v = 0;
-    for (int i = 7; i >= 0; --i)
-        v = (v << 8) | p[i];
+    uint64_t v;
+    std::memcpy(&v, p, sizeof v);
     return v;
 }
 
@@ -95,27 +103,55 @@ ssize_t ReadAll(int fd, void* data, size_t len, off_t pos)
     return static_cast<ssize_t>(done);
 }
 
-// Reads block headers through a large window of the file.
+// Reads block headers for the chain walk: through a read-only mapping of the
+// whole file (populated at once, no copy of the payloads), or, when the file
+// cannot be mapped, through a large window of it, so that a file whose blocks
+// lie in chain order costs one read per window, not one per header.
 class cChainReader {
 public:
-    explicit cChainReader(int fd) : m_fd(fd) {}
+    cChainReader(int fd, uint64_t fileSize) : m_fd(fd)
+    {
+        if (fileSize == 0 || fileSize > blockfile_io::MapLimit)
+            return;
+        void* p = ::mmap(nullptr, static_cast<size_t>(fileSize), PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
+        if (p == MAP_FAILED)
+            return;
+        m_Map = static_cast<const unsigned char*>(p);
+        m_Start = 0;
+        m_Len = fileSize;
+    }
+    ~cChainReader()
+    {
+        if (m_Map != nullptr)
+            ::munmap(const_cast<unsigned char*>(m_Map), static_cast<size_t>(m_Len));
+    }
+    cChainReader(const cChainReader&) = delete;
+    cChainReader& operator=(const cChainReader&) = delete;
+
     // Copies up to 26 bytes at pos into out; returns how many the file holds.
     size_t Header(uint32_t pos, unsigned char* out)
     {
-        if (pos < m_Start || pos + kBlockHeaderSize > m_Start + m_Len) {
-            m_Window.resize(kChainWindow);
-            ssize_t n = ReadAll(m_fd, m_Window.data(), m_Window.size(), pos);
-            m_Start = pos;
-            m_Len = n > 0 ? static_cast<uint64_t>(n) : 0;
+        const unsigned char* base = m_Map;
+        if (base == nullptr) {
+            if (pos < m_Start || pos + kBlockHeaderSize > m_Start + m_Len) {
+                m_Window.resize(kChainWindow);
+                ssize_t n = ReadAll(m_fd, m_Window.data(), m_Window.size(), pos);
+                m_Start = pos;
+                m_Len = n > 0 ? static_cast<uint64_t>(n) : 0;
+            }
+            base = m_Window.data();
         }
+        if (pos < m_Start || pos >= m_Start + m_Len)
+            return 0;
         const uint64_t avail = m_Start + m_Len - pos;
         const size_t got = static_cast<size_t>(std::min<uint64_t>(avail, kBlockHeaderSize));
-        std::memcpy(out, m_Window.data() + (pos - m_Start), got);
+        std::memcpy(out, base + (pos - m_Start), got);
         return got;
     }
 
 private:
     int m_fd;
+    const unsigned char* m_Map = nullptr;
     std::vector<unsigned char> m_Window;
     uint64_t m_Start = 0;
     uint64_t m_Len = 0;
@@ -216,6 +252,8 @@ bool cBlockFile::CreateFile()
         Close();
         return false;
     }
+    m_FileEnd = kFileHeaderSize;
+    m_NewName = true;
     return true;
 }
 
@@ -225,10 +263,9 @@ void cBlockFile::Close()
         ::close(m_fd);
     m_fd = -1;
     m_Ordered = false;
+    m_NewName = false;
     m_Blocks.clear();
-    m_ByPos.clear();
-    m_Gaps.clear();
-    m_GapLens.clear();
+    DropPositionIndex();
 }
 
 bool cBlockFile::WriteFileHeader()
@@ -257,8 +294,9 @@ bool cBlockFile::ReadChain()
     if (::fstat(m_fd, &st) != 0)
         return false;
     const uint64_t fileSize = static_cast<uint64_t>(st.st_size);
+    m_FileEnd = fileSize;
     const uint64_t maxBlocks = fileSize > kFileHeaderSize ? (fileSize - kFileHeaderSize) / kBlockHeaderSize : 0;
-    cChainReader reader(m_fd);
+    cChainReader reader(m_fd, fileSize);
     uint32_t pos = m_FirstPos;
     while (pos != 0) {
         if (pos >= fileSize || pos < kFileHeaderSize)
@@ -305,9 +343,31 @@ void cBlockFile::RefreshGapBefore(std::map<uint32_t, uint32_t>::iterator it)
     }
 }
 
+void cBlockFile::DropPositionIndex()
+{
+    m_Indexed = false;
+    m_ByPos.clear();
+    m_Gaps.clear();
+    m_GapLens.clear();
+}
+
+// Built on the first placement in a ring, so that opening a file (and
+// appending to an unbounded one) never pays for it.
+void cBlockFile::BuildPositionIndex()
+{
+    DropPositionIndex();
+    for (size_t i = 0; i < m_Blocks.size(); ++i)
+        m_ByPos.emplace(static_cast<uint32_t>(m_Blocks[i].m_FilePos), m_Blocks[i].m_Size);
+    for (auto it = m_ByPos.begin(); it != m_ByPos.end(); ++it)
+        RefreshGapBefore(it);
+    m_Indexed = true;
+}
+
 void cBlockFile::AddToChain(const cBlock& block)
 {
     m_Blocks.push_back(block);
+    if (!m_Indexed)
+        return;
     auto it = m_ByPos.emplace(static_cast<uint32_t>(block.m_FilePos), block.m_Size).first;
     RefreshGapBefore(it);
     if (std::next(it) != m_ByPos.end())
@@ -319,6 +379,8 @@ void cBlockFile::DropOldest()
     const uint32_t pos = static_cast<uint32_t>(m_Blocks.front().m_FilePos);
     m_Blocks.pop_front();
     m_FirstPos = m_Blocks.empty() ? 0 : static_cast<uint32_t>(m_Blocks.front().m_FilePos);
+    if (!m_Indexed)
+        return;
     auto it = m_ByPos.find(pos);
     if (it == m_ByPos.end())
         return;
@@ -332,8 +394,10 @@ void cBlockFile::DropOldest()
         RefreshGapBefore(next);
 }
 
-uint32_t cBlockFile::ChooseRingPosition(uint32_t blockSize) const
+uint32_t cBlockFile::ChooseRingPosition(uint32_t blockSize)
 {
+    if (!m_Indexed)
+        BuildPositionIndex();
     if (!m_GapLens.empty() && *m_GapLens.rbegin() >= blockSize) {
         for (const auto& gap : m_Gaps) {
             if (gap.second.second >= blockSize)
@@ -368,10 +432,12 @@ int cBlockFile::Append(const void* Data, unsigned long Size, const cTime& CTime,
     }
     off_t pos;
     if (m_MaxCount != 0)
-        pos = ChooseRingPosition(blockSize);
+        // Never behind the end of the file: only a damaged block size could
+        // put the end of the last block there.
+        pos = std::min<uint64_t>(ChooseRingPosition(blockSize), m_FileEnd);
     else
-        pos = ::lseek(m_fd, 0, SEEK_END);
-    if (pos < 0 || static_cast<uint64_t>(pos) + blockSize > 0xFFFFFFFFULL)
+        pos = static_cast<off_t>(m_FileEnd);
+    if (static_cast<uint64_t>(pos) + blockSize > 0xFFFFFFFFULL)
         return BLOCKFILE_ERR;
 
     cBlock block;
@@ -407,6 +473,7 @@ int cBlockFile::Append(const void* Data, unsigned long Size, const cTime& CTime,
         }
     }
     AddToChain(block);
+    m_FileEnd = std::max<uint64_t>(m_FileEnd, static_cast<uint64_t>(pos) + blockSize);
     return BLOCKFILE_OK;
 }
 
@@ -420,6 +487,11 @@ int cBlockFile::GetAt(unsigned long Index, void*& Data, unsigned long& Size, cTi
     const cBlock& block = m_Blocks[Index];
     const unsigned long payload = block.m_Size - kBlockHeaderSize;
     if (block.m_Size > m_ReadBufferSize) {
+        // A damaged size must not allocate more than the file could hold.
+        struct stat st;
+        if (::fstat(m_fd, &st) != 0 ||
+            block.m_FilePos + static_cast<long long>(block.m_Size) > static_cast<long long>(st.st_size))
+            return BLOCKFILE_READ_PAYLOAD_ERR;
         char* grown = static_cast<char*>(std::realloc(m_ReadBuffer, block.m_Size));
         if (grown == nullptr)
             return BLOCKFILE_READ_PAYLOAD_ERR;
@@ -460,7 +532,10 @@ void cBlockFile::Clear()
     const std::string name = GetObjName();
     Close();
     ::unlink(name.c_str());
-    if (!Open(name, true)) {
+    // Created directly, not through Open: a file that could not be deleted
+    // must not have its damaged chain read (and wiped) again.
+    SetObjName(name);
+    if (!CreateFile()) {
         std::printf("clear %s failed (%s)", name.c_str(), std::strerror(errno));
         std::fflush(stdout);
     }
@@ -473,6 +548,20 @@ bool cBlockFile::Commit()
 {
     if (!IsValid() || ::fdatasync(m_fd) != 0)
         return false;
+    if (m_NewName) {
+        // A file this object created is only found after a power cut once
+        // its directory entry is on the medium too.
+        const std::string name = GetObjName();
+        const size_t slash = name.rfind('/');
+        const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : name.substr(0, slash);
+        const int dirFd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        const bool synced = dirFd >= 0 && ::fsync(dirFd) == 0;
+        if (dirFd >= 0)
+            ::close(dirFd);
+        if (!synced)
+            return false;
+        m_NewName = false;
+    }
     m_Ordered = true;
     return true;
 }

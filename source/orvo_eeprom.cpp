@@ -87,13 +87,20 @@ bool cEEPROM::EnsureOpen()
     return m_fd != 0 || Open() > 0;
 }
 
-bool cEEPROM::Read(char* buf, unsigned int len, long offset)
+// The checks in front of every item access: an open device (else the caller's
+// "not opened" message), an offset inside it and an item that fits.
+bool cEEPROM::CanAccess(const void* buf, unsigned int len, long offset, const char* notOpened) const
 {
     if (buf == nullptr || m_fd <= 0) {
-        Say("cEEPROM::Read() eeprom not opened \n");
+        Say(notOpened);
         return false;
     }
-    if (!ItemFits(len, offset))
+    return ItemFits(len, offset);
+}
+
+bool cEEPROM::Read(char* buf, unsigned int len, long offset)
+{
+    if (!CanAccess(buf, len, offset, "cEEPROM::Read() eeprom not opened \n"))
         return false;
     char work[kDeviceSize];
     const int want = static_cast<int>(len + 2);
@@ -110,11 +117,7 @@ bool cEEPROM::Read(char* buf, unsigned int len, long offset)
 
 bool cEEPROM::Write(const char* buf, unsigned int len, long offset)
 {
-    if (buf == nullptr || m_fd <= 0) {
-        Say("cEEPROM::Write() eeprom not opened \n");
-        return false;
-    }
-    if (!ItemFits(len, offset))
+    if (!CanAccess(buf, len, offset, "cEEPROM::Write() eeprom not opened \n"))
         return false;
     char work[kDeviceSize];
     std::memcpy(work, buf, len);

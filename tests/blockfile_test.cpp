@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -18,8 +19,10 @@
 #include "orvo_blockfile.h"
 #include "orvo_record.h"
 #include "test_helpers.h"
+#include "x25.h"
 
 using namespace orvo;
+using orvo_test::X25;
 
 namespace {
 
@@ -58,17 +61,6 @@ void PutLe(std::string& b, size_t at, uint64_t v, int n)
         b.at(at + i) = static_cast<char>(v >> (8 * i));
 }
 
-// CRC-16/X-25 bit by bit, independent of the library's table.
-uint16_t X25(const std::string& data)
-{
-    uint16_t crc = 0xFFFF;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0x8408) : static_cast<uint16_t>(crc >> 1);
-    }
-    return static_cast<uint16_t>(~crc);
-}
 
 // One block as an independent reader sees it at pos.
 struct sRawBlock {
@@ -470,7 +462,7 @@ TEST_F(BlockFile, RecordFileStoresRecords)
     EXPECT_EQ(f.GetAt(2, back, ctime, bstime), BLOCKFILE_WRONG_POS);
 }
 
-TEST_F(BlockFile, ManyBlocksReopenAcrossReadWindows)
+TEST_F(BlockFile, ManyBlocksReopenMappedAndThroughReadWindows)
 {
     cBlockFile f;
     ASSERT_TRUE(f.Open(path, true));
@@ -478,12 +470,250 @@ TEST_F(BlockFile, ManyBlocksReopenAcrossReadWindows)
     for (unsigned long i = 0; i < n; ++i)
         ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
     f.Close();
-    ASSERT_TRUE(f.Open(path, false));
-    ASSERT_EQ(f.Count(), n);
-    for (unsigned long i = 0; i < n; ++i) {
-        sRead r = ReadAt(f, i);
-        ASSERT_EQ(r.result, BLOCKFILE_OK);
-        ASSERT_EQ(r.bstime, i);
-        ASSERT_EQ(r.data, Payload(i));
+    for (unsigned long long mapLimit : {blockfile_io::MapLimit, 0ULL}) {
+        const unsigned long long saved = blockfile_io::MapLimit;
+        blockfile_io::MapLimit = mapLimit;
+        const bool opened = f.Open(path, false);
+        blockfile_io::MapLimit = saved;
+        ASSERT_TRUE(opened);
+        ASSERT_EQ(f.Count(), n);
+        for (unsigned long i = 0; i < n; ++i) {
+            sRead r = ReadAt(f, i);
+            ASSERT_EQ(r.result, BLOCKFILE_OK);
+            ASSERT_EQ(r.bstime, i);
+            ASSERT_EQ(r.data, Payload(i));
+        }
     }
+    // The window path also meets the end of the file inside a header.
+    std::string file = ReadFile(path);
+    const size_t last = file.size() - (26 + Payload(n - 1).size());
+    PutLe(file, last + 4, file.size() - 5, 4);
+    WriteFile(path, file);
+    const unsigned long long saved = blockfile_io::MapLimit;
+    blockfile_io::MapLimit = 0;
+    EXPECT_FALSE(f.Open(path, false));
+    blockfile_io::MapLimit = saved;
+    EXPECT_EQ(ReadFile(path).size(), 17u);    // wiped
+}
+
+// ---- crash consistency ---------------------------------------------------------
+
+namespace {
+
+// Checks that the file opens and its chain is a run of intact test-stream
+// blocks with consecutive stamps; returns the youngest stamp (-1 when empty)
+// and the count through the pointers.
+::testing::AssertionResult ChainIsIntact(const std::string& path, long long* youngest,
+                                         unsigned long* count)
+{
+    cBlockFile f;
+    if (!f.Open(path, false))
+        return ::testing::AssertionFailure() << "file does not open";
+    *count = f.Count();
+    *youngest = -1;
+    for (unsigned long i = 0; i < f.Count(); ++i) {
+        sRead r = ReadAt(f, i);
+        if (r.result != BLOCKFILE_OK || r.data != Payload(r.bstime))
+            return ::testing::AssertionFailure() << "block " << i << " reads " << r.result;
+        if (i > 0 && static_cast<long long>(r.bstime) != *youngest + 1)
+            return ::testing::AssertionFailure() << "stamp " << r.bstime << " follows " << *youngest;
+        *youngest = static_cast<long long>(r.bstime);
+    }
+    return ::testing::AssertionSuccess();
+}
+
+struct sWrite {
+    off_t pos;
+    std::string bytes;
+};
+std::vector<sWrite> gWrites;
+
+ssize_t RecordWrite(int fd, const void* data, size_t len, off_t pos)
+{
+    gWrites.push_back({pos, std::string(static_cast<const char*>(data), len)});
+    return pwrite(fd, data, len, pos);
+}
+
+void Apply(std::string& image, const sWrite& w, size_t len)
+{
+    if (image.size() < w.pos + len)
+        image.resize(w.pos + len, '\0');
+    image.replace(static_cast<size_t>(w.pos), len, w.bytes, 0, len);
+}
+
+// Where a write may be cut by a power failure: at every 512-byte sector
+// boundary inside it; a block write (nothing points at it yet) anywhere.
+std::vector<size_t> TearPoints(const sWrite& w)
+{
+    std::vector<size_t> cuts;
+    for (size_t t = 1; t < w.bytes.size(); ++t) {
+        const bool sector = (w.pos + t) % 512 == 0;
+        const bool block = w.bytes.size() >= 26 + 1 && (t == 13 || t == 26 || t == w.bytes.size() / 2 ||
+                                                         t == w.bytes.size() - 1);
+        if (sector || block)
+            cuts.push_back(t);
+    }
+    return cuts;
+}
+
+// Appends n stream blocks while recording the writes, then replays every
+// prefix of them (and every prefix with its last write torn) onto a copy of
+// the file as it was before the first append.
+void ReplayPowerCuts(const std::string& dir, unsigned long maxCount, bool commit)
+{
+    const std::string path = dir + "/recorded";
+    const std::string copy = dir + "/replayed";
+    unlink(path.c_str());
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, true));
+    ASSERT_TRUE(f.SetMaxCount(maxCount));
+    const std::string base = ReadFile(path);
+    gWrites.clear();
+    blockfile_io::Write = RecordWrite;
+    std::vector<size_t> appendEnds;     // writes done when append i returned
+    const unsigned long n = 60;
+    for (unsigned long i = 0; i < n; ++i) {
+        const int rc = AppendText(f, Payload(i * 13 % 97), i * 13 % 97);
+        appendEnds.push_back(gWrites.size());
+        if (rc != BLOCKFILE_OK || (commit && !f.Commit()))
+            break;
+    }
+    blockfile_io::Write = nullptr;
+    ASSERT_EQ(appendEnds.size(), n);
+    // The stream's stamps are not consecutive: map them back to append order.
+    std::vector<long long> order(97, -1);
+    for (unsigned long i = 0; i < n; ++i)
+        order[i * 13 % 97] = static_cast<long long>(i);
+
+    size_t images = 0;
+    for (size_t k = 0; k <= gWrites.size(); ++k) {
+        std::vector<size_t> cuts = {0};
+        if (k < gWrites.size())
+            cuts = TearPoints(gWrites[k]), cuts.insert(cuts.begin(), 0);
+        for (size_t cut : cuts) {
+            std::string image = base;
+            for (size_t j = 0; j < k; ++j)
+                Apply(image, gWrites[j], gWrites[j].bytes.size());
+            if (cut > 0)
+                Apply(image, gWrites[k], cut);
+            WriteFile(copy, image);
+            ++images;
+            size_t completed = std::upper_bound(appendEnds.begin(), appendEnds.end(), k) - appendEnds.begin();
+            cBlockFile g;
+            ASSERT_TRUE(g.Open(copy, false)) << "after " << k << " writes, cut " << cut;
+            std::vector<long long> seq;
+            for (unsigned long i = 0; i < g.Count(); ++i) {
+                sRead r = ReadAt(g, i);
+                ASSERT_EQ(r.result, BLOCKFILE_OK) << "after " << k << " writes, cut " << cut;
+                ASSERT_EQ(r.data, Payload(r.bstime));
+                seq.push_back(order.at(r.bstime));
+            }
+            // A torn last write of an append can still hold all its bytes that
+            // differ (the high bytes of a link are often zero already).
+            if (cut > 0 && completed < n && appendEnds[completed] == k + 1 && !seq.empty() &&
+                seq.back() == static_cast<long long>(completed))
+                ++completed;
+            // A consecutive run of appends ending with the last completed one;
+            // a full ring may already have dropped one more of its oldest.
+            const size_t kept = maxCount == 0 ? completed : std::min<size_t>(completed, maxCount);
+            ASSERT_TRUE(seq.size() == kept || (maxCount != 0 && completed >= maxCount && seq.size() + 1 == kept))
+                << "after " << k << " writes: " << seq.size() << " blocks, " << completed << " appends done";
+            for (size_t i = 0; i < seq.size(); ++i)
+                ASSERT_EQ(seq[i], static_cast<long long>(completed - seq.size() + i))
+                    << "max " << maxCount << " after " << k << " writes, cut " << cut << " size " << seq.size();
+        }
+    }
+    EXPECT_GT(images, gWrites.size());
+}
+
+}  // namespace
+
+TEST_F(BlockFile, PowerCutAtAnyWriteKeepsEveryCompletedBlock)
+{
+    ReplayPowerCuts(dir, 0, false);
+    ReplayPowerCuts(dir, 5, false);
+    ReplayPowerCuts(dir, 7, true);
+}
+
+// A writer killed with SIGKILL at random moments, again and again, on the same
+// file: every block whose append it reported survives, intact and in order.
+TEST_F(BlockFile, KillDuringAppendsLosesNoCompletedBlock)
+{
+    for (unsigned long maxCount : {0UL, 50UL}) {
+        const std::string file = dir + "/killed" + std::to_string(maxCount);
+        long long last = -1;    // youngest stamp known to be complete
+        for (int round = 0; round < 6; ++round) {
+            orvo_test::sChild child = orvo_test::StartChild(
+                [&](int toParent) {
+                    cBlockFile w;
+                    if (!w.Open(file, true) || !w.SetMaxCount(maxCount))
+                        return 1;
+                    unsigned long long next = 0;
+                    if (w.Count() > 0)
+                        next = ReadAt(w, w.Count() - 1).bstime + 1;
+                    for (;; ++next) {
+                        if (AppendText(w, Payload(next), next) != BLOCKFILE_OK)
+                            return 2;
+                        (void)!write(toParent, &next, sizeof next);
+                    }
+                },
+                30);
+            unsigned long long reported = 0;
+            const int wanted = 200 + round * 150;
+            for (int i = 0; i < wanted; ++i)
+                ASSERT_EQ(read(child.pipe, &reported, sizeof reported), static_cast<ssize_t>(sizeof reported));
+            usleep(static_cast<useconds_t>(round * 300));
+            kill(child.pid, SIGKILL);
+            while (read(child.pipe, &reported, sizeof reported) == static_cast<ssize_t>(sizeof reported)) {
+            }
+            EXPECT_EQ(orvo_test::EndChild(child), -1);
+            long long youngest = -1;
+            unsigned long count = 0;
+            ASSERT_TRUE(ChainIsIntact(file, &youngest, &count)) << "round " << round;
+            ASSERT_GE(youngest, static_cast<long long>(reported));
+            ASSERT_LE(youngest, static_cast<long long>(reported) + 1);
+            ASSERT_GT(youngest, last);
+            if (maxCount == 0)
+                ASSERT_EQ(count, static_cast<unsigned long>(youngest + 1));
+            else
+                ASSERT_GE(count, maxCount - 1);
+            last = youngest;
+        }
+    }
+}
+
+TEST_F(BlockFile, CommitSyncsOnlyAnOpenFile)
+{
+    cBlockFile f;
+    EXPECT_FALSE(f.Commit());
+    ASSERT_TRUE(f.Open(path, true));
+    EXPECT_TRUE(f.Commit());
+    ASSERT_EQ(AppendText(f, Payload(0), 0), BLOCKFILE_OK);
+    EXPECT_TRUE(f.Commit());
+    long long youngest = -1;
+    unsigned long count = 0;
+    EXPECT_TRUE(ChainIsIntact(path, &youngest, &count));
+    EXPECT_EQ(count, 1u);
+}
+
+TEST_F(BlockFile, LongRunningRingKeepsTheNewestBlocks)
+{
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, true));
+    ASSERT_TRUE(f.SetMaxCount(100));
+    const unsigned long n = 5000;    // the front passes several chunks of the chain
+    for (unsigned long i = 0; i < n; ++i)
+        ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
+    const std::vector<unsigned long long> stamps = Stamps(f);
+    ASSERT_EQ(stamps.size(), 100u);
+    EXPECT_EQ(stamps.front(), n - 100);
+    EXPECT_EQ(stamps.back(), n - 1);
+    // Blocks of up to 106 bytes reuse the space of dropped ones.
+    EXPECT_LT(ReadFile(path).size(), 100u * (26 + 106) * 2);
+    f.Close();
+    long long youngest = -1;
+    unsigned long count = 0;
+    ASSERT_TRUE(ChainIsIntact(path, &youngest, &count));
+    EXPECT_EQ(count, 100u);
+    EXPECT_EQ(youngest, static_cast<long long>(n - 1));
 }

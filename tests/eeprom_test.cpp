@@ -12,22 +12,14 @@
 
 #include "orvo_eeprom.h"
 #include "test_helpers.h"
+#include "x25.h"
 
 using namespace orvo;
+using orvo_test::X25;
 using orvo_test::RunInChild;
 
 namespace {
 
-uint16_t X25(const std::string& data)
-{
-    uint16_t crc = 0xFFFF;
-    for (unsigned char c : data) {
-        crc ^= c;
-        for (int i = 0; i < 8; ++i)
-            crc = (crc & 1) ? static_cast<uint16_t>((crc >> 1) ^ 0x8408) : static_cast<uint16_t>(crc >> 1);
-    }
-    return static_cast<uint16_t>(~crc);
-}
 
 std::string WithCrc(const std::string& data)
 {
