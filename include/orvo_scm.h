@@ -162,6 +162,7 @@ public:
                               const char* filter) const;
     // 0x10018, fresh message id, with the one text pair key = value; the SCM
     // answers 0x10019 (the service's record) or 0x1001a (unknown technology).
+    // A null key sends nothing (0).
     int RequestServiceInfo(const char* key, const std::string& value) const;
     int RequestServiceInfoByName(const std::string& name) const;    // "service-name"
     int RequestServiceInfoByTech(const std::string& tech) const;    // "service-tech"

@@ -511,6 +511,8 @@ int cScmService::RequestServiceConfig2(cUuid& id, const char* service, const cRe
 
 int cScmService::RequestServiceInfo(const char* key, const std::string& value) const
 {
+    if (key == nullptr)
+        return 0;
     cMsg m(MSG_SCM_SERVICE_INFO_REQUEST);
     m.SetTid(FreshId());
     m.GetRecord().AppendTextPar(key, value);

@@ -127,7 +127,11 @@ void Output(const cTime& now, unsigned long osc, cUnit* unit, eLEVEL level,
         cMsg msg(kMsgScmTraceLog);
         BuildLogRecord(msg.GetRecord(), now, osc, unit, level, text, rec);
         sendingCopy = true;
-        scm->Enable(true);
+        // Traces come from any thread; the flags belong to the loop's
+        // thread, so they are written only when the socket is not enabled
+        // yet (connected sockets are).
+        if (!scm->IsEnabled())
+            scm->Enable(true);
         const int sent = scm->Send(msg);
         sendingCopy = false;
         if (sent == -1) {

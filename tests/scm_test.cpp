@@ -13,6 +13,7 @@
 
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orvo_init.h"
@@ -623,14 +624,34 @@ TEST_F(Scm, RequestsCarryTheirKeys)
         EXPECT_EQ(m.GetType(), c.type) << c.fields;
         EXPECT_EQ(Fields(m.GetRecord()), c.fields);
         EXPECT_EQ(m.GetTid().IsValid(), c.tid != 0) << c.fields;
-        if (c.tid == 2)
+        if (c.tid == 2) {
             EXPECT_EQ(m.GetTid(), id);
-        if (c.tid == 1) {
+        } else if (c.tid == 1) {
             EXPECT_NE(m.GetTid(), lastFresh);
             lastFresh = m.GetTid();
         }
     }
     EXPECT_EQ(svc.GetServiceTech(), "solo");
+}
+
+// A request the socket refuses (too large for a frame) is traced with the
+// request's name; the configuration requests add the message text.
+TEST_F(Scm, FailedSendsAreTraced)
+{
+    Register();
+    cRecord big;
+    const std::string data(197000, 'b');
+    big.AppendDataPar("d", data.data(), int(data.size()));
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    EXPECT_LT(svc.StoreRecord("huge", big), 0);
+    EXPECT_LT(svc.SetConfig("other", cRecordPath(), big), 0);
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceOut(UnitORVO, output);
+    EXPECT_NE(out.find("[ERROR     ]: StoreRecord: send failed\n"), std::string::npos) << out.substr(0, 300);
+    EXPECT_NE(out.find("[ERROR     ]: scmService[SetConfig] send failed, msg="), std::string::npos);
+    EXPECT_TRUE(Silent(scm.fd, 50));
 }
 
 // Without "scm-sap" there is no SCM at all: one FATAL line, no socket, no
@@ -769,6 +790,34 @@ TEST_F(Scm, TracesCopiedToTheScm)
     EXPECT_TRUE(Silent(scm.fd, 50));
 }
 
+// Traces from another thread while the loop runs: every copy arrives whole
+// and in order on the one SCM stream.
+TEST_F(Scm, TracesFromAnotherThread)
+{
+    Register();
+    cRecord trace;
+    trace.AppendBoolPar("log-scm", true);
+    GetConfig()->AppendRecordPar("trace", trace);
+    cUnit unit("tthread", ERROR, OUTPUT_NONE);
+    mUnits->erase("tthread");
+    const int count = 300;
+    std::thread tracer([&] {
+        for (int i = 0; i < count; ++i)
+            _Trace(&unit, ERROR, FormatString("line %i %s", i, std::string(size_t(i) * 7, 'q').c_str()));
+    });
+    int seen = 0;
+    for (; seen < count; ++seen) {
+        cMsg m = Next(scm.fd);
+        if (m.GetType() != MSG_SCM_TRACE_LOG)
+            break;
+        const std::string txt = m.GetRecord().GetFirstPar("txt").GetString();
+        if (txt != FormatString("line %i %s", seen, std::string(size_t(seen) * 7, 'q').c_str()))
+            break;
+    }
+    tracer.join();
+    EXPECT_EQ(seen, count);
+}
+
 // ---- technology connections ------------------------------------------------------
 
 cRecord ServiceRecord(const std::string& sap, const std::vector<std::string>& techs, bool wrapped,
@@ -847,8 +896,27 @@ struct cTechLink : cScmServiceIO {
     std::vector<unsigned long> dispatched;
 };
 
+// The trace lines of a connection's life, each once where it happens and in
+// this order ("connection info" three times: first answer, new place, dead
+// place; never for the answer naming the connected place).
+const char* const kTechLines[] = {
+    "get config to tech 'meter' received", "start connection to tech 'meter'",
+    "tech 'meter' is unknown (perhaps not connected yet)",
+    "connection info for tech 'meter' sap received", "connect to tech 'meter', sap=127.0.0.1:",
+    "connection to tech 'meter' established", "connection to tech 'meter' should reconnected",
+    "already connected to tech 'meter', sap=127.0.0.1:", "connection to tech 'meter' shutdown",
+    "connection to tech 'meter' re-connect by health-timeout", "start connection to tech 'meter'",
+    "connection info for tech 'meter' sap received", "connection to tech 'meter' established",
+    "connection info for tech 'meter' sap received", "connection to tech 'meter' failed",
+};
+
 TEST_F(Scm, TechnologyConnection)
 {
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, DEBUG);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
     const cUuid pending = Register();
     ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
     cTechLink io(&svc, "meter");
@@ -977,6 +1045,20 @@ TEST_F(Scm, TechnologyConnection)
     EXPECT_EQ(io.GetConnectedSAP(), "");
     SpinFor(100);
     EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECT_FAILED), 0u);
+
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    size_t at = 0;
+    for (const char* line : kTechLines) {
+        const size_t found = out.find(std::string("]: ") + line, at);
+        ASSERT_NE(found, std::string::npos) << line;
+        at = found + 1;
+    }
+    size_t infos = 0;
+    for (size_t p = 0; (p = out.find("connection info for tech", p)) != std::string::npos; ++p)
+        ++infos;
+    EXPECT_EQ(infos, 3u);
 }
 
 }  // namespace
