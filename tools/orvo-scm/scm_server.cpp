@@ -233,11 +233,14 @@ void cScmServer::OnConfigRequest(cMsg& msg)
     answer.AppendRecordPar("config", ConfigOf(*s));
     Reply(msg, MSG_SCM_GETCONFIG_ACK, answer);
     Trace(INFO, "configuration sent to '" + s->name + "'");
-    cRecord health;
-    health.AppendTextPar("scm-health", "running");
-    cMsg h(MSG_SCM_HEALTH);
-    h.SetRecord(health);
-    SendTo(*s, h);
+    SendHealth(*s, "running");
+}
+
+void cScmServer::SendHealth(tService& service, const char* health)
+{
+    cMsg msg(MSG_SCM_HEALTH);
+    msg.GetRecord().AppendTextPar("scm-health", health);
+    SendTo(service, msg);
 }
 
 void cScmServer::OnReady(cMsg& msg)
@@ -298,15 +301,19 @@ void cScmServer::PollFile()
     }
     const tScmFile old = m_File;
     m_File = fresh;
-    for (const tServiceEntry& e : fresh.services) {
-        const tServiceEntry* before = old.Find(e.name);
-        tService* s = m_Registry.ByName(e.name);
-        if (s != nullptr && s->channel != nullptr &&
-            (before == nullptr || Bytes(before->config) != Bytes(e.config)))
+    // A connected service whose entry changed, appeared or went away gets its
+    // configuration anew (without an entry: the one it registered with).
+    for (tService* s : m_Registry.Connected()) {
+        const tServiceEntry* before = old.Find(s->name);
+        const tServiceEntry* now = fresh.Find(s->name);
+        if (Bytes(before != nullptr ? before->config : cRecord()) !=
+                Bytes(now != nullptr ? now->config : cRecord()) ||
+            (before == nullptr) != (now == nullptr))
             PushConfig(*s);
+    }
+    for (const tServiceEntry& e : fresh.services)
         if (e.start && !m_pSupervisor->IsStarted(e.name) && !m_bStopping)
             m_pSupervisor->Start(e);
-    }
 }
 
 // ---- technologies ---------------------------------------------------------------
@@ -499,6 +506,8 @@ void cScmServer::BeginStop()
         return;
     m_bStopping = true;
     Trace(INFO, "stopping");
+    for (tService* s : m_Registry.Connected())
+        SendHealth(*s, "stopping");
     for (auto& kv : m_RestartTimers)
         kv.second->Stop();
     m_pSupervisor->StopAll();

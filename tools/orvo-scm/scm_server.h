@@ -46,6 +46,9 @@ private:
     void Handle(orvo::cMsg& msg);
     void Reply(orvo::cMsg& request, unsigned long type, const orvo::cRecord& record);
     void SendTo(tService& service, orvo::cMsg& msg);
+    // 0x10141 with "scm-health": "running" after the configuration answer,
+    // "stopping" when orvo-scm begins to stop.
+    void SendHealth(tService& service, const char* health);
 
     void OnRegister(orvo::cMsg& msg);
     void OnConfigRequest(orvo::cMsg& msg);

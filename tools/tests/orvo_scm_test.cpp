@@ -122,6 +122,11 @@ TEST_F(OrvoScm, RegistersRefusesASecondLiveNameAndServesTheConfiguration)
     ASSERT_TRUE(twin.Send(Request(0x7006)));
     ASSERT_TRUE(twin.ReceiveType(msg, 0x7007, kWait));
     EXPECT_EQ(msg.GetRecord().GetFirstPar("name").GetString(), "orvo-scm");
+
+    // Stopping is announced to the registered services.
+    ASSERT_EQ(kill(scm.Pid(), SIGTERM), 0);
+    ASSERT_TRUE(twin.ReceiveType(msg, 0x10141, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("scm-health").GetString(), "stopping");
     EXPECT_EQ(scm.Terminate(kWait), 0);
 }
 
@@ -216,6 +221,11 @@ TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
     refused.SetTid(push.GetTid());
     ASSERT_TRUE(alpha.Send(refused));
     EXPECT_TRUE(scm.WaitFor("'alpha' refused the pushed configuration", kWait, mark));
+
+    // Without an entry the service gets back the configuration it registered with.
+    WriteFile(m_Dir.File(), R"({"services": {}})");
+    ASSERT_TRUE(alpha.ReceiveType(push, 0x10015, kWait));
+    EXPECT_TRUE(Sub(push.GetRecord(), "config").IsEmpty());
 }
 
 TEST_F(OrvoScm, WatchdogCountsMissedAnswersAgainstTheServicesLimit)
