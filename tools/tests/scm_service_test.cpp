@@ -68,7 +68,7 @@ TEST_F(ScmService, LivesAWholeLifeWithOrvoScm)
 {
     cScmProcess scm;
     ASSERT_TRUE(StartScm(scm, R"({"services": {"life": {"config": [
-        {"name": "tick-ms", "type": "uint", "value": 250}]}}})", {"-wdt-ms", "100"}));
+        {"name": "tick-ms", "type": "uint", "value": 250}]}}})", {"-wdt-ms", "200"}));
     orvoInit(ERROR, OUTPUT_STDOUT, false);
     GetConfig()->SetTextPar("scm-sap", scm.Sap());
     GetConfig()->SetTextPar("ip", "127.0.0.1");
