@@ -311,9 +311,15 @@ void cScmServer::PollFile()
             (before == nullptr) != (now == nullptr))
             PushConfig(*s);
     }
-    for (const tServiceEntry& e : fresh.services)
-        if (e.start && !m_pSupervisor->IsStarted(e.name) && !m_bStopping)
+    // New entries to start, and stopped ones whose command changed (one that
+    // could not be started waits for that).
+    for (const tServiceEntry& e : fresh.services) {
+        const tServiceEntry* before = old.Find(e.name);
+        const bool changed = before == nullptr || !before->start || before->command != e.command;
+        if (e.start && !m_bStopping && !m_pSupervisor->IsRunning(e.name) &&
+            (changed || !m_pSupervisor->IsStarted(e.name)))
             m_pSupervisor->Start(e);
+    }
 }
 
 // ---- technologies ---------------------------------------------------------------
@@ -476,14 +482,19 @@ void cScmServer::OnChildEnded(cMsg& msg)
     const std::string name = m_pSupervisor->OnEnded(pid, again);
     if (name.empty())
         return;
-    Trace(again ? WARNING : INFO,
-          FormatString("'%s' (pid %d) %s%s", name.c_str(), pid,
-                       msg == MSG_PROCESS_START_FAILED
-                           ? "could not be started"
-                           : FormatString("ended with code %u", r.GetFirstPar("code").GetUInt()).c_str(),
-                       again ? FormatString(": restart in %lu ms", m_Options.restartDelayMs).c_str() : ""));
-    if (again)
+    if (msg == MSG_PROCESS_START_FAILED) {
+        // The command itself is wrong: starting it again would fail the same way.
+        Trace(ERROR, FormatString("'%s' could not be started (%s): not started again until its "
+                                  "command in the file changes",
+                                  name.c_str(), Text(r, "file").c_str()));
+    } else if (again) {
+        Trace(WARNING, FormatString("'%s' (pid %d) ended with code %u: restart in %lu ms", name.c_str(),
+                                    pid, r.GetFirstPar("code").GetUInt(), m_Options.restartDelayMs));
         ScheduleRestart(name);
+    } else {
+        Trace(INFO, FormatString("'%s' (pid %d) ended with code %u", name.c_str(), pid,
+                                 r.GetFirstPar("code").GetUInt()));
+    }
     if (m_bStopping && !m_pSupervisor->AnyRunning())
         m_bDone = true;
 }

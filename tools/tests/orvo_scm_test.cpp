@@ -304,7 +304,8 @@ TEST_F(OrvoScm, StartsItsServicesRestartsThemAndStopsThemOnSigterm)
     ASSERT_TRUE(StartScm(scm,
                          R"({"services": {
         "steady": {"start": true, "command": ")" + fake + R"( {scm-sap} steady"},
-        "mute": {"start": true, "failure-action": "restart", "command": ")" + fake + R"( {scm-sap} mute mute-wdt"}}})",
+        "mute": {"start": true, "failure-action": "restart", "command": ")" + fake + R"( {scm-sap} mute mute-wdt"},
+        "broken": {"start": true, "command": "/nonexistent/orvo-service"}}})",
                          {"-wdt-ms", "150"}));
     const int steady = RegisteredPid(scm, "steady", 0);
     ASSERT_GT(steady, 0);
@@ -327,6 +328,11 @@ TEST_F(OrvoScm, StartsItsServicesRestartsThemAndStopsThemOnSigterm)
     ASSERT_GT(mute2, 0);
     EXPECT_NE(mute2, mute);
     EXPECT_EQ(scm.Output().find("watchdog: 'steady'"), std::string::npos);
+
+    // A command that cannot run is reported once, not retried in a loop.
+    EXPECT_TRUE(scm.WaitFor("'broken' could not be started (/nonexistent/orvo-service)", kWait));
+    const std::string out = scm.Output();
+    EXPECT_EQ(out.find("started /nonexistent/orvo-service"), out.rfind("started /nonexistent/orvo-service"));
 
     // SIGTERM ends the children first, then orvo-scm itself.
     EXPECT_EQ(scm.Terminate(kWait), 0);
