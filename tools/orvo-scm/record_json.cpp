@@ -32,6 +32,22 @@ const tFlagName kFlags[] = {{0x10, "empty"},
                             {0x80, "template"},
                             {0x100, "external"}};
 
+// Records nested deeper than this are written as "hex" at that level (and
+// deeper JSON is refused), so neither direction recurses without bound on
+// bytes or text from outside.
+const int kMaxDepth = 64;
+thread_local int tDepth = 0;
+
+// Counts nested records; a guard made for a record value (bytes side) or a
+// record array (JSON side, where the outermost array is one more) stands
+// for one level.
+struct tDepthGuard {
+    explicit tDepthGuard(int outer = 0) : m_Outer(outer) { ++tDepth; }
+    ~tDepthGuard() { --tDepth; }
+    bool TooDeep() const { return tDepth - m_Outer > kMaxDepth; }
+    int m_Outer;
+};
+
 // Error while reading JSON; the text names what is wrong.
 struct tJsonError : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -256,6 +272,9 @@ bool ValueJson(uint32_t type, const unsigned char* v, size_t n, tJson& element)
         element["value"] = Hex(v, n);
         return true;
     case 6: {
+        const tDepthGuard depth;
+        if (depth.TooDeep())
+            return false;
         tJson entries = tJson::array();
         const unsigned char* p = v;
         while (p < end) {
@@ -499,6 +518,9 @@ tBytes ElementBytes(const tJson& e, const std::string& where)
 
 tBytes RecordBytes(const tJson& json, const std::string& where)
 {
+    const tDepthGuard depth(1);
+    if (depth.TooDeep())
+        throw tJsonError("records nest deeper than " + std::to_string(kMaxDepth) + " levels");
     if (!json.is_array())
         throw tJsonError("a record must be a JSON array of elements");
     tBytes out;

@@ -191,6 +191,30 @@ TEST(RecordJson, RefusesMalformedFormsNamingTheElement)
     }
 }
 
+TEST(RecordJson, DeepNestingIsBoundedBothWays)
+{
+    // 70 records inside each other: the levels beyond 64 travel as hex.
+    cRecord r;
+    r.AppendUIntPar("leaf", 1);
+    for (int i = 0; i < 70; ++i) {
+        cRecord outer;
+        outer.AppendRecordPar("r", r);
+        r = outer;
+    }
+    ExpectBothWays(BytesOf(r));
+    tJson j = RecordToJson(r);
+    int levels = 0;
+    for (const tJson* e = &j[0]; e->contains("value"); e = &(*e)["value"][0])
+        ++levels;
+    EXPECT_EQ(levels, 64);
+
+    // JSON nested deeper than that is refused, not followed.
+    std::string text = R"([{"name":"leaf","type":"uint","value":1}])";
+    for (int i = 0; i < 70; ++i)
+        text = R"([{"name":"r","type":"record","value":)" + text + "}]";
+    EXPECT_NE(Refusal(text).find("records nest deeper than 64 levels"), std::string::npos);
+}
+
 TEST(RecordJson, ParseErrorsNameThePosition)
 {
     tJson j;
