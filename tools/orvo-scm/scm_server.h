@@ -18,6 +18,7 @@
 #include "scm_registry.h"
 #include "scm_store.h"
 #include "scm_supervisor.h"
+#include "scm_watchdog.h"
 
 namespace orvo_scm {
 

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "scm_config.h"
-#include "scm_registry.h"
+#include "scm_watchdog.h"
 
 using namespace orvo_scm;
 
