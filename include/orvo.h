@@ -13,6 +13,8 @@
 #include "orvo_record.h"
 #include "orvo_recordpath.h"
 #include "orvo_sharedmem.h"
+#include "orvo_blockfile.h"
+#include "orvo_eeprom.h"
 #include "orvo_msg.h"
 #include "orvo_msgtypes.h"
 #include "orvo_socketaddr.h"

@@ -52,10 +52,5 @@ ORVO_API extern tTraceChannelSend TraceChannelSend;
 using tServiceInitGlobal = void (*)();
 ORVO_API extern tServiceInitGlobal ServiceInitGlobal;
 
-// Closes and deletes the shared-memory cells gSmOsc and then gSmStatusW and
-// clears their pointers; called first by orvoDeinit. Null: no cells.
-using tCloseSharedCells = void (*)();
-ORVO_API extern tCloseSharedCells CloseSharedCells;
-
 }  // namespace hooks
 }  // namespace orvo
