@@ -43,8 +43,8 @@
 // The guarantee assumes, like most file systems, that a write within one
 // 512-byte sector reaches the medium whole. The 4-byte field of step 3 crosses
 // a sector boundary when the previous block starts 505 to 507 bytes past one
-// (3 appends in 512); a cut between those two sectors, in that one write, can
-// leave a truncated pointer, which makes the open fail.
+// (3 block positions in 512); a cut between those two sectors, in that one
+// write, can leave a truncated pointer, which makes the open fail.
 //
 // Damage that is not a torn append: a chain that points at itself, at or
 // beyond the end of the file, or round a loop of several blocks refuses the
