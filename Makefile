@@ -46,6 +46,7 @@ demo: deps
 	@$(MAKE) --no-print-directory build
 	@test -x $(HOST_DIR)/examples/record_tour || { echo "demo: $(HOST_DIR)/examples/record_tour was not built (examples/record_tour.cpp missing?)"; exit 1; }
 	$(HOST_DIR)/examples/record_tour
+	scripts/demo-platform.sh $(HOST_DIR)
 
 # The whole suite three ways plus install test and fuzzers; see scripts/test-all.sh.
 test: deps
@@ -107,6 +108,9 @@ bench-build:
 bench-smoke: bench-build
 	$(BENCH_DIR)/bench/record_bench --benchmark_min_time=0.01 --benchmark_repetitions=1
 	$(BENCH_DIR)/bench/ipc_bench --rr=1000 --oneway=20000
+	$(BENCH_DIR)/bench/tls_bench --bytes=2000000 --handshakes=20 --seconds=1
+	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
+	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1
 
 bench: deps bench-build
 	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \

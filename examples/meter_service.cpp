@@ -1,11 +1,14 @@
-// meter_service - a complete small service: it listens on its service access
-// point, answers "read register" requests with the transaction id of the
-// request, and counts with a periodic timer. Stop it with Ctrl-C (SIGINT).
+// meter_service - a small service of the platform: it registers with the
+// SCM, takes its configuration from there, offers the technology "meter",
+// answers "read register" requests and the SCM's watchdog, and counts energy
+// on a timer whose period the SCM configures ("tick-ms"; a pushed change
+// takes effect at once).
 //
-//     meter_service -port 4711 -log-stdout
+//     meter_service -scm-sap 127.0.0.1:47000 [-log-stdout]
 //
 // A client sends a message of type 0x20001 with a uint "register" and gets a
-// 0x20002 back whose record holds "register" and "value".
+// 0x20002 back with the request's transaction id, "register" and "value".
+// The service ends when the SCM goes away, on SIGTERM or Ctrl-C.
 #include <orvo.h>
 
 using namespace orvo;
@@ -18,47 +21,73 @@ const unsigned long kMsgTick = 0x20010;
 
 tArg gArgs[] = {
     {nullptr, "#Meter service", nullptr, nullptr},
-    {"-port", "TCP port of the service access point", "4711", OnArg_Int},
+    {"-scm-sap", "address of the SCM", "127.0.0.1:47000", OnArg_Text},
+    {"-ip", "address other services reach this one at", "127.0.0.1", OnArg_Text},
+    {"-port", "TCP port of the service access point (0: any)", "0", OnArg_Int},
     {"-log-stdout", "write traces to standard output", nullptr, OnArg_Bool},
     {nullptr, nullptr, nullptr, nullptr}};
 
-cUnit UnitMeter("meter", INFO, OUTPUT_SYSLOG);
+cUnit UnitMeter("meter", INFO, OUTPUT_NONE);   // lines reach the SCM; -log-stdout shows them here
 
-class cMeterService : public cService {
+unsigned long TickMs()
+{
+    const unsigned int ms = GetConfig()->GetFirstPar("tick-ms").GetUInt();
+    return ms > 0 ? ms : 1000;
+}
+
+// Runs on the main thread (see main), so ThreadMain has nothing to do.
+class cMeterService : public cScmService {
 public:
-    void ThreadMain() override {}  // runs on the main thread, see main()
+    void ThreadMain() override {}
 };
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    orvoInit(ERROR, OUTPUT_SYSLOG, false);
+    orvoInit(ERROR, OUTPUT_STDOUT, false);
     orvoParseArgs(gArgs, argc, argv);
+    const std::string ip = GetConfig()->GetFirstPar("ip").GetString();
     const int port = GetConfig()->GetFirstPar("port").GetSInt();
 
     cMeterService service;
-    if (!service.Init("meter", cSocketAddr("127.0.0.1", static_cast<unsigned short>(port)))) {
-        ORVO_TRACE(&UnitMeter, ERROR, "cannot start the service");
-        orvoDeinit();
-        return 1;
-    }
+    service.Init("meter", cSocketAddr(ip.c_str(), static_cast<unsigned short>(port)), "restart");
     cTimer tick(&service, true, nullptr);
-    tick.Start(10000, kMsgTick);
 
     unsigned long long energy = 0;
-    unsigned int ticks = 0;
     cMsg msg;
     while (service.GetMessage(msg)) {
-        if (msg == kMsgTick) {
-            energy += 250;
-            ORVO_TRACE(&UnitMeter, INFO, FormatString("tick %u, energy %llu Wh", ++ticks, energy));
-        } else if (msg == kMsgRead && msg.GetChannel() != nullptr) {
-            cMsg reply(kMsgReadReply);
-            reply.SetTid(msg.GetTid());
-            reply.GetRecord().AppendUIntPar("register", msg.GetRecord().GetFirstPar("register").GetUInt());
-            reply.GetRecord().AppendUInt64Par("value", energy);
-            msg.GetChannel()->Send(reply);
+        switch (msg.GetType()) {
+        case MSG_SCM_GETCONFIG_ACK:   // configuration arrived: run
+            tick.Start(TickMs(), kMsgTick);
+            service.SetReady();
+            service.SetServiceTech("meter", 1);
+            ORVO_TRACE(&UnitMeter, INFO, FormatString("meter ready, sap %s, tick %lu ms",
+                                                      service.GetSapAddress().ToString().c_str(), TickMs()));
+            break;
+        case MSG_SCM_SETCONFIG:       // a pushed change: the period may differ
+            tick.Start(TickMs(), kMsgTick);
+            ORVO_TRACE(&UnitMeter, INFO, FormatString("new configuration, tick %lu ms", TickMs()));
+            break;
+        case MSG_SCM_WDT:
+            service.SetWDT(msg);
+            break;
+        case MSG_TERMINATE_REQUEST:   // SIGTERM, or the SCM refused the registration
+            break;
+        case kMsgTick:
+            energy += 25;
+            break;
+        case kMsgRead:
+            if (msg.GetChannel() != nullptr) {
+                cMsg reply(kMsgReadReply);
+                reply.SetTid(msg.GetTid());
+                reply.GetRecord().AppendUIntPar("register", msg.GetRecord().GetFirstPar("register").GetUInt());
+                reply.GetRecord().AppendUInt64Par("value", energy);
+                msg.GetChannel()->Send(reply);
+            }
+            break;
+        default:
+            break;
         }
     }
     tick.Stop();

@@ -60,6 +60,7 @@ enum eMsgType : unsigned long {
     MSG_SCM_RUN = 0x10006,
     MSG_SCM_RUN_ACK = 0x10007,
     MSG_SCM_NOP = 0x10008,
+    MSG_SCM_WDT = 0x10009,
     MSG_SCM_WDT_ACK = 0x1000A,
     MSG_SCM_SETCONFIG = 0x10015,
     MSG_SCM_SETCONFIG_ACK = 0x10016,

@@ -1,9 +1,9 @@
 // orvo_hooks.h - internal seams between the runtime frame (start-up, traces)
-// and the families that sit above it: services, channels and the SCM
-// connection. Not installed.
+// and the families that sit above it: services and channels. Not
+// installed.
 //
 // The trace dispatcher and orvoInit/orvoDeinit must reach objects whose
-// classes live in higher families (the main service, the SCM socket, trace
+// classes live in higher families (the main service, trace
 // channels, the shared-memory cells). Rather than depending on them, the
 // frame calls these function pointers; each family installs its hook when
 // it has something to offer (typically from a static initialiser in its own
@@ -28,13 +28,6 @@ class cUuid;
 
 namespace hooks {
 
-// The SCM socket. Installed while the process's SCM socket exists (null: no
-// SCM socket, so no trace copy is built). The hook enables the socket
-// (cChannel::Enable(true)) and sends msg on it (Send(cMsg&)), returning
-// Send's result; -1 makes the trace print its "--FAILED-->>" line.
-using tScmSend = int (*)(cMsg& msg);
-ORVO_API extern tScmSend ScmSend;
-
 // The main service (mMainService). Installed while a main service exists
 // (null: none). Fills id with its uuid and name with its object name and
 // returns true; returning false also means "no main service".
@@ -58,11 +51,6 @@ ORVO_API extern tTraceChannelSend TraceChannelSend;
 // by orvoInit. Null: nothing to set up yet.
 using tServiceInitGlobal = void (*)();
 ORVO_API extern tServiceInitGlobal ServiceInitGlobal;
-
-// Closes and deletes the shared-memory cells gSmOsc and then gSmStatusW and
-// clears their pointers; called first by orvoDeinit. Null: no cells.
-using tCloseSharedCells = void (*)();
-ORVO_API extern tCloseSharedCells CloseSharedCells;
 
 }  // namespace hooks
 }  // namespace orvo

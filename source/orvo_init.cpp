@@ -16,13 +16,13 @@
 
 #include "orvo_hooks.h"
 #include "orvo_record.h"
+#include "orvo_sharedmem.h"
 #include "tesk.h"
 
 namespace orvo {
 
 namespace hooks {
 tServiceInitGlobal ServiceInitGlobal = nullptr;
-tCloseSharedCells CloseSharedCells = nullptr;
 }  // namespace hooks
 
 namespace {
@@ -156,8 +156,7 @@ bool orvoInit(eLEVEL level, eOUTPUT output, bool resolveHw)
 
 bool orvoDeinit()
 {
-    if (hooks::CloseSharedCells != nullptr)
-        hooks::CloseSharedCells();
+    CloseSharedCells();
     ClearTraceUnits();
     ClearMessageTxtFunc();
     delete gConfig;

@@ -580,6 +580,9 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
             break;
         }
         aside.push_back(msg);
+        // Handed out again after the wait: a channel whose close message
+        // this is must not be deleted before then.
+        m_LastMsg.Create();
     }
 
     // Stop the timer; a time-out that fired but did not end the wait is

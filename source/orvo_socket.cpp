@@ -18,16 +18,10 @@
 
 #include "orvo_handle.h"
 #include "orvo_service.h"
+#include "orvo_tls.h"
 #include "orvo_trace.h"
 
 namespace orvo {
-
-// The TLS family provides these two. They are referenced weakly so that the
-// sockets work (with OpenSSL's own initialisation and without printing the
-// peer certificate) in a build that does not contain it; default visibility
-// keeps the definitions exported.
-ORVO_API int openssl_lib_init() __attribute__((weak));
-ORVO_API int openssl_show_peer_certificate(ssl_st* ssl) __attribute__((weak));
 
 namespace {
 
@@ -35,34 +29,16 @@ namespace {
 // connection is given up (the loop is blocked meanwhile).
 const int kTlsWriteWaitMs = 5000;
 
-void TlsLibraryInit()
-{
-    if (openssl_lib_init != nullptr)
-        openssl_lib_init();
-    else
-        OPENSSL_init_ssl(0, nullptr);
-}
-
 // OpenSSL's reason text of the most recent queued error (the queue is
 // emptied), or strerror of errno after a system call failure; "" when
 // neither says anything.
 std::string TlsReason(int sslError)
 {
     const int savedErrno = errno;
-    unsigned long last = 0;
-    for (unsigned long e = ERR_get_error(); e != 0; e = ERR_get_error())
-        last = e;
-    if (last != 0) {
-        const char* text = ERR_reason_error_string(last);
-        if (text != nullptr)
-            return text;
-        char buf[256];
-        ERR_error_string_n(last, buf, sizeof buf);
-        return buf;
-    }
-    if (sslError == SSL_ERROR_SYSCALL && savedErrno != 0)
+    std::string text = openssl_error_reason();
+    if (text.empty() && sslError == SSL_ERROR_SYSCALL && savedErrno != 0)
         return strerror(savedErrno);
-    return std::string();
+    return text;
 }
 
 }  // namespace
@@ -505,7 +481,7 @@ void cTcpSocket::OnConnect(int err)
     if (err == 0) {
         m_bConnected = 1;
         cMsg msg = MakeMsg(MSG_SOCKET_CONNECTED);
-        if (m_pSsl != nullptr && openssl_show_peer_certificate != nullptr)
+        if (m_pSsl != nullptr)
             openssl_show_peer_certificate(m_pSsl);
         SendSocketOnConnectMsg(msg);
     } else {
@@ -574,7 +550,7 @@ void cTcpSocket::SetSSL(ssl_ctx_st* ctx)
 {
     if (ctx == nullptr)
         return;
-    TlsLibraryInit();
+    openssl_lib_init();
     m_pSslCtx = ctx;
 }
 

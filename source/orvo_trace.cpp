@@ -15,8 +15,10 @@
 #include "orvo_hooks.h"
 #include "orvo_init.h"
 #include "orvo_msg.h"
+#include "orvo_msgsocket.h"
 #include "orvo_msgtypes.h"
 #include "orvo_record.h"
+#include "orvo_scm.h"
 #include "orvo_sharedmem.h"
 #include "orvo_time.h"
 #include "orvo_uuid.h"
@@ -24,7 +26,6 @@
 namespace orvo {
 
 namespace hooks {
-tScmSend ScmSend = nullptr;
 tMainServiceInfo MainServiceInfo = nullptr;
 tMainServiceSend MainServiceSend = nullptr;
 tTraceChannelSend TraceChannelSend = nullptr;
@@ -118,10 +119,22 @@ void Output(const cTime& now, unsigned long osc, cUnit* unit, eLEVEL level,
     const std::string unitName = unit->GetObjName();
     const char* levelText = GetTraceLevelTxt(level);
 
-    if (hooks::ScmSend != nullptr && LogToScm()) {
+    // A trace issued while the copy is being sent (the socket's own traces)
+    // is not copied again: it would recurse without end.
+    static thread_local bool sendingCopy = false;
+    cMsgTcpSocket* scm = gSCMsocket;
+    if (scm != nullptr && !sendingCopy && LogToScm()) {
         cMsg msg(MSG_SCM_TRACE_LOG);
         BuildLogRecord(msg.GetRecord(), now, osc, unit, level, text, rec);
-        if (hooks::ScmSend(msg) == -1) {
+        sendingCopy = true;
+        // Traces come from any thread; the flags belong to the loop's
+        // thread, so they are written only when the socket is not enabled
+        // yet (connected sockets are).
+        if (!scm->IsEnabled())
+            scm->Enable(true);
+        const int sent = scm->Send(msg);
+        sendingCopy = false;
+        if (sent == -1) {
             std::printf("--FAILED-->>%s(%i) %-8s|%-13s[%-10s]: %s\n", timeText.c_str(),
                         static_cast<int>(osc), exe, unitName.c_str(), levelText, text.c_str());
             std::fflush(stdout);

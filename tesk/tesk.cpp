@@ -67,6 +67,7 @@ constexpr tMsgTypeName kNames[] = {
     {0x010006, "SCM_RUN"},
     {0x010007, "SCM_RUN_ACK"},
     {0x010008, "SCM_NOP"},
+    {0x010009, "SCM_WDT"},
     {0x01000a, "SCM_WDT_ACK"},
     {0x010015, "SCM_SETCONFIG"},
     {0x010016, "SCM_SETCONFIG_ACK"},

@@ -3,10 +3,14 @@
 // pattern, and child process runners.
 #pragma once
 
+#include <netinet/in.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -154,6 +158,49 @@ inline uint16_t Receive(int fd)
 {
     uint16_t value = 0;
     return read(fd, &value, sizeof value) == sizeof value ? value : 0;
+}
+
+// Waits up to ms for a message of type from channel ch (any channel when
+// null); messages of that type from other channels go back in the queue.
+// 0x2015 on time-out.
+inline orvo::cMsg AwaitFrom(orvo::cService& svc, unsigned long type, orvo::cChannel* ch = nullptr,
+                            unsigned long ms = 20000)
+{
+    std::vector<orvo::cMsg> other;
+    orvo::cMsg m;
+    for (;;) {
+        m = svc.WaitSyncMsg(ms, type);
+        if (m != type || ch == nullptr || m.GetChannel() == ch)
+            break;
+        other.push_back(m);
+    }
+    for (orvo::cMsg& o : other)
+        svc.OnMsg(o);
+    return m;
+}
+
+// A TCP port of 127.0.0.1 that was free a moment ago (bound to port 0,
+// read back, closed); another process may take it meanwhile.
+inline unsigned short FreeLoopbackPort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    orvo::cSocketAddr a("127.0.0.1", 0);
+    socklen_t len = sizeof(sockaddr_in);
+    bind(fd, a.GetSockAddr(), len);
+    getsockname(fd, a.GetSockAddr(), &len);
+    close(fd);
+    return a.GetPort();
+}
+
+// Moves the calling process into a network namespace of its own (only a
+// loopback interface, down). False, with why, where the machine does not
+// allow it.
+inline bool EnterPrivateNetwork(std::string& why)
+{
+    if (unshare(CLONE_NEWNET) == 0)
+        return true;
+    why = std::string("no private network namespace here (unshare: ") + std::strerror(errno) + ")";
+    return false;
 }
 
 }  // namespace orvo_test

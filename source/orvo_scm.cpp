@@ -1,0 +1,558 @@
+#define ORVO_SOURCE "orvo_scm"
+#include "orvo_scm.h"
+
+#include <sys/socket.h>
+
+#include <cstdarg>
+#include <cstdlib>
+
+#include "orvo_init.h"
+#include "orvo_msgsocket.h"
+#include "orvo_msgtypes.h"
+#include "orvo_recordmerge.h"
+#include "orvo_trace.h"
+
+namespace orvo {
+
+cMsgTcpSocket* gSCMsocket = nullptr;
+
+const char* const cScmService::kDefaultFailureAction = "restart";
+
+namespace {
+
+const char* const kUnknownTech = "unknown";
+
+// The element name of rec of the given type; invalid when missing or of
+// another type (wrongly typed keys count as absent).
+cRecordPar TypedPar(const cRecord& rec, const char* name, int type)
+{
+    cRecordPar par = rec.GetFirstPar(name);
+    return par.IsValid() && par.GetType() == type ? par : cRecordPar();
+}
+
+bool TypedRecord(const cRecord& rec, const char* name, cRecord& out)
+{
+    cRecordPar par = TypedPar(rec, name, RECORD_RECORD);
+    return par.IsValid() && par.GetRecord(out);
+}
+
+bool TypedUuid(const cRecord& rec, const char* name, cUuid& out)
+{
+    cRecordPar par = TypedPar(rec, name, RECORD_UUID);
+    return par.IsValid() && par.GetUuid(out) && out.IsValid();
+}
+
+// A fresh message id.
+cUuid FreshId()
+{
+    cUuid id;
+    id.Create();
+    return id;
+}
+
+cRecord SystemDefaults(const std::string& failureAction)
+{
+    cRecord system;
+    system.AppendTextPar("failure-action", failureAction);
+    system.AppendUIntPar("wdt-failures", 3);
+    system.AppendTextPar("wdt", "ON");
+    system.AppendUIntPar("bc-timelost", 5000);
+    system.AppendUIntPar("msgQsize", 200);
+    return system;
+}
+
+// Every sub-record of the configuration's "trace" record that holds a
+// "trace-level" text sets the level of the unit of that name (units that do
+// not exist are not created).
+void ApplyTraceLevels(const cRecord& config)
+{
+    cRecord trace;
+    if (!TypedRecord(config, "trace", trace) || mUnits == nullptr)
+        return;
+    for (cRecordPar p = trace.GetFirstPar(); p.IsValid(); trace.SeekNextPar(p)) {
+        cRecord unit;
+        if (p.GetType() != RECORD_RECORD || !p.GetRecord(unit))
+            continue;
+        cRecordPar level = TypedPar(unit, "trace-level", RECORD_TEXT);
+        auto found = mUnits->find(p.GetName());
+        if (level.IsValid() && found != mUnits->end() && found->second != nullptr)
+            SetTraceLevel(found->second, level.GetString());
+    }
+}
+
+}  // namespace
+
+cScmService::cScmService()
+    : m_pScmSocket(nullptr), m_ServiceTech(kUnknownTech), m_BcTimeLost(5000), m_MsgQSize(200)
+{
+}
+
+cScmService::~cScmService()
+{
+    CloseScmSocket();
+}
+
+bool cScmService::Init(const std::string& name, cSocketAddr sap, const std::string& failureAction)
+{
+    CloseScmSocket();
+    cService::Init(name, sap);
+    m_ServiceTech = kUnknownTech;
+    m_PendingConfig.Clear();
+
+    cRecordPar scmSap = TypedPar(*GetConfig(), "scm-sap", RECORD_TEXT);
+    if (!scmSap.IsValid()) {
+        ORVO_TRACE(UnitORVO, FATAL, "Can't connect SCM, missing SCM-SAP destination addr in config");
+    } else {
+        const std::string text = scmSap.GetString();
+        m_pScmSocket = new cMsgTcpSocket(this, nullptr);
+        m_pScmSocket->SetObjName("scm");
+        if (m_pScmSocket->Socket(AF_INET, SOCK_STREAM, 0) >= 0)
+            m_pScmSocket->Connect(cSocketAddr(text.c_str(), 0));
+        gSCMsocket = m_pScmSocket;
+    }
+    GetConfig()->AppendRecordPar("system", SystemDefaults(failureAction));
+    return true;
+}
+
+bool cScmService::Init(const std::string& name, cSocketAddr sap)
+{
+    return Init(name, sap, kDefaultFailureAction);
+}
+
+bool cScmService::Init(const std::string& name, const std::string& failureAction)
+{
+    return Init(name, cSocketAddr(), failureAction);
+}
+
+void cScmService::DeInit()
+{
+    m_ServiceTech = kUnknownTech;
+    CloseScmSocket();
+    cService::DeInit();
+}
+
+void cScmService::CloseScmSocket()
+{
+    if (m_pScmSocket == nullptr)
+        return;
+    if (gSCMsocket == m_pScmSocket)
+        gSCMsocket = nullptr;
+    cMsgTcpSocket* scm = m_pScmSocket;
+    m_pScmSocket = nullptr;
+    scm->Close();
+    delete scm;
+}
+
+// ---- Protocol engine ----------------------------------------------------------
+
+bool cScmService::FromScm(const cMsg& msg) const
+{
+    return m_pScmSocket != nullptr &&
+           msg.GetChannel() == static_cast<cChannel*>(m_pScmSocket);
+}
+
+bool cScmService::PreDispatchMessage(cMsg& msg)
+{
+    switch (msg.GetType()) {
+    case MSG_SOCKET_CONNECTED:
+        if (!FromScm(msg))
+            break;
+        OnScmConnected();
+        return true;
+    case MSG_SOCKET_CONNECT_FAILED:
+        if (!FromScm(msg))
+            break;
+        ORVO_TRACE(UnitORVO, FATAL, "can't connect to SCM; exit service");
+        std::exit(0);
+    case MSG_SOCKET_CLOSED:
+        if (FromScm(msg)) {
+            ORVO_TRACE(UnitORVO, FATAL, "connection closed by SCM; exit service");
+            cMsg end(MSG_INTERRUPT_REQUEST);
+            SendToInternal(this, end);
+        }
+        break;
+    case MSG_SCM_SYNTAX_ERROR:
+        ORVO_TRACE(UnitORVO, FATAL, "syntax error in SCM protocoll; exit service");
+        std::exit(1);
+    case MSG_SCM_REGISTER_ACK:
+        OnRegisterAck();
+        return true;
+    case MSG_SCM_REGISTER_NACK:
+        OnRegisterNack(msg);
+        return true;
+    case MSG_SCM_GETCONFIG_ACK:
+        TakeConfigAnswer(msg);
+        break;
+    case MSG_SCM_RUN_ACK:
+        ORVO_TRACE(UnitORVO, DEBUG, "SCM_RUN_ACK service '" + GetObjName() + "' ready");
+        break;
+    case MSG_SCM_NOP:
+        return true;
+    case MSG_SCM_SETCONFIG:
+        if (!OnSetConfig(msg))
+            return false;
+        break;
+    case MSG_SCM_HEALTH: {
+        cRecordPar health = TypedPar(msg.GetRecord(), "scm-health", RECORD_TEXT);
+        if (health.IsValid())
+            m_ScmHealth = health.GetString();
+        return true;
+    }
+    default:
+        break;
+    }
+    return cService::PreDispatchMessage(msg);
+}
+
+void cScmService::OnScmConnected()
+{
+    ORVO_TRACE(UnitORVO, DEBUG,
+               FormatString("SCM (%s) connected...",
+                            m_pScmSocket->GetRemoteAddress().ToString().c_str()));
+    cMsg reg(MSG_SCM_REGISTER);
+    cRecord& r = reg.GetRecord();
+    r.AppendUuidPar("service-id", GetServiceId());
+    r.AppendTextPar("name", GetObjName());
+    const std::string ip = TypedPar(*GetConfig(), "ip", RECORD_TEXT).GetString();
+    r.AppendTextPar("sap", FormatString("%s:%i", ip.c_str(), GetSapAddress().GetPort()));
+    r.AppendSIntPar("pid", GetPid());
+    r.AppendRecordPar("config", *GetConfig());
+    SendToScm(reg, "Register");
+}
+
+void cScmService::OnRegisterAck()
+{
+    ORVO_TRACE(UnitORVO, DEBUG, "SCM_REGISTER_ACK");
+    m_PendingConfig = FreshId();
+    cMsg req(MSG_SCM_GETCONFIG);
+    req.SetTid(m_PendingConfig);
+    req.GetRecord().AppendUuidPar("service-id", GetServiceId());
+    req.GetRecord().AppendTextPar("path", "");
+    SendToScm(req, "RequestConfig");
+}
+
+void cScmService::OnRegisterNack(const cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    cRecordPar reason = TypedPar(r, "reason", RECORD_SINT);
+    if (!reason.IsValid())
+        reason = TypedPar(r, "reason", RECORD_UINT);
+    if (reason.IsValid()) {
+        cRecordPar sub = TypedPar(r, "sub-reason", RECORD_TEXT);
+        const std::string subText = sub.IsValid() ? sub.GetString() : "-no-sub-reason-";
+        ORVO_TRACE(UnitORVO, FATAL,
+                   FormatString("service not registered, reason=%d (%s)", reason.GetSInt(),
+                                subText.c_str()));
+    } else {
+        ORVO_TRACE(UnitORVO, FATAL, "service not registered, unknown reason");
+    }
+    cMsg refused(MSG_TERMINATE_REQUEST);
+    OnMsg(refused);
+}
+
+// Takes a configuration answer that belongs to the pending request for this
+// service's root; anything else leaves the configuration as it is.
+bool cScmService::TakeConfigAnswer(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    cUuid id;
+    cRecord config;
+    cRecordPar path = TypedPar(r, "path", RECORD_TEXT);
+    if (!m_PendingConfig.IsValid() || !msg.GetTid().IsValid() || msg.GetTid() != m_PendingConfig ||
+        !TypedUuid(r, "service-id", id) || id != GetServiceId() || !path.IsValid() ||
+        !path.GetString().empty() || !TypedRecord(r, "config", config))
+        return false;
+
+    *GetConfig() = config;
+    cRecordPar bc = GetConfig()->GetFirstParByPath("system.bc-timelost", ".");
+    if (bc.IsValid()) {
+        m_BcTimeLost = bc.GetUInt();
+        cRecordPar q = GetConfig()->GetFirstParByPath("system.msgQsize", ".");
+        if (q.IsValid())
+            m_MsgQSize = q.GetUInt();
+    }
+    ApplyConfig(*GetConfig(), "SCM_GETCONFIG_ACK ");
+    msg.GetRecord() = cRecord();
+    m_PendingConfig.Clear();
+    return true;
+}
+
+void cScmService::ApplyConfig(const cRecord& config, const char* logPrefix)
+{
+    ApplyTraceLevels(config);
+    ORVO_TRACE(UnitORVO, DEBUG, logPrefix + config.ToString());
+}
+
+// A configuration change pushed by the SCM; false when it is refused.
+bool cScmService::OnSetConfig(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    cRecord pathRec, change;
+    const bool valid = TypedRecord(r, "path", pathRec) && !pathRec.IsEmpty() &&
+                       cRecordPath(pathRec).GetFirstEntry().IsValid() &&
+                       TypedRecord(r, "config", change);
+    cChannel* back = msg.GetChannel();
+    if (!valid) {
+        cMsg nack(MSG_SCM_SETCONFIG_NACK);
+        nack.SetTid(msg.GetTid());
+        if (back != nullptr)
+            back->Send(nack);
+        return false;
+    }
+    const cRecordPath path(pathRec);
+    ORVO_TRACE(UnitORVO, INFO, "change " + path.ToString());
+    const bool full = TypedPar(r, "full-config", RECORD_BOOL).GetBool();
+
+    cRecord old;
+    old.AppendRecordPar("old-config", *GetConfig());
+    if (full)
+        *GetConfig() = change;
+    else
+        *GetConfig() = ChangeRecord(*GetConfig(), path, change, "", true);
+    ApplyConfig(*GetConfig(), "SCM_SETCONFIG_ACK ");
+
+    cMsg ack(MSG_SCM_SETCONFIG_ACK);
+    ack.SetTid(msg.GetTid());
+    if (back != nullptr)
+        back->Send(ack);
+    msg.GetRecord() = old;
+    return true;
+}
+
+// ---- Requests ----------------------------------------------------------------------
+
+int cScmService::SendToScm(cMsg& msg, const char* what, bool withMsg) const
+{
+    if (m_pScmSocket == nullptr)
+        return 0;
+    const int result = m_pScmSocket->Send(msg);
+    if (result < 0) {
+        if (withMsg)
+            ORVO_TRACE(UnitORVO, ERROR,
+                       std::string("scmService[") + what + "] send failed, msg=" + msg.ToString());
+        else
+            ORVO_TRACE(UnitORVO, ERROR, std::string(what) + ": send failed");
+    }
+    return result;
+}
+
+int cScmService::SetReady() const
+{
+    cMsg m(MSG_SCM_RUN);
+    m.GetRecord().AppendUuidPar("service-id", GetServiceId());
+    return SendToScm(m, "SetReady");
+}
+
+int cScmService::SetWDT(cMsg& request) const
+{
+    cMsg m(MSG_SCM_WDT_ACK);
+    m.GetRecord().AppendUuidPar("service-id", GetServiceId());
+    m.GetRecord().AppendUIntPar("seq-no", request.GetRecord().GetFirstPar("seq-no").GetUInt());
+    return SendToScm(m, "SetWDT");
+}
+
+int cScmService::SetConfig(const char* service, const cRecordPath& path, const cRecord& config) const
+{
+    cUuid id = FreshId();
+    return SetConfig2(id, service, path, config);
+}
+
+int cScmService::SetConfig2(cUuid& id, const char* service, const cRecordPath& path,
+                            const cRecord& config) const
+{
+    cMsg m(MSG_SCM_SETCONFIG);
+    m.SetTid(id);
+    m.GetRecord().AppendTextPar("service-name", service != nullptr ? service : "");
+    m.GetRecord().AppendRecordPar("path", path.GetRecord());
+    m.GetRecord().AppendRecordPar("config", config);
+    return SendToScm(m, "SetConfig", true);
+}
+
+int cScmService::SetConfigReady(const char* service) const
+{
+    cMsg m(MSG_SCM_SETCONFIG);
+    m.SetTid(FreshId());
+    m.GetRecord().AppendTextPar("service-name", service != nullptr ? service : "");
+    m.GetRecord().AppendBoolPar("broadcast", true);
+    return SendToScm(m, "SetConfigReady", true);
+}
+
+int cScmService::SetConfigUInt(const char* service, const cRecordPath& path, const char* name,
+                               unsigned int value) const
+{
+    cRecord config;
+    config.AppendUIntPar(name, value);
+    return SetConfig(service, path, config);
+}
+
+int cScmService::SetConfigBool(const char* service, const cRecordPath& path, const char* name,
+                               bool value) const
+{
+    cRecord config;
+    config.AppendBoolPar(name, value);
+    return SetConfig(service, path, config);
+}
+
+int cScmService::SetConfigText(const char* service, const cRecordPath& path, const char* name,
+                               const std::string& value) const
+{
+    cRecord config;
+    config.AppendTextPar(name, value);
+    return SetConfig(service, path, config);
+}
+
+int cScmService::SystemReboot(bool factoryDefaults) const
+{
+    cMsg m(MSG_SCM_SYSTEM_REBOOT);
+    m.GetRecord().AppendBoolPar("set-factory-defaults", factoryDefaults);
+    return SendToScm(m, "SystemReboot");
+}
+
+int cScmService::SetBroadcastConfig() const
+{
+    cMsg m(MSG_SCM_BROADCAST_CONFIG);
+    m.GetRecord().AppendUuidPar("service-id", GetServiceId());
+    m.GetRecord().AppendTextPar("name", GetObjName());
+    m.GetRecord().AppendRecordPar("config", *GetConfig());
+    return SendToScm(m, "SetBroadcastConfig");
+}
+
+int cScmService::RequestNotifications(unsigned int mask) const
+{
+    cMsg m(MSG_SCM_NOTIFICATION_REQUEST);
+    m.SetTid(FreshId());
+    m.GetRecord().AppendUIntPar("mask", mask);
+    return SendToScm(m, "RequestNotifications");
+}
+
+int cScmService::StoreRecord(const std::string& name, const cRecord& record)
+{
+    cMsg m(MSG_SCM_STORE_RECORD);
+    m.GetRecord().AppendTextPar("name", name);
+    m.GetRecord().AppendRecordPar("record", record);
+    return SendToScm(m, "StoreRecord");
+}
+
+int cScmService::RequestStoredRecord(const std::string& name)
+{
+    cMsg m(MSG_SCM_GET_STORED_RECORD);
+    m.GetRecord().AppendTextPar("name", name);
+    return SendToScm(m, "RequestStoredRecord");
+}
+
+namespace {
+// The head every log request carries: its id, "service-id", "log".
+cMsg LogRequest(unsigned long type, const cUuid& id, const cUuid& service, const std::string& log)
+{
+    cMsg m(type);
+    m.SetTid(id);
+    m.GetRecord().AppendUuidPar("service-id", service);
+    m.GetRecord().AppendTextPar("log", log);
+    return m;
+}
+}  // namespace
+
+int cScmService::RequestLog(const std::string& log, const cRecord& filter)
+{
+    cUuid id = FreshId();
+    return RequestLog2(id, log, filter);
+}
+
+int cScmService::RequestLog2(cUuid& id, const std::string& log, const cRecord& filter)
+{
+    cMsg m = LogRequest(MSG_SCM_LOG_REQUEST, id, GetServiceId(), log);
+    m.GetRecord().AppendRecordPar("filter", filter);
+    return SendToScm(m, "RequestLog2");
+}
+
+int cScmService::FetchLog(const std::string& log, unsigned int index, unsigned int count)
+{
+    cUuid id = FreshId();
+    return FetchLog2(id, log, index, count);
+}
+
+int cScmService::FetchLog2(cUuid& id, const std::string& log, unsigned int index, unsigned int count)
+{
+    cMsg m = LogRequest(MSG_SCM_LOG_FETCH, id, GetServiceId(), log);
+    m.GetRecord().AppendUIntPar("index", index);
+    m.GetRecord().AppendUIntPar("count", count);
+    return SendToScm(m, "FetchLog2");
+}
+
+int cScmService::DeleteLog(const std::string& log)
+{
+    cUuid id = FreshId();
+    return DeleteLog2(id, log);
+}
+
+int cScmService::DeleteLog2(cUuid& id, const std::string& log)
+{
+    cMsg m = LogRequest(MSG_SCM_LOG_DELETE, id, GetServiceId(), log);
+    return SendToScm(m, "DeleteLog2");
+}
+
+int cScmService::RequestServiceConfig(const char* service, const cRecordPath& path,
+                                      const char* filter) const
+{
+    cUuid id = FreshId();
+    return RequestServiceConfig2(id, service, path, filter);
+}
+
+int cScmService::RequestServiceConfig2(cUuid& id, const char* service, const cRecordPath& path,
+                                       const char* filter) const
+{
+    cMsg m(MSG_SCM_GETCONFIG);
+    m.SetTid(id);
+    m.GetRecord().AppendTextPar("service-name", service != nullptr ? service : "");
+    m.GetRecord().AppendRecordPar("path", path.GetRecord());
+    m.GetRecord().AppendTextPar("filter", filter != nullptr ? filter : "");
+    return SendToScm(m, "RequestServiceConfig2");
+}
+
+int cScmService::RequestServiceInfo(const char* key, const std::string& value) const
+{
+    if (key == nullptr)
+        return 0;
+    cMsg m(MSG_SCM_SERVICE_INFO_REQUEST);
+    m.SetTid(FreshId());
+    m.GetRecord().AppendTextPar(key, value);
+    return SendToScm(m, "RequestServiceInfo");
+}
+
+int cScmService::RequestServiceInfoByName(const std::string& name) const
+{
+    return RequestServiceInfo("service-name", name);
+}
+
+int cScmService::RequestServiceInfoByTech(const std::string& tech) const
+{
+    return RequestServiceInfo("service-tech", tech);
+}
+
+int cScmService::SetServiceTech(const char* tech, int count, ...)
+{
+    std::vector<std::string> techs;
+    techs.push_back(tech != nullptr ? tech : "");
+    va_list args;
+    va_start(args, count);
+    for (int i = 1; i < count; ++i) {
+        const char* more = va_arg(args, const char*);
+        techs.push_back(more != nullptr ? more : "");
+    }
+    va_end(args);
+    return SetServiceTech(techs);
+}
+
+int cScmService::SetServiceTech(const std::vector<std::string>& techs)
+{
+    if (!techs.empty())
+        m_ServiceTech = techs.front();
+    cMsg m(MSG_SCM_SET_SERVICE_TECH);
+    m.SetTid(FreshId());
+    m.GetRecord().AppendUuidPar("service-id", GetServiceId());
+    for (const std::string& t : techs)
+        m.GetRecord().AppendTextPar("service-tech", t);
+    return SendToScm(m, "SetServiceTech");
+}
+
+}  // namespace orvo

@@ -1,0 +1,1064 @@
+// SCM client and technology connections against a scripted SCM: a raw TCP
+// listener on 127.0.0.1 in this test that reads and writes frames built
+// here by hand, so every protocol step and every failure is checked byte by
+// byte. The service under test runs its loop on this thread, driven by a
+// 10 ms tick timer between the script's steps; the ways the SCM's loss ends
+// a process run in forked children. Timer steps of the technology health
+// check use the millisecond clock seam (real clock plus an offset).
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <time.h>
+
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orvo_init.h"
+#include "orvo_msgsocket.h"
+#include "orvo_msgtypes.h"
+#include "orvo_recordmerge.h"
+#include "orvo_scm.h"
+#include "orvo_scmio.h"
+#include "orvo_time.h"
+#include "orvo_timer.h"
+#include "orvo_trace.h"
+#include "test_helpers.h"
+
+using namespace orvo;
+
+namespace {
+
+const unsigned long TICK = 0x123101, PROBE = 0x123102;
+const int kWaitMs = 20000;          // qemu and the sanitizers are slow
+
+struct cTestScmService : cScmService {
+    void ThreadMain() override {}
+};
+
+// ---- frames by hand -----------------------------------------------------------
+
+std::string Frame(const cMsg& m)
+{
+    std::string payload;
+    m.Serialize(m.GetTid().IsValid() ? 1 : 0, payload);
+    const uint32_t n = uint32_t(payload.size() + 6);
+    return std::string{4, char(m.GetTid().IsValid() ? 1 : 0), char(n), char(n >> 8),
+                       char(n >> 16), char(n >> 24)} + payload;
+}
+
+bool RecvAll(int fd, std::string& out, size_t n)
+{
+    out.assign(n, '\0');
+    for (size_t got = 0; got < n;) {
+        const ssize_t r = recv(fd, &out[got], n - got, 0);
+        if (r <= 0)
+            return false;
+        got += size_t(r);
+    }
+    return true;
+}
+
+bool Readable(int fd, int ms)
+{
+    pollfd p = {fd, POLLIN, 0};
+    return poll(&p, 1, ms) == 1;
+}
+
+int Listener(unsigned short& port)
+{
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    cSocketAddr any("127.0.0.1", 0);
+    socklen_t len = sizeof(sockaddr_in);
+    sockaddr_in bound{};
+    if (bind(fd, any.GetSockAddr(), sizeof(sockaddr_in)) != 0 || listen(fd, 4) != 0 ||
+        getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &len) != 0)
+        return -1;
+    port = cSocketAddr(bound).GetPort();
+    return fd;
+}
+
+// A port nothing listens on.
+unsigned short DeadPort()
+{
+    unsigned short port = 0;
+    close(Listener(port));
+    return port;
+}
+
+// "name=value;" of every element, in order (records in their text form).
+std::string Fields(const cRecord& r)
+{
+    std::string out;
+    for (cRecordPar p = r.GetFirstPar(); p.IsValid(); r.SeekNextPar(p)) {
+        cRecord sub;
+        const bool isRecord = p.GetType() == RECORD_RECORD && p.GetRecord(sub);
+        out += std::string(p.GetName()) + "=" + (isRecord ? sub.ToString() : p.GetString()) + ";";
+    }
+    return out;
+}
+
+cMsg Msg(unsigned long type, const cRecord& r = cRecord(), const cUuid& tid = cUuid())
+{
+    cMsg m(type);
+    m.SetRecord(r);
+    m.SetTid(tid);
+    return m;
+}
+
+// One end of a raw connection: the scripted SCM or a technology's service.
+struct cPeer {
+    int listenFd = -1;
+    int fd = -1;
+    unsigned short port = 0;
+
+    cPeer() { listenFd = Listener(port); }
+    ~cPeer()
+    {
+        Drop();
+        close(listenFd);
+    }
+    std::string Sap() const { return "127.0.0.1:" + std::to_string(port); }
+    bool Accept()
+    {
+        if (!Readable(listenFd, kWaitMs))
+            return false;
+        fd = accept(listenFd, nullptr, nullptr);
+        return fd >= 0;
+    }
+    void Drop()
+    {
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
+    }
+    bool Send(const cMsg& m) const
+    {
+        const std::string f = Frame(m);
+        return send(fd, f.data(), f.size(), MSG_NOSIGNAL) == ssize_t(f.size());
+    }
+    // The 0x4002 a message socket announces itself with.
+    bool Announce(const char* name) const
+    {
+        cRecord r;
+        r.AppendTextPar("peer-name", name);
+        return Send(Msg(MSG_SOCKET_CONNECTED, r));
+    }
+};
+
+// ---- the fixture: a service on this thread and a scripted SCM -------------------
+
+cUnit gScmTestUnit("scmtest", ERROR, OUTPUT_NONE);
+
+long long gClockOffset = 0;
+long long ShiftedClock()
+{
+    timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (long long)ts.tv_sec * 1000 + ts.tv_nsec / 1000000 + gClockOffset;
+}
+
+class Scm : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        GetConfig()->Create();
+        cService::SetStopFlag(false);
+        gClockOffset = 0;
+        SetMsecClockOverride(ShiftedClock);
+        SetTraceLevel(&gScmTestUnit, ERROR);
+    }
+    void TearDown() override
+    {
+        delete tick;
+        svc.DeInit();
+        SetMsecClockOverride(nullptr);
+        cService::SetStopFlag(false);
+        GetConfig()->Create();
+    }
+
+    void InitService(const char* failureAction = "log")
+    {
+        GetConfig()->AppendTextPar("scm-sap", scm.Sap());
+        GetConfig()->AppendTextPar("ip", "127.0.0.1");
+        svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), failureAction);
+        tick = new cTimer(&svc, true, nullptr);
+        tick->Start(10, TICK);
+    }
+
+    // One pass of the loop; a handed-out message other than the tick is kept.
+    void Spin()
+    {
+        cMsg m;
+        if (svc.GetMessage(m) && m.GetType() != TICK)
+            handed.push_back(m);
+    }
+    // Runs the loop for about ms.
+    void SpinFor(int ms)
+    {
+        const long long end = ShiftedClock() + ms;
+        while (ShiftedClock() < end)
+            Spin();
+    }
+    // The next message the service sends to fd; an empty message (type 0)
+    // after kWaitMs.
+    cMsg Next(int fd)
+    {
+        const long long end = ShiftedClock() + kWaitMs;
+        while (!Readable(fd, 0) && ShiftedClock() < end)
+            Spin();
+        std::string h, p;
+        cMsg m;
+        if (!Readable(fd, 0) || !RecvAll(fd, h, 6))
+            return cMsg();
+        const uint32_t n = uint8_t(h[2]) | uint8_t(h[3]) << 8 | uint8_t(h[4]) << 16 |
+                           uint32_t(uint8_t(h[5])) << 24;
+        if (h[0] != 4 || n < 6 || n > 196606 || !RecvAll(fd, p, n - 6) ||
+            m.Create(uint8_t(h[1]), p.data(), int(p.size()), nullptr, nullptr) != 1)
+            return cMsg();
+        return m;
+    }
+    // Nothing arrives at fd while the loop runs for ms.
+    bool Silent(int fd, int ms)
+    {
+        SpinFor(ms);
+        return !Readable(fd, 0);
+    }
+    // The first handed-out message of type (removed from the list); an empty
+    // message after kWaitMs.
+    cMsg Handed(unsigned long type)
+    {
+        const long long end = ShiftedClock() + kWaitMs;
+        for (;;) {
+            for (size_t i = 0; i < handed.size(); ++i) {
+                if (handed[i].GetType() == type) {
+                    cMsg m = handed[i];
+                    handed.erase(handed.begin() + long(i));
+                    return m;
+                }
+            }
+            if (ShiftedClock() >= end)
+                return cMsg();
+            Spin();
+        }
+    }
+    size_t CountHanded(unsigned long type) const
+    {
+        size_t n = 0;
+        for (const cMsg& m : handed)
+            n += m.GetType() == type;
+        return n;
+    }
+
+    // Connect, both announcements, registration accepted, configuration
+    // asked for: the id of that request.
+    cUuid Register()
+    {
+        InitService();
+        EXPECT_TRUE(scm.Accept());
+        EXPECT_TRUE(scm.Announce("scm"));
+        cMsg hello = Next(scm.fd);
+        EXPECT_EQ(hello.GetType(), MSG_SOCKET_CONNECTED);
+        EXPECT_EQ(hello.GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
+        cMsg reg = Next(scm.fd);
+        EXPECT_EQ(reg.GetType(), MSG_SCM_REGISTER);
+        EXPECT_EQ(Fields(reg.GetRecord()),
+                  "service-id=" + svc.GetServiceId().ToString() + ";name=tsvc;sap=127.0.0.1:" +
+                      std::to_string(svc.GetSapAddress().GetPort()) + ";pid=" +
+                      std::to_string(getpid()) + ";config=" + GetConfig()->ToString() + ";");
+        EXPECT_TRUE(scm.Send(Msg(MSG_SCM_REGISTER_ACK)));
+        cMsg ask = Next(scm.fd);
+        EXPECT_EQ(ask.GetType(), MSG_SCM_GETCONFIG);
+        EXPECT_TRUE(ask.GetTid().IsValid());
+        EXPECT_EQ(ask.GetTid(), svc.GetPendingConfigId());
+        EXPECT_EQ(Fields(ask.GetRecord()), "service-id=" + svc.GetServiceId().ToString() + ";path=;");
+        return ask.GetTid();
+    }
+
+    cRecord ConfigAnswer(const cRecord& config, const cUuid& id, const char* path = "")
+    {
+        cRecord r;
+        r.AppendUuidPar("service-id", id);
+        r.AppendTextPar("path", path);
+        r.AppendRecordPar("config", config);
+        return r;
+    }
+
+    cTestScmService svc;
+    cPeer scm;
+    cTimer* tick = nullptr;
+    std::vector<cMsg> handed;
+};
+
+cRecord SampleConfig()
+{
+    cRecord system, unit, trace, config;
+    system.AppendUIntPar("bc-timelost", 7000);
+    system.AppendUIntPar("msgQsize", 150);
+    unit.AppendTextPar("trace-level", "DEBUG");
+    trace.AppendRecordPar("scmtest", unit);
+    trace.AppendBoolPar("log-scm", false);
+    config.AppendRecordPar("system", system);
+    config.AppendRecordPar("trace", trace);
+    config.AppendSIntPar("answer", 42);
+    return config;
+}
+
+// ---- cScmService ---------------------------------------------------------------------
+
+TEST_F(Scm, FullLife)
+{
+    const cUuid pending = Register();
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("system", ".").GetType(), RECORD_RECORD);
+    EXPECT_EQ(svc.GetScmSocket()->GetObjName(), "scm");
+    EXPECT_EQ(gSCMsocket, svc.GetScmSocket());
+    EXPECT_EQ(svc.GetServiceTech(), "unknown");
+
+    // The configuration answer: taken, then handed to the program emptied.
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), svc.GetServiceId()),
+                             pending)));
+    cMsg got = Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(got.GetType(), MSG_SCM_GETCONFIG_ACK);
+    EXPECT_TRUE(got.GetRecord().IsEmpty());
+    EXPECT_EQ(GetConfig()->GetFirstPar("answer").GetSInt(), 42);
+    EXPECT_EQ(svc.GetBcTimeLost(), 7000u);
+    EXPECT_EQ(svc.GetMsgQSize(), 150u);
+    EXPECT_EQ(gScmTestUnit.GetLevel(), DEBUG);
+    EXPECT_FALSE(svc.GetPendingConfigId().IsValid());
+
+    // Ready, acknowledged.
+    EXPECT_GT(svc.SetReady(), 0);
+    cMsg ready = Next(scm.fd);
+    EXPECT_EQ(ready.GetType(), MSG_SCM_RUN);
+    EXPECT_EQ(Fields(ready.GetRecord()), "service-id=" + svc.GetServiceId().ToString() + ";");
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_RUN_ACK)));
+    EXPECT_EQ(Handed(MSG_SCM_RUN_ACK).GetType(), MSG_SCM_RUN_ACK);
+
+    // Watchdog trigger reaches the program, which answers it.
+    cRecord wdt;
+    wdt.AppendUIntPar("seq-no", 77);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_WDT, wdt)));
+    cMsg trigger = Handed(MSG_SCM_WDT);
+    ASSERT_EQ(trigger.GetType(), MSG_SCM_WDT);
+    svc.SetWDT(trigger);
+    cMsg wdtAck = Next(scm.fd);
+    EXPECT_EQ(wdtAck.GetType(), MSG_SCM_WDT_ACK);
+    EXPECT_EQ(Fields(wdtAck.GetRecord()), "service-id=" + svc.GetServiceId().ToString() + ";seq-no=77;");
+
+    // Health is kept and consumed; a health of another type changes nothing;
+    // 0x10008 is consumed.
+    cRecord health, badHealth;
+    health.AppendTextPar("scm-health", "good");
+    badHealth.AppendUIntPar("scm-health", 3);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_HEALTH, health)) && scm.Send(Msg(MSG_SCM_HEALTH, badHealth)) &&
+                scm.Send(Msg(MSG_SCM_NOP)));
+    cRecord probe;
+    probe.AppendTextPar("scm-health", "never");
+    ASSERT_TRUE(scm.Send(Msg(PROBE, probe)));     // comes after them on the same stream
+    EXPECT_EQ(Handed(PROBE).GetType(), PROBE);
+    EXPECT_EQ(svc.GetScmHealth(), "good");
+    EXPECT_EQ(CountHanded(MSG_SCM_HEALTH) + CountHanded(MSG_SCM_NOP), 0u);
+
+    // DeInit forgets the SCM.
+    svc.DeInit();
+    EXPECT_EQ(gSCMsocket, nullptr);
+    EXPECT_EQ(svc.GetScmSocket(), nullptr);
+    EXPECT_EQ(svc.GetServiceTech(), "unknown");
+}
+
+// An answer to another request, for another service, for a sub-path, or
+// with keys of the wrong type changes nothing and keeps the request
+// pending; each still reaches the program. The right one is then taken.
+TEST_F(Scm, ConfigAnswersThatDoNotMatch)
+{
+    const cUuid pending = Register();
+    const std::string before = GetConfig()->ToString();
+    cUuid other;
+    other.Create();
+    cRecord wrongId = ConfigAnswer(SampleConfig(), svc.GetServiceId());
+    cRecord textId, textConfig, noPath, recordPath, recordPathRec;
+    textId.AppendTextPar("service-id", svc.GetServiceId().ToString());
+    textId.AppendTextPar("path", "");
+    textId.AppendRecordPar("config", SampleConfig());
+    textConfig.AppendUuidPar("service-id", svc.GetServiceId());
+    textConfig.AppendTextPar("path", "");
+    textConfig.AppendTextPar("config", "x");
+    noPath.AppendUuidPar("service-id", svc.GetServiceId());
+    noPath.AppendRecordPar("config", SampleConfig());
+    recordPathRec.AppendRecordPar("system", cRecord());
+    recordPath.AppendUuidPar("service-id", svc.GetServiceId());
+    recordPath.AppendRecordPar("path", recordPathRec);
+    recordPath.AppendRecordPar("config", SampleConfig());
+    const std::vector<cMsg> wrong = {
+        Msg(MSG_SCM_GETCONFIG_ACK, wrongId, other),                                     // other request
+        Msg(MSG_SCM_GETCONFIG_ACK, wrongId),                                            // no id
+        Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), other), pending),       // other service
+        Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), svc.GetServiceId(), "system"), pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, textId, pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, textConfig, pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, noPath, pending),
+        Msg(MSG_SCM_GETCONFIG_ACK, recordPath, pending),
+    };
+    for (const cMsg& m : wrong) {
+        ASSERT_TRUE(scm.Send(m));
+        cMsg got = Handed(MSG_SCM_GETCONFIG_ACK);
+        EXPECT_EQ(got.GetRecord().ToString(), m.GetRecord().ToString());
+        EXPECT_EQ(GetConfig()->ToString(), before);
+        EXPECT_EQ(svc.GetPendingConfigId(), pending);
+    }
+    EXPECT_EQ(gScmTestUnit.GetLevel(), ERROR);
+    EXPECT_EQ(svc.GetBcTimeLost(), 5000u);
+
+    // Taken; a repeat of the same answer afterwards changes nothing.
+    cRecord plain;
+    plain.AppendSIntPar("answer", 1);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(plain, svc.GetServiceId()), pending)));
+    Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), plain.ToString());
+    EXPECT_EQ(svc.GetBcTimeLost(), 5000u);              // absent: kept
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), svc.GetServiceId()),
+                             pending)));
+    Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), plain.ToString());
+}
+
+// "msgQsize" is read only when "bc-timelost" is there.
+TEST_F(Scm, QueueSizeOnlyWithTimeLost)
+{
+    const cUuid pending = Register();
+    cRecord system, config;
+    system.AppendUIntPar("msgQsize", 99);
+    config.AppendRecordPar("system", system);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(config, svc.GetServiceId()), pending)));
+    Handed(MSG_SCM_GETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), config.ToString());
+    EXPECT_EQ(svc.GetMsgQSize(), 200u);
+}
+
+cRecord LevelPath(const char* name)
+{
+    cRecordPath path;
+    path.AddLevel(name, cRecord());
+    return path.GetRecord();
+}
+
+cRecord SetConfigRecord(const cRecord& path, const cRecord& config, int full)
+{
+    cRecord r;
+    r.AppendRecordPar("path", path);
+    r.AppendRecordPar("config", config);
+    r.AppendRecordPar("filter", cRecord());
+    if (full >= 0)
+        r.AppendBoolPar("full-config", full == 1);
+    return r;
+}
+
+// Configuration pushed by the SCM: changed at the path, or replaced whole;
+// answered 0x10016 with the request's id; the program gets the old
+// configuration. A push without a usable path or config is refused with
+// 0x10017 and changes nothing.
+TEST_F(Scm, SetConfigurationFromScm)
+{
+    Register();
+    cRecord inner, start;
+    inner.AppendUIntPar("x", 1);
+    start.AppendRecordPar("a", inner);
+    start.AppendUIntPar("keep", 5);
+    *GetConfig() = start;
+
+    cRecord newInner, change;
+    newInner.AppendUIntPar("x", 2);
+    change.AppendRecordPar("a", newInner);
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), change, -1), tid)));
+    cMsg ack = Next(scm.fd);
+    EXPECT_EQ(ack.GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(ack.GetTid(), tid);
+    EXPECT_TRUE(ack.GetRecord().IsEmpty());
+    cMsg got = Handed(MSG_SCM_SETCONFIG);
+    EXPECT_EQ(Fields(got.GetRecord()), "old-config=" + start.ToString() + ";");
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("a.x", ".").GetUInt(), 2u);
+    EXPECT_EQ(GetConfig()->GetFirstPar("keep").GetUInt(), 5u);
+
+    // Full configuration: replaced whole, trace levels applied.
+    const cRecord changed = *GetConfig();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), SampleConfig(), 1), tid)));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(Fields(Handed(MSG_SCM_SETCONFIG).GetRecord()), "old-config=" + changed.ToString() + ";");
+    EXPECT_EQ(GetConfig()->ToString(), SampleConfig().ToString());
+    EXPECT_EQ(gScmTestUnit.GetLevel(), DEBUG);
+    SetTraceLevel(&gScmTestUnit, ERROR);
+
+    // Refused: no path, a text path, an empty path, a config that is no record.
+    cRecord textPath, emptyPath, textConfig;
+    textPath.AppendTextPar("path", "a");
+    textPath.AppendRecordPar("config", change);
+    emptyPath = SetConfigRecord(cRecord(), change, 0);
+    textConfig.AppendRecordPar("path", LevelPath("a"));
+    textConfig.AppendTextPar("config", "x");
+    const cRecord keep = *GetConfig();
+    for (const cRecord& r : {cRecord(), textPath, emptyPath, textConfig}) {
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, r, tid)));
+        cMsg nack = Next(scm.fd);
+        EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK);
+        EXPECT_EQ(nack.GetTid(), tid);
+        EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetRecord().ToString(), r.ToString());
+        EXPECT_EQ(GetConfig()->ToString(), keep.ToString());
+    }
+}
+
+// A refused registration: the reason traced, 0x1005 handed to the program.
+TEST_F(Scm, RegistrationRefused)
+{
+    InitService();
+    ASSERT_TRUE(scm.Accept());
+    ASSERT_TRUE(scm.Announce("scm"));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SOCKET_CONNECTED);
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_REGISTER);
+
+    cRecord both, reasonOnly, textReason;
+    both.AppendSIntPar("reason", 4);
+    both.AppendTextPar("sub-reason", "name in use");
+    reasonOnly.AppendSIntPar("reason", -2);
+    textReason.AppendTextPar("reason", "4");
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, FATAL);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    std::string out;
+    for (const cRecord& r : {both, reasonOnly, textReason}) {
+        testing::internal::CaptureStdout();
+        scm.Send(Msg(MSG_SCM_REGISTER_NACK, r));
+        cMsg refused = Handed(MSG_TERMINATE_REQUEST);
+        out += testing::internal::GetCapturedStdout();
+        EXPECT_EQ(refused.GetType(), MSG_TERMINATE_REQUEST);
+        EXPECT_EQ(CountHanded(MSG_SCM_REGISTER_NACK), 0u);
+        cService::SetStopFlag(false);
+    }
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    EXPECT_NE(out.find("]: service not registered, reason=4 (name in use)\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("]: service not registered, reason=-2 (-no-sub-reason-)\n"), std::string::npos);
+    EXPECT_NE(out.find("]: service not registered, unknown reason\n"), std::string::npos);
+}
+
+// Socket events of other channels are the base dispatch's: a close or a
+// failed connect elsewhere ends nothing.
+TEST_F(Scm, SocketEventsOfOtherChannels)
+{
+    Register();
+    cMsgTcpSocket other(&svc, nullptr);
+    for (unsigned long type : {MSG_SOCKET_CLOSED, MSG_SOCKET_CONNECT_FAILED, MSG_SOCKET_CONNECTED}) {
+        cMsg m(type, &other, nullptr);
+        EXPECT_FALSE(svc.PreDispatchMessage(m));
+    }
+    SpinFor(100);
+    EXPECT_EQ(CountHanded(MSG_INTERRUPT_REQUEST), 0u);
+    EXPECT_TRUE(Silent(scm.fd, 0));
+}
+
+// Every request carries its keys; ids are fresh where the caller gives none.
+TEST_F(Scm, RequestsCarryTheirKeys)
+{
+    Register();
+    const std::string sid = "service-id=" + svc.GetServiceId().ToString() + ";";
+    cRecordPath path;
+    path.AddLevel("a", cRecord());
+    cRecord rec;
+    rec.AppendSIntPar("v", -3);
+    cUuid id;
+    id.Create();
+    struct sCase {
+        std::function<int()> call;
+        unsigned long type;
+        std::string fields;
+        int tid;        // 0 none, 1 fresh, 2 id
+    };
+    const std::vector<sCase> cases = {
+        {[&] { return svc.SetConfig("other", path, rec); }, MSG_SCM_SETCONFIG,
+         "service-name=other;path=" + path.GetRecord().ToString() + ";config=" + rec.ToString() + ";", 1},
+        {[&] { return svc.SetConfig2(id, nullptr, path, rec); }, MSG_SCM_SETCONFIG,
+         "service-name=;path=" + path.GetRecord().ToString() + ";config=" + rec.ToString() + ";", 2},
+        {[&] { return svc.SetConfigUInt("s", path, "n", 9); }, MSG_SCM_SETCONFIG,
+         "service-name=s;path=" + path.GetRecord().ToString() + ";config={n=9 };", 1},
+        {[&] { return svc.SetConfigBool("s", path, "b", true); }, MSG_SCM_SETCONFIG,
+         "service-name=s;path=" + path.GetRecord().ToString() + ";config={b=true };", 1},
+        {[&] { return svc.SetConfigText("s", path, "t", "hi"); }, MSG_SCM_SETCONFIG,
+         "service-name=s;path=" + path.GetRecord().ToString() + ";config={t=\"hi\" };", 1},
+        {[&] { return svc.SetConfigReady("s"); }, MSG_SCM_SETCONFIG, "service-name=s;broadcast=true;", 1},
+        {[&] { return svc.SystemReboot(true); }, MSG_SCM_SYSTEM_REBOOT, "set-factory-defaults=true;", 0},
+        {[&] { return svc.SetBroadcastConfig(); }, MSG_SCM_BROADCAST_CONFIG,
+         sid + "name=tsvc;config=" + GetConfig()->ToString() + ";", 0},
+        {[&] { return svc.RequestNotifications(2); }, MSG_SCM_NOTIFICATION_REQUEST, "mask=2;", 1},
+        {[&] { return svc.StoreRecord("hist", rec); }, MSG_SCM_STORE_RECORD,
+         "name=hist;record=" + rec.ToString() + ";", 0},
+        {[&] { return svc.RequestStoredRecord("hist"); }, MSG_SCM_GET_STORED_RECORD, "name=hist;", 0},
+        {[&] { return svc.RequestLog("events", rec); }, MSG_SCM_LOG_REQUEST,
+         sid + "log=events;filter=" + rec.ToString() + ";", 1},
+        {[&] { return svc.RequestLog2(id, "events", rec); }, MSG_SCM_LOG_REQUEST,
+         sid + "log=events;filter=" + rec.ToString() + ";", 2},
+        {[&] { return svc.FetchLog2(id, "events", 3, 10); }, MSG_SCM_LOG_FETCH,
+         sid + "log=events;index=3;count=10;", 2},
+        {[&] { return svc.FetchLog("events", 0, 1); }, MSG_SCM_LOG_FETCH, sid + "log=events;index=0;count=1;", 1},
+        {[&] { return svc.DeleteLog("events"); }, MSG_SCM_LOG_DELETE, sid + "log=events;", 1},
+        {[&] { return svc.DeleteLog2(id, "events"); }, MSG_SCM_LOG_DELETE, sid + "log=events;", 2},
+        {[&] { return svc.RequestServiceConfig("meter", path, "f"); }, MSG_SCM_GETCONFIG,
+         "service-name=meter;path=" + path.GetRecord().ToString() + ";filter=f;", 1},
+        {[&] { return svc.RequestServiceConfig2(id, "meter", path, nullptr); }, MSG_SCM_GETCONFIG,
+         "service-name=meter;path=" + path.GetRecord().ToString() + ";filter=;", 2},
+        {[&] { return svc.RequestServiceInfoByName("meter"); }, MSG_SCM_SERVICE_INFO_REQUEST,
+         "service-name=meter;", 1},
+        {[&] { return svc.RequestServiceInfoByTech("meter"); }, MSG_SCM_SERVICE_INFO_REQUEST,
+         "service-tech=meter;", 1},
+        {[&] { return svc.SetServiceTech("meter", 3, "clock", "relay"); }, MSG_SCM_SET_SERVICE_TECH,
+         sid + "service-tech=meter;service-tech=clock;service-tech=relay;", 1},
+        {[&] { return svc.SetServiceTech("solo", 0); }, MSG_SCM_SET_SERVICE_TECH, sid + "service-tech=solo;", 1},
+    };
+    cUuid lastFresh;
+    for (const sCase& c : cases) {
+        EXPECT_GT(c.call(), 0);
+        cMsg m = Next(scm.fd);
+        EXPECT_EQ(m.GetType(), c.type) << c.fields;
+        EXPECT_EQ(Fields(m.GetRecord()), c.fields);
+        EXPECT_EQ(m.GetTid().IsValid(), c.tid != 0) << c.fields;
+        if (c.tid == 2) {
+            EXPECT_EQ(m.GetTid(), id);
+        } else if (c.tid == 1) {
+            EXPECT_NE(m.GetTid(), lastFresh);
+            lastFresh = m.GetTid();
+        }
+    }
+    EXPECT_EQ(svc.GetServiceTech(), "solo");
+}
+
+// A request the socket refuses (too large for a frame) is traced with the
+// request's name; the configuration requests add the message text.
+TEST_F(Scm, FailedSendsAreTraced)
+{
+    Register();
+    cRecord big;
+    const std::string data(197000, 'b');
+    big.AppendDataPar("d", data.data(), int(data.size()));
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    EXPECT_LT(svc.StoreRecord("huge", big), 0);
+    EXPECT_LT(svc.SetConfig("other", cRecordPath(), big), 0);
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceOut(UnitORVO, output);
+    EXPECT_NE(out.find("[ERROR     ]: StoreRecord: send failed\n"), std::string::npos) << out.substr(0, 300);
+    EXPECT_NE(out.find("[ERROR     ]: scmService[SetConfig] send failed, msg="), std::string::npos);
+    EXPECT_TRUE(Silent(scm.fd, 50));
+}
+
+// Without "scm-sap" there is no SCM at all: one FATAL line, no socket, no
+// traffic. Each Init form adds the "system" defaults with its failure action.
+TEST_F(Scm, InitFormsAndNoScm)
+{
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, FATAL);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    svc.Init("alone", "reboot");
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    const std::string text = "Can't connect SCM, missing SCM-SAP destination addr in config";
+    ASSERT_NE(out.find(text), std::string::npos);
+    EXPECT_EQ(out.find(text, out.find(text) + 1), std::string::npos);
+    EXPECT_EQ(svc.GetScmSocket(), nullptr);
+    EXPECT_EQ(gSCMsocket, nullptr);
+    EXPECT_EQ(svc.SetReady(), 0);
+    EXPECT_EQ(svc.GetSapAddress().GetIP(), 0u);       // the configuration's "port", any address
+
+    cRecord system;
+    ASSERT_TRUE(GetConfig()->GetFirstPar("system").GetRecord(system));
+    EXPECT_EQ(Fields(system), "failure-action=reboot;wdt-failures=3;wdt=ON;bc-timelost=5000;msgQsize=200;");
+
+    GetConfig()->Create();
+    svc.Init("alone", cSocketAddr("127.0.0.1", 0));
+    ASSERT_TRUE(GetConfig()->GetFirstPar("system").GetRecord(system));
+    EXPECT_EQ(system.GetFirstPar("failure-action").GetString(), "restart");
+    EXPECT_EQ(svc.GetSapAddress().GetIP(), 0x7F000001u);
+}
+
+// ---- the SCM's loss ends the process (children) ---------------------------------
+
+int QuietLoop(cService& svc, std::vector<unsigned long>* types = nullptr)
+{
+    cMsg m;
+    while (svc.GetMessage(m)) {
+        if (types != nullptr && m.GetType() != TICK)
+            types->push_back(m.GetType());
+    }
+    return 5;
+}
+
+void FatalToStdout()
+{
+    SetTraceLevel(UnitORVO, FATAL);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+}
+
+TEST_F(Scm, LossOfTheScmEndsTheProcess)
+{
+    // Refused connect: exit code 0.
+    std::string out;
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  FatalToStdout();
+                  GetConfig()->AppendTextPar("scm-sap", "127.0.0.1:" + std::to_string(DeadPort()));
+                  svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), "log");
+                  return QuietLoop(svc);
+              }, &out, false, 60), 0);
+    EXPECT_NE(out.find("]: can't connect to SCM; exit service\n"), std::string::npos) << out;
+
+    // Closed by the SCM: the close reaches the program, then 0x1004, then the
+    // loop ends normally.
+    out.clear();
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  FatalToStdout();
+                  Register();
+                  scm.Drop();
+                  std::vector<unsigned long> types;
+                  QuietLoop(svc, &types);
+                  return types == std::vector<unsigned long>{MSG_SOCKET_CLOSED, MSG_INTERRUPT_REQUEST} ? 3 : 4;
+              }, &out, false, 60), 3);
+    EXPECT_NE(out.find("]: connection closed by SCM; exit service\n"), std::string::npos) << out;
+
+    // Protocol error: exit code 1.
+    out.clear();
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  FatalToStdout();
+                  Register();
+                  scm.Send(Msg(MSG_SCM_SYNTAX_ERROR));
+                  return QuietLoop(svc);
+              }, &out, false, 60), 1);
+    EXPECT_NE(out.find("]: syntax error in SCM protocoll; exit service\n"), std::string::npos) << out;
+}
+
+// ---- the trace copy ----------------------------------------------------------------
+
+std::string Names(const cRecord& r)
+{
+    std::string out;
+    for (cRecordPar p = r.GetFirstPar(); p.IsValid(); r.SeekNextPar(p))
+        out += std::string(p.GetName()) + ",";
+    return out;
+}
+
+TEST_F(Scm, TracesCopiedToTheScm)
+{
+    Register();
+    cUnit unit("tcopy", ERROR, OUTPUT_NONE);
+    mUnits->erase("tcopy");
+    _Trace(&unit, ERROR, "not asked for");
+    EXPECT_TRUE(Silent(scm.fd, 50));
+
+    cRecord trace;
+    trace.AppendBoolPar("log-scm", true);
+    GetConfig()->AppendRecordPar("trace", trace);
+    cRecord rec;
+    rec.AppendTextPar("k", "v");
+    _Trace(&unit, WARNING, rec);
+    cMsg m = Next(scm.fd);
+    EXPECT_EQ(m.GetType(), MSG_SCM_TRACE_LOG);
+    const cRecord& r = m.GetRecord();
+    EXPECT_EQ(Names(r), "service-id,name,executable,unit,level,time,osc,txt,rec,");
+    EXPECT_EQ(r.GetFirstPar("name").GetString(), "tsvc");
+    EXPECT_EQ(r.GetFirstPar("executable").GetString(), GetExeName());
+    EXPECT_EQ(r.GetFirstPar("unit").GetString(), "tcopy");
+    EXPECT_EQ(r.GetFirstPar("level").GetString(), "WARNING");
+    EXPECT_EQ(r.GetFirstPar("txt").GetString(), rec.ToString());
+    cRecord carried;
+    ASSERT_TRUE(r.GetFirstPar("rec").GetRecord(carried));
+    EXPECT_EQ(carried.ToString(), rec.ToString());
+
+    // A copy too large for a frame: the "--FAILED-->>" line, whatever the
+    // unit's output; the socket's own complaint is not copied again.
+    cRecord big;
+    const std::string data(197000, 'z');
+    big.AppendDataPar("d", data.data(), int(data.size()));
+    testing::internal::CaptureStdout();
+    _Trace(&unit, ERROR, big);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.rfind("--FAILED-->>", 0), 0u) << out.substr(0, 200);
+    EXPECT_NE(out.find("|tcopy        [ERROR     ]: "), std::string::npos);
+    EXPECT_TRUE(Silent(scm.fd, 50));
+}
+
+// Traces from another thread while the loop runs: every copy arrives whole
+// and in order on the one SCM stream.
+TEST_F(Scm, TracesFromAnotherThread)
+{
+    Register();
+    cRecord trace;
+    trace.AppendBoolPar("log-scm", true);
+    GetConfig()->AppendRecordPar("trace", trace);
+    cUnit unit("tthread", ERROR, OUTPUT_NONE);
+    mUnits->erase("tthread");
+    const int count = 300;
+    std::thread tracer([&] {
+        for (int i = 0; i < count; ++i)
+            _Trace(&unit, ERROR, FormatString("line %i %s", i, std::string(size_t(i) * 7, 'q').c_str()));
+    });
+    int seen = 0;
+    for (; seen < count; ++seen) {
+        cMsg m = Next(scm.fd);
+        if (m.GetType() != MSG_SCM_TRACE_LOG)
+            break;
+        const std::string txt = m.GetRecord().GetFirstPar("txt").GetString();
+        if (txt != FormatString("line %i %s", seen, std::string(size_t(seen) * 7, 'q').c_str()))
+            break;
+    }
+    tracer.join();
+    EXPECT_EQ(seen, count);
+}
+
+// ---- technology connections ------------------------------------------------------
+
+cRecord ServiceRecord(const std::string& sap, const std::vector<std::string>& techs, bool wrapped,
+                      const char* command = nullptr)
+{
+    cRecord service, tech, out;
+    cUuid id;
+    id.Create();
+    service.AppendUuidPar("service-id", id);
+    service.AppendTextPar("name", "metersvc");
+    for (const std::string& t : techs)
+        tech.AppendTextPar("service-tech", t);
+    service.AppendRecordPar("tech", tech);
+    service.AppendSIntPar("pid", 321);
+    service.AppendTextPar("sap", sap);
+    if (command != nullptr)
+        out.AppendTextPar("command", command);
+    if (!wrapped)
+        return service;
+    out.AppendRecordPar("service", service);
+    return out;
+}
+
+TEST(ScmServiceInfo, Decoding)
+{
+    const cScmServiceInfo wrapped(ServiceRecord("10.0.0.1:4000", {"a", "b"}, true));
+    ASSERT_TRUE(wrapped.IsValid());
+    EXPECT_EQ(wrapped.GetName(), "metersvc");
+    EXPECT_EQ(wrapped.GetSAP(), "10.0.0.1:4000");
+    EXPECT_EQ(wrapped.GetPID(), 321);
+    EXPECT_EQ(wrapped.GetTech(), (std::vector<std::string>{"a", "b"}));
+    EXPECT_FALSE(wrapped.HasTraceLog());
+    EXPECT_EQ(wrapped.ToString(), "name=metersvc sap=10.0.0.1:4000 pid=321 uuid=" +
+                                      wrapped.GetServiceID().ToString());
+    EXPECT_EQ(wrapped.GetObjName(), "cScmServiceInfo");
+
+    cRecord plain = ServiceRecord("x", {}, false);
+    plain.AppendBoolPar("tracelog", false);
+    const cScmServiceInfo direct(plain);
+    EXPECT_TRUE(direct.IsValid());
+    EXPECT_TRUE(direct.HasTraceLog());
+    EXPECT_TRUE(direct.GetTech().empty());
+
+    // Each required key of another type (or, for "sap", missing) makes it
+    // not valid.
+    for (const std::string key : {"service-id", "name", "pid", "sap", "tech"}) {
+        cRecord bad, tech;
+        cUuid id;
+        id.Create();
+        tech.AppendTextPar("service-tech", "a");
+        key == "service-id" ? bad.AppendTextPar("service-id", "") : bad.AppendUuidPar("service-id", id);
+        bad.AppendTextPar("name", key == "name" ? "" : "n");
+        key == "tech" ? bad.AppendTextPar("tech", "a") : bad.AppendRecordPar("tech", tech);
+        key == "pid" ? bad.AppendUIntPar("pid", 3) : bad.AppendSIntPar("pid", 3);
+        if (key != "sap")
+            bad.AppendTextPar("sap", "x");
+        const cScmServiceInfo info(bad);
+        EXPECT_FALSE(info.IsValid()) << key;
+        EXPECT_EQ(info.ToString(), "not-valid");
+    }
+    EXPECT_FALSE(cScmServiceInfo().IsValid());
+    EXPECT_FALSE(cScmServiceInfo(cRecord()).IsValid());
+}
+
+struct cTechLink : cScmServiceIO {
+    using cScmServiceIO::cScmServiceIO;
+    void OnConnect() override { ++connects; }
+    void OnClose() override { ++closes; }
+    int DispatchMessage(const cMsg& m) override
+    {
+        dispatched.push_back(m.GetType());
+        return 7;
+    }
+    int connects = 0;
+    int closes = 0;
+    std::vector<unsigned long> dispatched;
+};
+
+// The trace lines of a connection's life, each once where it happens and in
+// this order ("connection info" three times: first answer, new place, dead
+// place; never for the answer naming the connected place).
+const char* const kTechLines[] = {
+    "get config to tech 'meter' received", "start connection to tech 'meter'",
+    "tech 'meter' is unknown (perhaps not connected yet)",
+    "connection info for tech 'meter' sap received", "connect to tech 'meter', sap=127.0.0.1:",
+    "connection to tech 'meter' established", "connection to tech 'meter' should reconnected",
+    "already connected to tech 'meter', sap=127.0.0.1:", "connection to tech 'meter' shutdown",
+    "connection to tech 'meter' re-connect by health-timeout", "start connection to tech 'meter'",
+    "connection info for tech 'meter' sap received", "connection to tech 'meter' established",
+    "connection info for tech 'meter' sap received", "connection to tech 'meter' failed",
+};
+
+TEST_F(Scm, TechnologyConnection)
+{
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, DEBUG);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    const cUuid pending = Register();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
+    cTechLink io(&svc, "meter");
+    EXPECT_EQ(io.ToString(), "cScmServiceIO technology=meter");
+    const auto expectLookUp = [&](const char* tech) {
+        cMsg notify = Next(scm.fd);
+        EXPECT_EQ(notify.GetType(), MSG_SCM_NOTIFICATION_REQUEST);
+        EXPECT_EQ(Fields(notify.GetRecord()), "mask=2;");
+        cMsg ask = Next(scm.fd);
+        EXPECT_EQ(ask.GetType(), MSG_SCM_SERVICE_INFO_REQUEST);
+        EXPECT_EQ(Fields(ask.GetRecord()), std::string("service-tech=") + tech + ";");
+    };
+    // The configuration has arrived: ask the SCM.
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+    expectLookUp("meter");
+    cMsg early(PROBE);
+    EXPECT_EQ(io.Send(early), 0);
+
+    cRecord unknown;
+    unknown.AppendTextPar("service-tech", "meter");
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_TECH_UNKNOWN, unknown)));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_UNKNOWN)), 1);
+
+    // The answer names the technology: connect; the peer's 0x4002 makes it up.
+    cPeer tech;
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"clock", "meter"}, true))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    EXPECT_EQ(io.GetAnnouncedSAP(), tech.Sap());
+    ASSERT_TRUE(tech.Accept());
+    ASSERT_TRUE(tech.Announce("metersvc"));
+    EXPECT_EQ(Next(tech.fd).GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
+    cMsg up = Handed(MSG_SOCKET_CONNECTED);
+    EXPECT_TRUE(io.IsMsgFromHere(up));
+    EXPECT_EQ(io.ProcessMsg(up), 1);
+    EXPECT_EQ(io.connects, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+
+    // The same SAP again: no reconnect.
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"meter"}, false))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    EXPECT_TRUE(Silent(tech.listenFd, 100));
+
+    // Messages both ways.
+    cMsg req(PROBE);
+    req.GetRecord().AppendUIntPar("n", 5);
+    EXPECT_GT(io.Send(req), 0);
+    cMsg atTech = Next(tech.fd);
+    EXPECT_EQ(atTech.GetType(), PROBE);
+    EXPECT_EQ(Fields(atTech.GetRecord()), "n=5;");
+    ASSERT_TRUE(tech.Send(Msg(PROBE + 1)));
+    cMsg reply = Handed(PROBE + 1);
+    EXPECT_TRUE(io.IsMsgFromHere(reply));
+    EXPECT_EQ(io.ProcessMsg(reply), 7);
+
+    // A new place while connected: remembered, the link stays.
+    cPeer tech2;
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_NOTIFICATION,
+                             ServiceRecord(tech2.Sap(), {"meter"}, true, "add-technology"))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_NOTIFICATION)), 1);
+    EXPECT_EQ(io.GetAnnouncedSAP(), tech2.Sap());
+    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+    EXPECT_TRUE(Silent(tech2.listenFd, 100));
+
+    // Closed: told, and exactly one health time-out 5 s later asks again.
+    tech.Drop();
+    cMsg down = Handed(MSG_SOCKET_CLOSED);
+    EXPECT_EQ(io.ProcessMsg(down), 1);
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), "");
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+    EXPECT_EQ(io.Send(req), 0);
+    gClockOffset += 4500;        // the spin itself takes real time
+    SpinFor(50);
+    EXPECT_EQ(CountHanded(MSG_SCM_TECH_HEALTH_TIMEOUT), 0u);
+    gClockOffset += 600;
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_HEALTH_TIMEOUT)), 1);
+    expectLookUp("meter");
+    gClockOffset += 6000;
+    SpinFor(100);
+    EXPECT_EQ(CountHanded(MSG_SCM_TECH_HEALTH_TIMEOUT), 0u);
+
+    // HealthRequest arms the timer once.
+    io.HealthRequest();
+    const uint64_t due = io.GetHealthTimer().GetDue();
+    gClockOffset += 1000;
+    io.HealthRequest();
+    EXPECT_EQ(io.GetHealthTimer().GetDue(), due);
+
+    // Not connected: the new place is taken; the connect stops the timer.
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech2.Sap(), {"meter"}, true))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    ASSERT_TRUE(tech2.Accept());
+    ASSERT_TRUE(tech2.Announce("metersvc"));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CONNECTED)), 1);
+    EXPECT_EQ(io.connects, 2);
+    EXPECT_EQ(io.GetConnectedSAP(), tech2.Sap());
+    EXPECT_FALSE(io.GetHealthTimer().IsRunning());
+
+    // Another connection's events and time-outs are not this one's.
+    cTechLink clock(&svc, "clock");
+    clock.HealthRequest();
+    gClockOffset += 5100;
+    cMsg clockTimeout = Handed(MSG_SCM_TECH_HEALTH_TIMEOUT);
+    EXPECT_EQ(io.ProcessMsg(clockTimeout), 7);
+    EXPECT_EQ(io.dispatched.back(), MSG_SCM_TECH_HEALTH_TIMEOUT);
+    EXPECT_EQ(clock.ProcessMsg(clockTimeout), 1);
+    expectLookUp("clock");
+    const size_t dispatched = clock.dispatched.size();
+    for (unsigned long type : {MSG_SOCKET_CONNECTED, MSG_SOCKET_CLOSED, MSG_SOCKET_CONNECT_FAILED})
+        EXPECT_EQ(clock.ProcessMsg(cMsg(type, &io.GetSocket(), nullptr)), 1);
+    EXPECT_EQ(clock.dispatched.size(), dispatched);
+    EXPECT_EQ(clock.connects + clock.closes, 0);
+    cRecord otherCommand;
+    otherCommand.AppendTextPar("command", "remove-technology");
+    EXPECT_EQ(clock.ProcessMsg(Msg(MSG_SCM_NOTIFICATION, otherCommand)), 7);
+
+    // A failed connect is traced and left idle.
+    tech2.Drop();
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CLOSED)), 1);
+    const std::string dead = "127.0.0.1:" + std::to_string(DeadPort());
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(dead, {"meter"}, true))));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+    cMsg failed = Handed(MSG_SOCKET_CONNECT_FAILED);
+    EXPECT_TRUE(io.IsMsgFromHere(failed));
+    EXPECT_EQ(io.ProcessMsg(failed), 1);
+    EXPECT_EQ(io.GetConnectedSAP(), "");
+    SpinFor(100);
+    EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECT_FAILED), 0u);
+
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    size_t at = 0;
+    for (const char* line : kTechLines) {
+        const size_t found = out.find(std::string("]: ") + line, at);
+        ASSERT_NE(found, std::string::npos) << line;
+        at = found + 1;
+    }
+    size_t infos = 0;
+    for (size_t p = 0; (p = out.find("connection info for tech", p)) != std::string::npos; ++p)
+        ++infos;
+    EXPECT_EQ(infos, 3u);
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+// orvo-scm - a development service control manager: services register with
+// it, get their configuration from a JSON file, find each other by
+// technology, answer its watchdog and store records; it starts the services
+// the file lists and restarts them. See docs/orvo-scm.md.
+#include <cstdio>
+
+#include <orvo_init.h>
+#include <orvo_record.h>
+#include <orvo_trace.h>
+
+#include "scm_server.h"
+
+using namespace orvo;
+
+namespace {
+
+tArg gArgs[] = {
+    {nullptr, "#orvo-scm: development service control manager", nullptr, nullptr},
+    {"-config", "JSON file with the services (required)", nullptr, OnArg_Text},
+    {"-listen", "address the services connect to", "127.0.0.1:47000", OnArg_Text},
+    {"-store", "file of the records services store", "orvo-scm.records", OnArg_Text},
+    {"-wdt-ms", "watchdog trigger period in ms", "5000", OnArg_Int},
+    {"-poll-ms", "how often the JSON file is checked for changes, ms", "1000", OnArg_Int},
+    {"-restart-ms", "delay before a service that ended is started again, ms", "1000", OnArg_Int},
+    {"-debug", "trace library internals too", nullptr, OnArg_Bool},
+    {nullptr, nullptr, nullptr, nullptr}};
+
+unsigned long Positive(const char* key, unsigned long fallback)
+{
+    const int v = GetConfig()->GetFirstPar(key).GetSInt();
+    return v > 0 ? static_cast<unsigned long>(v) : fallback;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    orvoInit(WARNING, OUTPUT_STDOUT, false);
+    orvoParseArgs(gArgs, argc, argv);
+    const cRecord& config = *GetConfig();
+    orvo_scm::tScmOptions options;
+    options.configPath = config.GetFirstPar("config").GetString();
+    options.listen = config.GetFirstPar("listen").GetString();
+    options.storePath = config.GetFirstPar("store").GetString();
+    options.wdtPeriodMs = Positive("wdt-ms", options.wdtPeriodMs);
+    options.pollMs = Positive("poll-ms", options.pollMs);
+    options.restartDelayMs = Positive("restart-ms", options.restartDelayMs);
+    if (config.GetFirstPar("debug").GetBool())
+        SetTraceLevel(UnitORVO, DEBUG);
+    if (options.configPath.empty()) {
+        std::fprintf(stderr, "orvo-scm: -config <file.json> is required (-h lists the options)\n");
+        return 2;
+    }
+    int status = 0;
+    {
+        orvo_scm::cScmServer server(options);
+        status = server.Run();
+    }
+    orvoDeinit();
+    return status;
+}

@@ -1,0 +1,144 @@
+// scm_config.cpp - loading and watching the orvo-scm configuration file.
+#include "scm_config.h"
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "record_json.h"
+
+namespace orvo_scm {
+
+using orvo_tools::tJson;
+
+const tServiceEntry* tScmFile::Find(const std::string& name) const
+{
+    for (const tServiceEntry& e : services)
+        if (e.name == name)
+            return &e;
+    return nullptr;
+}
+
+namespace {
+
+bool ParseEntry(const std::string& name, const tJson& j, tServiceEntry& e, std::string& error)
+{
+    const std::string where = "services." + name;
+    if (!j.is_object()) {
+        error = where + ": must be an object";
+        return false;
+    }
+    e.name = name;
+    for (auto it = j.begin(); it != j.end(); ++it) {
+        const std::string& key = it.key();
+        const tJson& v = it.value();
+        if (key == "config") {
+            std::string why;
+            if (!orvo_tools::JsonToRecord(v, e.config, why)) {
+                error = where + ".config: " + why;
+                return false;
+            }
+        } else if (key == "failure-action" && v.is_string()) {
+            e.failureAction = v.get<std::string>();
+        } else if (key == "start" && v.is_boolean()) {
+            e.start = v.get<bool>();
+        } else if (key == "command" && v.is_string()) {
+            e.command = v.get<std::string>();
+        } else {
+            error = where + ": unknown key or wrong type: \"" + key +
+                    "\" (config: record, failure-action: string, start: bool, command: string)";
+            return false;
+        }
+    }
+    if (e.start && e.command.empty()) {
+        error = where + ": \"start\" needs a \"command\"";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error)
+{
+    tJson j;
+    if (!orvo_tools::ParseJson(text, j, error))
+        return false;
+    if (!j.is_object() || j.size() != 1 || !j.contains("services") || !j["services"].is_object()) {
+        error = "the file must be an object holding only \"services\" (an object by service name)";
+        return false;
+    }
+    tScmFile loaded;
+    const tJson& services = j["services"];
+    for (auto it = services.begin(); it != services.end(); ++it) {
+        if (it.key().empty()) {
+            error = "services: a service name must not be empty";
+            return false;
+        }
+        tServiceEntry e;
+        if (!ParseEntry(it.key(), it.value(), e, error))
+            return false;
+        loaded.services.push_back(e);
+    }
+    file = loaded;
+    return true;
+}
+
+bool LoadScmFile(const std::string& path, tScmFile& file, std::string& error)
+{
+    std::ifstream in(path);
+    if (!in) {
+        error = "cannot read " + path;
+        return false;
+    }
+    std::stringstream text;
+    text << in.rdbuf();
+    if (!ParseScmFile(text.str(), file, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    return true;
+}
+
+cFileWatch::cFileWatch(const std::string& path) : m_Path(path), m_Mtime{}, m_Size(0), m_Ino(0)
+{
+    Stamp(m_Mtime, m_Size, m_Ino);
+}
+
+bool cFileWatch::Stamp(struct timespec& mtime, off_t& size, ino_t& ino) const
+{
+    struct stat st {};
+    if (stat(m_Path.c_str(), &st) != 0)
+        return false;
+    mtime = st.st_mtim;
+    size = st.st_size;
+    ino = st.st_ino;
+    return true;
+}
+
+bool cFileWatch::Changed()
+{
+    struct timespec mtime {};
+    off_t size = 0;
+    ino_t ino = 0;
+    if (!Stamp(mtime, size, ino))
+        return false;   // vanished for a moment (an editor replacing it): look again later
+    const bool changed = mtime.tv_sec != m_Mtime.tv_sec || mtime.tv_nsec != m_Mtime.tv_nsec ||
+                         size != m_Size || ino != m_Ino;
+    m_Mtime = mtime;
+    m_Size = size;
+    m_Ino = ino;
+    return changed;
+}
+
+std::string ExpandCommand(const std::string& command, const std::string& sap)
+{
+    static const std::string kSap = "{scm-sap}";
+    std::string out = command;
+    for (size_t at = out.find(kSap); at != std::string::npos; at = out.find(kSap, at + sap.size()))
+        out.replace(at, kSap.size(), sap);
+    return out;
+}
+
+}  // namespace orvo_scm

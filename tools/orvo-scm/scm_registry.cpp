@@ -1,0 +1,111 @@
+// scm_registry.cpp - registered services and their technologies.
+#include "scm_registry.h"
+
+namespace orvo_scm {
+
+using orvo::cRecord;
+using orvo::cRecordPar;
+
+eRegisterResult cRegistry::Register(const cRecord& request, orvo::cChannel* channel, std::string& why)
+{
+    tService s;
+    const cRecordPar name = request.GetFirstPar("name", orvo::RECORD_TEXT, orvo::RECORD_SEL_TYPE);
+    const cRecordPar sap = request.GetFirstPar("sap", orvo::RECORD_TEXT, orvo::RECORD_SEL_TYPE);
+    const cRecordPar pid = request.GetFirstPar("pid", orvo::RECORD_SINT, orvo::RECORD_SEL_TYPE);
+    const cRecordPar id = request.GetFirstPar("service-id", orvo::RECORD_UUID, orvo::RECORD_SEL_TYPE);
+    if (!name.IsValid() || name.GetString().empty() || !id.IsValid() || !id.GetUuid(s.id) ||
+        !s.id.IsValid() || !sap.IsValid() || !pid.IsValid()) {
+        why = "service-id (uuid), name (text), sap (text) and pid (sint) are required";
+        return REGISTER_REFUSED_MALFORMED;
+    }
+    s.name = name.GetString();
+    auto it = m_Services.find(s.name);
+    if (it != m_Services.end() && it->second.channel != nullptr) {
+        why = "name '" + s.name + "' is registered by pid " + std::to_string(it->second.pid);
+        return REGISTER_REFUSED_TAKEN;
+    }
+    s.sap = sap.GetString();
+    s.pid = pid.GetSInt();
+    s.channel = channel;
+    request.GetFirstPar("config", orvo::RECORD_RECORD, orvo::RECORD_SEL_TYPE).GetRecord(s.registered);
+    m_Services[s.name] = s;
+    return REGISTER_OK;
+}
+
+tService* cRegistry::ByChannel(const orvo::cChannel* channel)
+{
+    if (channel == nullptr)
+        return nullptr;
+    for (auto& kv : m_Services)
+        if (kv.second.channel == channel)
+            return &kv.second;
+    return nullptr;
+}
+
+tService* cRegistry::ByName(const std::string& name)
+{
+    auto it = m_Services.find(name);
+    return it == m_Services.end() ? nullptr : &it->second;
+}
+
+tService* cRegistry::ById(const orvo::cUuid& id)
+{
+    for (auto& kv : m_Services)
+        if (kv.second.id == id)
+            return &kv.second;
+    return nullptr;
+}
+
+tService* cRegistry::ByTech(const std::string& tech)
+{
+    for (auto& kv : m_Services)
+        if (kv.second.channel != nullptr)
+            for (const std::string& t : kv.second.techs)
+                if (t == tech)
+                    return &kv.second;
+    return nullptr;
+}
+
+std::string cRegistry::Disconnect(const orvo::cChannel* channel)
+{
+    tService* s = ByChannel(channel);
+    if (s == nullptr)
+        return std::string();
+    s->channel = nullptr;
+    s->notifyMask = 0;
+    return s->name;
+}
+
+std::vector<tService*> cRegistry::Subscribers(unsigned bit)
+{
+    std::vector<tService*> out;
+    for (tService* s : Connected())
+        if ((s->notifyMask & bit) != 0)
+            out.push_back(s);
+    return out;
+}
+
+std::vector<tService*> cRegistry::Connected()
+{
+    std::vector<tService*> out;
+    for (auto& kv : m_Services)
+        if (kv.second.channel != nullptr)
+            out.push_back(&kv.second);
+    return out;
+}
+
+cRecord cRegistry::InfoRecord(const tService& service)
+{
+    cRecord tech, info, out;
+    for (const std::string& t : service.techs)
+        tech.AppendTextPar("service-tech", t);
+    info.AppendUuidPar("service-id", service.id);
+    info.AppendTextPar("name", service.name);
+    info.AppendRecordPar("tech", tech);
+    info.AppendSIntPar("pid", service.pid);
+    info.AppendTextPar("sap", service.sap);
+    out.AppendRecordPar("service", info);
+    return out;
+}
+
+}  // namespace orvo_scm

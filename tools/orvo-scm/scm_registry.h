@@ -1,0 +1,68 @@
+// scm_registry.h - the services registered with orvo-scm, the technologies
+// they offer and who asked for notifications.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <orvo_record.h>
+#include <orvo_uuid.h>
+
+namespace orvo {
+class cChannel;
+}
+
+namespace orvo_scm {
+
+struct tService {
+    std::string name;
+    orvo::cUuid id;
+    std::string sap;
+    int pid = 0;
+    orvo::cChannel* channel = nullptr;   // null once its connection closed
+    orvo::cRecord registered;            // the "config" it registered with
+    std::vector<std::string> techs;      // in the order announced
+    unsigned notifyMask = 0;             // from its notification request
+};
+
+// Mask bit of the technology notifications ("add-technology").
+const unsigned kNotifyTechnology = 2;
+
+enum eRegisterResult {
+    REGISTER_OK = 0,
+    REGISTER_REFUSED_MALFORMED = 1,   // reason 1: keys missing or of the wrong type
+    REGISTER_REFUSED_TAKEN = 2        // reason 2: the name is registered and connected
+};
+
+class cRegistry {
+public:
+    // Registers the service a 0x10000 record describes, reached over
+    // channel. A name whose earlier registration lost its connection is
+    // registered anew. why gets the sub-reason text of a refusal.
+    eRegisterResult Register(const orvo::cRecord& request, orvo::cChannel* channel, std::string& why);
+
+    tService* ByChannel(const orvo::cChannel* channel);
+    tService* ByName(const std::string& name);
+    tService* ById(const orvo::cUuid& id);
+    // The first connected service that offers tech, in name order.
+    tService* ByTech(const std::string& tech);
+
+    // Forgets the connection of the service on channel; returns its name
+    // (empty when channel belonged to no service).
+    std::string Disconnect(const orvo::cChannel* channel);
+
+    // Connected services whose notification mask has bit.
+    std::vector<tService*> Subscribers(unsigned bit);
+    std::vector<tService*> Connected();
+
+    // The record of a service information answer: a sub-record "service"
+    // with "service-id", "name", "tech" (one "service-tech" per technology),
+    // "pid" and "sap".
+    static orvo::cRecord InfoRecord(const tService& service);
+
+private:
+    std::map<std::string, tService> m_Services;   // by name
+};
+
+}  // namespace orvo_scm

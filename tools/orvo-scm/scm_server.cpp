@@ -1,0 +1,532 @@
+// scm_server.cpp - the message handling of orvo-scm.
+#include "scm_server.h"
+
+#include <sys/socket.h>
+
+#include <cstdio>
+
+#include <orvo_channel.h>
+#include <orvo_msgsocket.h>
+#include <orvo_msgtypes.h>
+#include <orvo_record.h>
+#include <orvo_recordpath.h>
+#include <orvo_trace.h>
+
+namespace orvo_scm {
+
+using namespace orvo;
+
+namespace {
+
+// orvo-scm's own timer messages.
+const unsigned long kMsgWdtTick = 0x9F001;
+const unsigned long kMsgFilePoll = 0x9F002;
+const unsigned long kMsgRestartDue = 0x9F003;
+const unsigned long kMsgStopGraceOver = 0x9F004;
+
+cUnit UnitScm("scm", INFO, OUTPUT_STDOUT);
+// Traces the services send to the SCM, printed as they come.
+cUnit UnitServices("services", INFO, OUTPUT_STDOUT);
+
+void Trace(eLEVEL level, const std::string& text)
+{
+    ORVO_TRACE(&UnitScm, level, text);
+}
+
+std::string Text(const cRecord& r, const char* name)
+{
+    return r.GetFirstPar(name, RECORD_TEXT, RECORD_SEL_TYPE).GetString();
+}
+
+// base without the top-level elements whose names top has, then top.
+cRecord Overlay(const cRecord& base, const cRecord& top)
+{
+    std::string bytes;
+    cRecordPar p = base.GetFirstPar();
+    for (bool ok = p.IsValid(); ok; ok = base.SeekNextPar(p))
+        if (!top.GetFirstPar(p.GetName()).IsValid())
+            bytes.append(p.GetElement(), static_cast<size_t>(p.GetElementEnd() - p.GetElement()));
+    if (!top.IsEmpty())
+        bytes.append(top.GetBuffer(), static_cast<size_t>(top.GetSize()));
+    return bytes.empty() ? cRecord() : cRecord(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+std::string Bytes(const cRecord& r)
+{
+    return r.IsEmpty() ? std::string() : std::string(r.GetBuffer(), static_cast<size_t>(r.GetSize()));
+}
+
+}  // namespace
+
+cScmServer::cScmServer(const tScmOptions& options)
+    : m_Options(options), m_bStopping(false), m_bDone(false)
+{
+}
+
+cScmServer::~cScmServer()
+{
+    m_RestartTimers.clear();
+    m_pWdtTimer.reset();
+    m_pPollTimer.reset();
+    m_pStopTimer.reset();
+    m_pSupervisor.reset();
+    DeInit();
+}
+
+bool cScmServer::SetUp()
+{
+    std::string error;
+    if (!LoadScmFile(m_Options.configPath, m_File, error)) {
+        std::fprintf(stderr, "orvo-scm: %s\n", error.c_str());
+        return false;
+    }
+    if (!m_Store.Open(m_Options.storePath)) {
+        std::fprintf(stderr, "orvo-scm: cannot open the record store %s\n", m_Options.storePath.c_str());
+        return false;
+    }
+    Init("orvo-scm", cSocketAddr(m_Options.listen.c_str(), 0));
+    if (GetSapSocket() == nullptr || GetSapAddress().GetPort() == 0) {
+        std::fprintf(stderr, "orvo-scm: cannot listen on %s\n", m_Options.listen.c_str());
+        return false;
+    }
+    // The service runtime listens with a backlog of 5, made for one client
+    // at a time. Every service of a platform connects here at start-up, so
+    // a short queue would drop SYNs and cost the late ones whole seconds of
+    // retransmission: the queue is made as long as the system allows.
+    listen(GetSapSocket()->GetFd(), SOMAXCONN);
+    m_Sap = GetSapAddress().ToString();
+    std::printf("orvo-scm listening on %s\n", m_Sap.c_str());
+    std::fflush(stdout);
+    m_pWatch.reset(new cFileWatch(m_Options.configPath));
+    m_pSupervisor.reset(new cSupervisor(this, m_Sap));
+    m_pWdtTimer.reset(new cTimer(this, true, nullptr));
+    m_pWdtTimer->Start(m_Options.wdtPeriodMs, kMsgWdtTick);
+    m_pPollTimer.reset(new cTimer(this, true, nullptr));
+    m_pPollTimer->Start(m_Options.pollMs, kMsgFilePoll);
+    m_pStopTimer.reset(new cTimer(this, false, nullptr));
+    for (const tServiceEntry& e : m_File.services)
+        if (e.start)
+            m_pSupervisor->Start(e);
+    return true;
+}
+
+int cScmServer::Run()
+{
+    if (!SetUp())
+        return 2;
+    cMsg msg;
+    while (!m_bDone && GetMessage(msg))
+        Handle(msg);
+    Trace(INFO, "orvo-scm stopped");
+    return 0;
+}
+
+void cScmServer::Reply(cMsg& request, unsigned long type, const cRecord& record)
+{
+    if (request.GetChannel() == nullptr)
+        return;
+    cMsg answer(type);
+    answer.SetTid(request.GetTid());
+    answer.SetRecord(record);
+    request.GetChannel()->Send(answer);
+}
+
+void cScmServer::SendTo(tService& service, cMsg& msg)
+{
+    if (service.channel != nullptr && service.channel->Send(msg) < 0)
+        Trace(WARNING, FormatString("send of 0x%lx to '%s' failed", msg.GetType(), service.name.c_str()));
+}
+
+void cScmServer::Handle(cMsg& msg)
+{
+    switch (msg.GetType()) {
+    case MSG_SCM_REGISTER: OnRegister(msg); break;
+    case MSG_SCM_GETCONFIG: OnConfigRequest(msg); break;
+    case MSG_SCM_RUN: OnReady(msg); break;
+    case MSG_SCM_WDT_ACK: OnWdtAnswer(msg); break;
+    case MSG_SCM_SETCONFIG_ACK: OnSetConfigAnswer(msg, true); break;
+    case MSG_SCM_SETCONFIG_NACK: OnSetConfigAnswer(msg, false); break;
+    case MSG_SCM_SERVICE_INFO_REQUEST: OnServiceInfoRequest(msg); break;
+    case MSG_SCM_SET_SERVICE_TECH: OnSetServiceTech(msg); break;
+    case MSG_SCM_NOTIFICATION_REQUEST: OnNotificationRequest(msg); break;
+    case MSG_SCM_STORE_RECORD: OnStoreRecord(msg); break;
+    case MSG_SCM_GET_STORED_RECORD: OnFetchRecord(msg); break;
+    case MSG_SCM_TRACE_LOG: OnServiceTrace(msg); break;
+    case MSG_SOCKET_CLOSED: OnClosed(msg); break;
+    case MSG_SOCKET_ACCEPTED:
+    case MSG_SOCKET_CONNECTED: break;   // a service's socket announcing itself
+    case MSG_PROCESS_STARTED:
+        Trace(INFO, FormatString("started %s, pid %u", Text(msg.GetRecord(), "file").c_str(),
+                                 msg.GetRecord().GetFirstPar("pid").GetUInt()));
+        break;
+    case MSG_PROCESS_START_FAILED:
+    case MSG_PROCESS_ENDED: OnChildEnded(msg); break;
+    case MSG_INTERRUPT_REQUEST:
+    case MSG_TERMINATE_REQUEST:
+    case MSG_STOP: BeginStop(); break;
+    case kMsgWdtTick: WatchdogTick(); break;
+    case kMsgFilePoll: PollFile(); break;
+    case kMsgRestartDue: m_pSupervisor->StartAgain(Text(msg.GetRecord(), "name")); break;
+    case kMsgStopGraceOver:
+        Trace(WARNING, "children still running after the grace time: killed");
+        m_pSupervisor->KillAll();
+        m_bDone = true;
+        break;
+    default: {
+        tService* s = m_Registry.ByChannel(msg.GetChannel());
+        Trace(INFO, FormatString("'%s' sent 0x%lx (not acted on by the development SCM): %s",
+                                 s != nullptr ? s->name.c_str() : "?", msg.GetType(),
+                                 msg.GetRecord().ToString().c_str()));
+    }
+    }
+}
+
+// ---- registration and configuration -------------------------------------
+
+void cScmServer::OnRegister(cMsg& msg)
+{
+    std::string why;
+    const eRegisterResult result = m_Registry.Register(msg.GetRecord(), msg.GetChannel(), why);
+    const std::string name = Text(msg.GetRecord(), "name");
+    if (result != REGISTER_OK) {
+        cRecord refusal;
+        refusal.AppendSIntPar("reason", static_cast<int>(result));
+        refusal.AppendTextPar("sub-reason", why);
+        Reply(msg, MSG_SCM_REGISTER_NACK, refusal);
+        Trace(WARNING, "registration of '" + name + "' refused: " + why);
+        return;
+    }
+    const tService* s = m_Registry.ByName(name);
+    Trace(INFO, FormatString("registered '%s' pid %d sap %s", name.c_str(), s->pid, s->sap.c_str()));
+    Reply(msg, MSG_SCM_REGISTER_ACK, cRecord());
+}
+
+cRecord cScmServer::ConfigOf(const tService& service) const
+{
+    const tServiceEntry* e = m_File.Find(service.name);
+    return e == nullptr ? service.registered : Overlay(service.registered, e->config);
+}
+
+cRecord cScmServer::SystemPar(const tService& service) const
+{
+    cRecord system;
+    ConfigOf(service).GetFirstPar("system", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(system);
+    return system;
+}
+
+void cScmServer::OnConfigRequest(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    cUuid id;
+    tService* s = nullptr;
+    if (r.GetFirstPar("service-id", RECORD_UUID, RECORD_SEL_TYPE).GetUuid(id))
+        s = m_Registry.ById(id);
+    else if (r.GetFirstPar("service-name", RECORD_TEXT, RECORD_SEL_TYPE).IsValid())
+        s = m_Registry.ByName(Text(r, "service-name"));
+    if (s == nullptr) {
+        Trace(WARNING, "configuration request for an unknown service: " + r.ToString());
+        return;
+    }
+    cRecord answer;
+    answer.AppendUuidPar("service-id", s->id);
+    answer.AppendTextPar("path", "");
+    answer.AppendRecordPar("config", ConfigOf(*s));
+    Reply(msg, MSG_SCM_GETCONFIG_ACK, answer);
+    Trace(INFO, "configuration sent to '" + s->name + "'");
+    SendHealth(*s, "running");
+}
+
+void cScmServer::SendHealth(tService& service, const char* health)
+{
+    cMsg msg(MSG_SCM_HEALTH);
+    msg.GetRecord().AppendTextPar("scm-health", health);
+    SendTo(service, msg);
+}
+
+void cScmServer::OnReady(cMsg& msg)
+{
+    tService* s = m_Registry.ByChannel(msg.GetChannel());
+    if (s == nullptr)
+        return;
+    Reply(msg, MSG_SCM_RUN_ACK, cRecord());
+    const cRecord system = SystemPar(*s);
+    const cRecordPar wdt = system.GetFirstPar("wdt", RECORD_TEXT, RECORD_SEL_TYPE);
+    const bool watched = !wdt.IsValid() || wdt.GetString() != "OFF";
+    const cRecordPar failures = system.GetFirstPar("wdt-failures", RECORD_UINT, RECORD_SEL_TYPE);
+    const unsigned limit = failures.IsValid() ? failures.GetUInt() : 3;
+    if (watched)
+        m_Watchdog.Watch(s->name, limit);
+    Trace(INFO, FormatString("'%s' ready%s", s->name.c_str(),
+                             watched ? FormatString(", watchdog allows %u missed answers", limit).c_str()
+                                     : ", watchdog off"));
+}
+
+void cScmServer::OnSetConfigAnswer(cMsg& msg, bool applied)
+{
+    auto it = m_PendingPush.find(msg.GetTid());
+    if (it == m_PendingPush.end())
+        return;
+    Trace(applied ? INFO : WARNING,
+          "'" + it->second + "' " + (applied ? "applied" : "refused") + " the pushed configuration");
+    m_PendingPush.erase(it);
+}
+
+void cScmServer::PushConfig(tService& service)
+{
+    cRecord path, filter, push;
+    path.AppendRecordPar(".", cRecord());
+    push.AppendRecordPar("path", path);
+    push.AppendRecordPar("config", ConfigOf(service));
+    push.AppendRecordPar("filter", filter);
+    push.AppendBoolPar("full-config", true);
+    cMsg msg(MSG_SCM_SETCONFIG);
+    cUuid tid;
+    tid.Create();
+    msg.SetTid(tid);
+    msg.SetRecord(push);
+    m_PendingPush[tid] = service.name;
+    Trace(INFO, "configuration of '" + service.name + "' changed: pushed");
+    SendTo(service, msg);
+}
+
+void cScmServer::PollFile()
+{
+    if (!m_pWatch->Changed())
+        return;
+    tScmFile fresh;
+    std::string error;
+    if (!LoadScmFile(m_Options.configPath, fresh, error)) {
+        Trace(ERROR, "configuration file not taken: " + error);
+        return;
+    }
+    const tScmFile old = m_File;
+    m_File = fresh;
+    // A connected service whose entry changed, appeared or went away gets its
+    // configuration anew (without an entry: the one it registered with).
+    for (tService* s : m_Registry.Connected()) {
+        const tServiceEntry* before = old.Find(s->name);
+        const tServiceEntry* now = fresh.Find(s->name);
+        if (Bytes(before != nullptr ? before->config : cRecord()) !=
+                Bytes(now != nullptr ? now->config : cRecord()) ||
+            (before == nullptr) != (now == nullptr))
+            PushConfig(*s);
+    }
+    // New entries to start, and stopped ones whose command changed (one that
+    // could not be started waits for that).
+    for (const tServiceEntry& e : fresh.services) {
+        const tServiceEntry* before = old.Find(e.name);
+        const bool changed = before == nullptr || !before->start || before->command != e.command;
+        if (e.start && !m_bStopping && !m_pSupervisor->IsRunning(e.name) &&
+            (changed || !m_pSupervisor->IsStarted(e.name)))
+            m_pSupervisor->Start(e);
+    }
+}
+
+// ---- technologies ---------------------------------------------------------------
+
+void cScmServer::OnServiceInfoRequest(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    const cRecordPar byName = r.GetFirstPar("service-name", RECORD_TEXT, RECORD_SEL_TYPE);
+    const cRecordPar byTech = r.GetFirstPar("service-tech", RECORD_TEXT, RECORD_SEL_TYPE);
+    tService* s = nullptr;
+    if (byName.IsValid())
+        s = m_Registry.ByName(byName.GetString());
+    else if (byTech.IsValid())
+        s = m_Registry.ByTech(byTech.GetString());
+    if (s != nullptr && s->channel != nullptr) {
+        Reply(msg, MSG_SCM_SERVICE_INFO, cRegistry::InfoRecord(*s));
+        return;
+    }
+    cRecord unknown;
+    if (byName.IsValid())
+        unknown.AppendTextPar("service-name", byName.GetString());
+    else
+        unknown.AppendTextPar("service-tech", byTech.GetString());
+    Reply(msg, MSG_SCM_TECH_UNKNOWN, unknown);
+}
+
+void cScmServer::OnSetServiceTech(cMsg& msg)
+{
+    tService* s = m_Registry.ByChannel(msg.GetChannel());
+    if (s == nullptr)
+        return;
+    s->techs.clear();
+    cRecordPar p = msg.GetRecord().GetFirstPar("service-tech", RECORD_TEXT, RECORD_SEL_TYPE);
+    for (bool ok = p.IsValid(); ok; ok = msg.GetRecord().SeekNextPar(p, "service-tech", RECORD_TEXT, RECORD_SEL_TYPE))
+        s->techs.push_back(p.GetString());
+    std::string list;
+    for (const std::string& t : s->techs)
+        list += (list.empty() ? "" : ", ") + t;
+    Trace(INFO, "'" + s->name + "' offers " + (list.empty() ? "nothing" : list));
+    cRecord note;
+    note.AppendTextPar("command", "add-technology");
+    const cRecord info = cRegistry::InfoRecord(*s);
+    note.AppendRecordPar("service", [&] {
+        cRecord inner;
+        info.GetFirstPar("service").GetRecord(inner);
+        return inner;
+    }());
+    for (tService* sub : m_Registry.Subscribers(kNotifyTechnology)) {
+        cMsg n(MSG_SCM_NOTIFICATION);
+        n.SetRecord(note);
+        SendTo(*sub, n);
+    }
+}
+
+void cScmServer::OnNotificationRequest(cMsg& msg)
+{
+    tService* s = m_Registry.ByChannel(msg.GetChannel());
+    if (s != nullptr)
+        s->notifyMask = msg.GetRecord().GetFirstPar("mask").GetUInt();
+}
+
+// ---- watchdog ------------------------------------------------------------------
+
+void cScmServer::WatchdogTick()
+{
+    const cWatchdogBook::tTick tick = m_Watchdog.Tick();
+    for (const std::string& name : tick.failed)
+        WatchdogFailed(name);
+    for (const cWatchdogBook::tTrigger& t : tick.triggers) {
+        tService* s = m_Registry.ByName(t.name);
+        if (s == nullptr || s->channel == nullptr || !m_Watchdog.IsWatched(t.name))
+            continue;
+        cMsg trigger(MSG_SCM_WDT);   // answered with 0x1000a and the same "seq-no"
+        trigger.GetRecord().AppendUuidPar("service-id", s->id);
+        trigger.GetRecord().AppendUIntPar("seq-no", t.seq);
+        SendTo(*s, trigger);
+    }
+}
+
+void cScmServer::WatchdogFailed(const std::string& name)
+{
+    tService* s = m_Registry.ByName(name);
+    const tServiceEntry* e = m_File.Find(name);
+    std::string action = e != nullptr ? e->failureAction : std::string();
+    if (action.empty() && s != nullptr)
+        action = Text(SystemPar(*s), "failure-action");
+    if (action == "restart" && m_pSupervisor->Restart(name)) {
+        Trace(WARNING, "watchdog: '" + name + "' stopped answering: restarting it");
+        m_Watchdog.Forget(name);
+        return;
+    }
+    Trace(WARNING, "watchdog: '" + name + "' stopped answering (failure-action '" + action +
+                       "': " + (action == "restart" ? "not started by orvo-scm, " : "") + "logged only)");
+}
+
+void cScmServer::OnWdtAnswer(cMsg& msg)
+{
+    tService* s = m_Registry.ByChannel(msg.GetChannel());
+    if (s != nullptr)
+        m_Watchdog.Answer(s->name, msg.GetRecord().GetFirstPar("seq-no").GetUInt());
+}
+
+// ---- stored records -----------------------------------------------------------
+
+void cScmServer::OnStoreRecord(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    const std::string name = Text(r, "name");
+    cRecord record;
+    if (!r.GetFirstPar("record", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(record)) {
+        // The record's own elements travel beside "name".
+        std::string bytes;
+        cRecordPar p = r.GetFirstPar();
+        for (bool ok = p.IsValid(); ok; ok = r.SeekNextPar(p))
+            if (std::string(p.GetName()) != "name")
+                bytes.append(p.GetElement(), static_cast<size_t>(p.GetElementEnd() - p.GetElement()));
+        if (!bytes.empty())
+            record.Create(bytes.data(), static_cast<int>(bytes.size()));
+    }
+    if (name.empty() || !m_Store.Store(name, record))
+        Trace(ERROR, "record '" + name + "' not stored");
+    else
+        Trace(DEBUG, "record '" + name + "' stored");
+}
+
+void cScmServer::OnFetchRecord(cMsg& msg)
+{
+    const std::string name = Text(msg.GetRecord(), "name");
+    cRecord answer, record;
+    answer.AppendTextPar("name", name);
+    if (m_Store.Fetch(name, record))
+        answer.AppendRecordPar("record", record);
+    Reply(msg, MSG_SCM_GET_STORED_RECORD, answer);
+}
+
+// ---- traces, connections, children ---------------------------------------------
+
+void cScmServer::OnServiceTrace(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    ORVO_TRACE(&UnitServices, INFO,
+               FormatString("%s %s [%s]: %s", Text(r, "name").c_str(), Text(r, "unit").c_str(),
+                            Text(r, "level").c_str(), Text(r, "txt").c_str()));
+}
+
+void cScmServer::OnClosed(cMsg& msg)
+{
+    const std::string name = m_Registry.Disconnect(msg.GetChannel());
+    if (name.empty())
+        return;
+    m_Watchdog.Forget(name);
+    Trace(INFO, "'" + name + "' disconnected");
+}
+
+void cScmServer::OnChildEnded(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    const int pid = static_cast<int>(r.GetFirstPar("pid").GetUInt());
+    bool again = false;
+    const std::string name = m_pSupervisor->OnEnded(pid, again);
+    if (name.empty())
+        return;
+    if (msg == MSG_PROCESS_START_FAILED) {
+        // The command itself is wrong: starting it again would fail the same way.
+        Trace(ERROR, FormatString("'%s' could not be started (%s): not started again until its "
+                                  "command in the file changes",
+                                  name.c_str(), Text(r, "file").c_str()));
+    } else if (again) {
+        Trace(WARNING, FormatString("'%s' (pid %d) ended with code %u: restart in %lu ms", name.c_str(),
+                                    pid, r.GetFirstPar("code").GetUInt(), m_Options.restartDelayMs));
+        ScheduleRestart(name);
+    } else {
+        Trace(INFO, FormatString("'%s' (pid %d) ended with code %u", name.c_str(), pid,
+                                 r.GetFirstPar("code").GetUInt()));
+    }
+    if (m_bStopping && !m_pSupervisor->AnyRunning())
+        m_bDone = true;
+}
+
+void cScmServer::ScheduleRestart(const std::string& name)
+{
+    std::unique_ptr<cTimer>& timer = m_RestartTimers[name];
+    if (!timer)
+        timer.reset(new cTimer(this, false, nullptr));
+    timer->m_Record.Create();
+    timer->m_Record.AppendTextPar("name", name);
+    timer->Start(m_Options.restartDelayMs, kMsgRestartDue);
+}
+
+void cScmServer::BeginStop()
+{
+    // Keep the loop running until the children are gone.
+    cService::SetStopFlag(false);
+    if (m_bStopping)
+        return;
+    m_bStopping = true;
+    Trace(INFO, "stopping");
+    for (tService* s : m_Registry.Connected())
+        SendHealth(*s, "stopping");
+    for (auto& kv : m_RestartTimers)
+        kv.second->Stop();
+    m_pSupervisor->StopAll();
+    if (!m_pSupervisor->AnyRunning()) {
+        m_bDone = true;
+        return;
+    }
+    m_pStopTimer->Start(m_Options.stopGraceMs, kMsgStopGraceOver);
+}
+
+}  // namespace orvo_scm

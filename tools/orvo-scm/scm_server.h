@@ -1,0 +1,93 @@
+// scm_server.h - orvo-scm's service: the SCM side of the registration,
+// configuration, technology, watchdog, health and record-store protocol,
+// plus the children it starts. Being a cService it also answers the
+// library's control messages (trace on/off, snoop, service information) on
+// its listening socket.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include <orvo_msg.h>
+#include <orvo_service.h>
+#include <orvo_timer.h>
+#include <orvo_uuid.h>
+
+#include "scm_config.h"
+#include "scm_registry.h"
+#include "scm_store.h"
+#include "scm_supervisor.h"
+#include "scm_watchdog.h"
+
+namespace orvo_scm {
+
+struct tScmOptions {
+    std::string listen = "127.0.0.1:47000";
+    std::string configPath;
+    std::string storePath = "orvo-scm.records";
+    unsigned long wdtPeriodMs = 5000;
+    unsigned long pollMs = 1000;
+    unsigned long restartDelayMs = 1000;
+    unsigned long stopGraceMs = 5000;
+};
+
+class cScmServer : public orvo::cService {
+public:
+    explicit cScmServer(const tScmOptions& options);
+    ~cScmServer() override;
+    void ThreadMain() override {}
+
+    // Listens, starts the listed services and runs until SIGTERM/SIGINT and
+    // the end of every child. Returns the exit status (2 for a set-up fault).
+    int Run();
+
+private:
+    bool SetUp();
+    void Handle(orvo::cMsg& msg);
+    void Reply(orvo::cMsg& request, unsigned long type, const orvo::cRecord& record);
+    void SendTo(tService& service, orvo::cMsg& msg);
+    // 0x10141 with "scm-health": "running" after the configuration answer,
+    // "stopping" when orvo-scm begins to stop.
+    void SendHealth(tService& service, const char* health);
+
+    void OnRegister(orvo::cMsg& msg);
+    void OnConfigRequest(orvo::cMsg& msg);
+    void OnReady(orvo::cMsg& msg);
+    void OnServiceInfoRequest(orvo::cMsg& msg);
+    void OnSetServiceTech(orvo::cMsg& msg);
+    void OnNotificationRequest(orvo::cMsg& msg);
+    void OnWdtAnswer(orvo::cMsg& msg);
+    void OnSetConfigAnswer(orvo::cMsg& msg, bool applied);
+    void OnStoreRecord(orvo::cMsg& msg);
+    void OnFetchRecord(orvo::cMsg& msg);
+    void OnServiceTrace(orvo::cMsg& msg);
+    void OnClosed(orvo::cMsg& msg);
+    void OnChildEnded(orvo::cMsg& msg);
+
+    void WatchdogTick();
+    void WatchdogFailed(const std::string& name);
+    void PollFile();
+    void PushConfig(tService& service);
+    void ScheduleRestart(const std::string& name);
+    void BeginStop();
+
+    orvo::cRecord ConfigOf(const tService& service) const;
+    orvo::cRecord SystemPar(const tService& service) const;
+
+    tScmOptions m_Options;
+    std::string m_Sap;                 // the address services reach us at
+    tScmFile m_File;
+    std::unique_ptr<cFileWatch> m_pWatch;
+    cRegistry m_Registry;
+    cWatchdogBook m_Watchdog;
+    cRecordStore m_Store;
+    std::unique_ptr<cSupervisor> m_pSupervisor;
+    std::map<orvo::cUuid, std::string> m_PendingPush;   // 0x10015 tid -> service
+    std::map<std::string, std::unique_ptr<orvo::cTimer>> m_RestartTimers;
+    std::unique_ptr<orvo::cTimer> m_pWdtTimer, m_pPollTimer, m_pStopTimer;
+    bool m_bStopping;
+    bool m_bDone;
+};
+
+}  // namespace orvo_scm

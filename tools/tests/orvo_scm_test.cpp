@@ -1,0 +1,343 @@
+// orvo-scm as a real process on a free port, driven by scripted clients over
+// real sockets: registration and refusal, configuration and its push on a
+// file change, technologies and notifications, watchdog, health, stored
+// records across a restart, and the services it starts and restarts.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+#include <string>
+
+#include <orvo_record.h>
+#include <orvo_uuid.h>
+
+#include "record_json.h"
+#include "scm_client.h"
+#include "scm_process.h"
+
+using namespace orvo;
+using namespace orvo_test;
+
+namespace {
+
+const int kWait = 10000;
+
+std::string BytesOf(const cRecord& r)
+{
+    return r.IsEmpty() ? std::string() : std::string(r.GetBuffer(), static_cast<size_t>(r.GetSize()));
+}
+
+cRecord Sub(const cRecord& r, const char* name)
+{
+    cRecord sub;
+    r.GetFirstPar(name, RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(sub);
+    return sub;
+}
+
+class OrvoScm : public ::testing::Test {
+protected:
+    bool StartScm(cScmProcess& scm, const std::string& json, const std::vector<std::string>& more = {})
+    {
+        return m_Dir.StartScm(scm, json, more);
+    }
+
+    // Registers name and takes its configuration; the answer's record.
+    cRecord Register(cScmClient& c, cScmProcess& scm, const cUuid& id, const std::string& name,
+                     const cRecord& config)
+    {
+        cMsg msg;
+        EXPECT_TRUE(c.Connect(scm.Port()));
+        EXPECT_TRUE(c.Send(RegisterMsg(id, name, 4242, config)));
+        EXPECT_TRUE(c.ReceiveType(msg, 0x10001, kWait)) << name;
+        cMsg request = Request(0x10003);
+        request.GetRecord().AppendUuidPar("service-id", id);
+        request.GetRecord().AppendTextPar("path", "");
+        EXPECT_TRUE(c.Send(request));
+        EXPECT_TRUE(c.ReceiveType(msg, 0x10004, kWait)) << name;
+        EXPECT_EQ(msg.GetTid(), request.GetTid());
+        return msg.GetRecord();
+    }
+
+    cScmTestDir m_Dir;
+};
+
+const char* const kAlphaJson = R"({"services": {"alpha": {"config": [
+    {"name": "level", "type": "uint", "value": 7},
+    {"name": "meter", "type": "record", "value": [{"name": "id", "type": "text", "value": "m1"}]}]}}})";
+
+TEST_F(OrvoScm, RegistersRefusesASecondLiveNameAndServesTheConfiguration)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, kAlphaJson));
+    cUuid id;
+    id.Create();
+    cRecord own;
+    own.AppendUIntPar("level", 1);
+    own.AppendTextPar("scm-sap", scm.Sap());
+    cScmClient alpha;
+    const cRecord answer = Register(alpha, scm, id, "alpha", own);
+
+    cUuid got;
+    ASSERT_TRUE(answer.GetFirstPar("service-id").GetUuid(got));
+    EXPECT_EQ(got, id);
+    EXPECT_EQ(answer.GetFirstPar("path", RECORD_TEXT, RECORD_SEL_TYPE).GetString(), "");
+    // The file's elements replace the registered ones of the same name; the
+    // others stay, in their order.
+    cRecord expected;
+    expected.AppendTextPar("scm-sap", scm.Sap());
+    expected.AppendUIntPar("level", 7);
+    cRecord meter;
+    meter.AppendTextPar("id", "m1");
+    expected.AppendRecordPar("meter", meter);
+    EXPECT_EQ(BytesOf(Sub(answer, "config")), BytesOf(expected));
+    cMsg msg;
+    ASSERT_TRUE(alpha.ReceiveType(msg, 0x10141, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("scm-health").GetString(), "running");
+
+    // The same name again while alpha is connected: refused, reason 2.
+    cScmClient twin;
+    ASSERT_TRUE(twin.Connect(scm.Port()));
+    cUuid other;
+    other.Create();
+    cMsg reg = RegisterMsg(other, "alpha", 4343, cRecord());
+    ASSERT_TRUE(twin.Send(reg));
+    ASSERT_TRUE(twin.ReceiveType(msg, 0x10002, kWait));
+    EXPECT_EQ(msg.GetTid(), reg.GetTid());
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("reason").GetSInt(), 2);
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("sub-reason").GetString(), "name 'alpha' is registered by pid 4242");
+
+    // A registration without a uuid: reason 1.
+    cMsg bad = Request(0x10000, "name", "beta");
+    ASSERT_TRUE(twin.Send(bad));
+    ASSERT_TRUE(twin.ReceiveType(msg, 0x10002, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("reason").GetSInt(), 1);
+
+    // Once alpha's connection is gone, the name can be taken again.
+    alpha.Close();
+    ASSERT_TRUE(scm.WaitFor("'alpha' disconnected", kWait));
+    ASSERT_TRUE(twin.Send(reg));
+    EXPECT_TRUE(twin.ReceiveType(msg, 0x10001, kWait));
+
+    // The library's own control messages: service information of orvo-scm.
+    ASSERT_TRUE(twin.Send(Request(0x7006)));
+    ASSERT_TRUE(twin.ReceiveType(msg, 0x7007, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("name").GetString(), "orvo-scm");
+
+    // Stopping is announced to the registered services.
+    ASSERT_EQ(kill(scm.Pid(), SIGTERM), 0);
+    ASSERT_TRUE(twin.ReceiveType(msg, 0x10141, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("scm-health").GetString(), "stopping");
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+}
+
+TEST_F(OrvoScm, FindsServicesByNameAndTechnologyAndNotifiesSubscribers)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {}})"));
+    cUuid clientId, meterId;
+    clientId.Create();
+    meterId.Create();
+    cScmClient client, meter;
+    Register(client, scm, clientId, "reader", cRecord());
+    cMsg subscribe = Request(0x1006C);
+    subscribe.GetRecord().AppendUIntPar("mask", 2);
+    ASSERT_TRUE(client.Send(subscribe));
+
+    cMsg msg;
+    cMsg unknown = Request(0x10018, "service-tech", "meter");
+    ASSERT_TRUE(client.Send(unknown));
+    ASSERT_TRUE(client.ReceiveType(msg, 0x1001A, kWait));
+    EXPECT_EQ(msg.GetTid(), unknown.GetTid());
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("service-tech").GetString(), "meter");
+
+    Register(meter, scm, meterId, "meter-svc", cRecord());
+    cMsg tech = Request(0x1001B);
+    tech.GetRecord().AppendUuidPar("service-id", meterId);
+    tech.GetRecord().AppendTextPar("service-tech", "meter");
+    tech.GetRecord().AppendTextPar("service-tech", "clock");
+    ASSERT_TRUE(meter.Send(tech));
+
+    // The subscriber hears of it ...
+    ASSERT_TRUE(client.ReceiveType(msg, 0x10140, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("command").GetString(), "add-technology");
+    const cRecord note = Sub(msg.GetRecord(), "service");
+    EXPECT_EQ(note.GetFirstPar("name").GetString(), "meter-svc");
+    EXPECT_EQ(note.GetFirstPar("sap").GetString(), "127.0.0.1:1");
+    EXPECT_EQ(note.GetFirstPar("pid").GetSInt(), 4242);
+    // ... and both look-ups give the same description.
+    for (const auto& key : {std::make_pair("service-tech", "clock"), std::make_pair("service-name", "meter-svc")}) {
+        ASSERT_TRUE(client.Send(Request(0x10018, key.first, key.second)));
+        ASSERT_TRUE(client.ReceiveType(msg, 0x10019, kWait)) << key.first;
+        const cRecord info = Sub(msg.GetRecord(), "service");
+        cUuid id;
+        ASSERT_TRUE(info.GetFirstPar("service-id").GetUuid(id));
+        EXPECT_EQ(id, meterId);
+        const cRecord techs = Sub(info, "tech");
+        EXPECT_EQ(techs.GetParCount("service-tech"), 2);
+        EXPECT_EQ(techs.GetFirstPar("service-tech").GetString(), "meter");
+    }
+    // A technology whose service went away is unknown again.
+    meter.Close();
+    ASSERT_TRUE(scm.WaitFor("'meter-svc' disconnected", kWait));
+    ASSERT_TRUE(client.Send(Request(0x10018, "service-tech", "meter")));
+    EXPECT_TRUE(client.ReceiveType(msg, 0x1001A, kWait));
+}
+
+TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, kAlphaJson));
+    cUuid id;
+    id.Create();
+    cScmClient alpha;
+    Register(alpha, scm, id, "alpha", cRecord());
+
+    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": 9}]}}})");
+    cMsg push;
+    ASSERT_TRUE(alpha.ReceiveType(push, 0x10015, kWait));
+    EXPECT_TRUE(push.GetTid().IsValid());
+    EXPECT_TRUE(push.GetRecord().GetFirstPar("full-config").GetBool());
+    EXPECT_EQ(Sub(push.GetRecord(), "config").GetFirstPar("level").GetUInt(), 9u);
+    EXPECT_EQ(Sub(push.GetRecord(), "config").GetParCount(), 1);
+    EXPECT_TRUE(push.GetRecord().GetFirstPar("path", RECORD_RECORD, RECORD_SEL_TYPE).IsValid());
+    cMsg done(0x10016);
+    done.SetTid(push.GetTid());
+    ASSERT_TRUE(alpha.Send(done));
+    EXPECT_TRUE(scm.WaitFor("'alpha' applied the pushed configuration", kWait));
+
+    // A broken file is not taken: nothing is pushed, the old one stays.
+    size_t mark = scm.OutputSize();
+    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": -9}]}}})");
+    ASSERT_TRUE(scm.WaitFor("configuration file not taken", kWait, mark));
+    EXPECT_TRUE(scm.WaitFor("uint value must be an integer", kWait, mark));
+    cMsg msg;
+    EXPECT_FALSE(alpha.ReceiveType(msg, 0x10015, 500));
+
+    // A refusal is reported as such.
+    mark = scm.OutputSize();
+    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": 10}]}}})");
+    ASSERT_TRUE(alpha.ReceiveType(push, 0x10015, kWait));
+    cMsg refused(0x10017);
+    refused.SetTid(push.GetTid());
+    ASSERT_TRUE(alpha.Send(refused));
+    EXPECT_TRUE(scm.WaitFor("'alpha' refused the pushed configuration", kWait, mark));
+
+    // Without an entry the service gets back the configuration it registered with.
+    WriteFile(m_Dir.File(), R"({"services": {}})");
+    ASSERT_TRUE(alpha.ReceiveType(push, 0x10015, kWait));
+    EXPECT_TRUE(Sub(push.GetRecord(), "config").IsEmpty());
+}
+
+TEST_F(OrvoScm, WatchdogCountsMissedAnswersAgainstTheServicesLimit)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {"quiet": {"failure-action": "log"}}})", {"-wdt-ms", "200"}));
+    cUuid id;
+    id.Create();
+    cRecord system, config;
+    system.AppendUIntPar("wdt-failures", 4);   // a stalled test must not look like a silent service
+    system.AppendTextPar("wdt", "ON");
+    config.AppendRecordPar("system", system);
+    cScmClient quiet;
+    Register(quiet, scm, id, "quiet", config);
+    cMsg msg;
+    EXPECT_FALSE(quiet.ReceiveType(msg, 0x10009, 400)) << "no triggers before the service is ready";
+    ASSERT_TRUE(quiet.Send(Request(0x10006)));
+    ASSERT_TRUE(quiet.ReceiveType(msg, 0x10007, kWait));
+    ASSERT_TRUE(scm.WaitFor("'quiet' ready, watchdog allows 4 missed answers", kWait));
+
+    // Answering every trigger keeps it quiet ...
+    unsigned lastSeq = 0;
+    for (int i = 0; i < 6; ++i) {
+        ASSERT_TRUE(quiet.ReceiveType(msg, 0x10009, kWait));
+        const unsigned seq = msg.GetRecord().GetFirstPar("seq-no").GetUInt();
+        EXPECT_GT(seq, lastSeq);
+        lastSeq = seq;
+        cMsg answer(0x1000A);
+        answer.GetRecord().AppendUuidPar("service-id", id);
+        answer.GetRecord().AppendUIntPar("seq-no", seq);
+        ASSERT_TRUE(quiet.Send(answer));
+    }
+    EXPECT_EQ(scm.Output().find("watchdog:"), std::string::npos);
+    // ... an answer with a stale sequence number does not count ...
+    cMsg stale(0x1000A);
+    stale.GetRecord().AppendUIntPar("seq-no", lastSeq - 1);
+    ASSERT_TRUE(quiet.Send(stale));
+    // ... and silence is acted on: logged only, since the action is "log".
+    EXPECT_TRUE(scm.WaitFor("watchdog: 'quiet' stopped answering (failure-action 'log': logged only)", kWait));
+}
+
+TEST_F(OrvoScm, StoredRecordsOutliveARestart)
+{
+    cRecord history;
+    history.AppendUInt64Par("energy", 123456789012ULL);
+    history.AppendTextPar("unit", "Wh");
+    history.AppendTextPar("unit", "kWh");
+    for (int round = 0; round < 2; ++round) {
+        cScmProcess scm;
+        ASSERT_TRUE(StartScm(scm, R"({"services": {}})"));
+        cScmClient c;
+        ASSERT_TRUE(c.Connect(scm.Port()));
+        if (round == 0) {
+            cMsg store = Request(0x10028, "name", "meter.history");
+            store.GetRecord().AppendRecordPar("record", history);
+            ASSERT_TRUE(c.Send(store));
+        }
+        cMsg fetch = Request(0x1002B, "name", "meter.history");
+        ASSERT_TRUE(c.Send(fetch));
+        cMsg msg;
+        ASSERT_TRUE(c.ReceiveType(msg, 0x1002B, kWait)) << "round " << round;
+        EXPECT_EQ(msg.GetTid(), fetch.GetTid());
+        EXPECT_EQ(BytesOf(Sub(msg.GetRecord(), "record")), BytesOf(history)) << "round " << round;
+        ASSERT_TRUE(c.Send(Request(0x1002B, "name", "nothing.here")));
+        ASSERT_TRUE(c.ReceiveType(msg, 0x1002B, kWait));
+        EXPECT_FALSE(msg.GetRecord().GetFirstPar("record").IsValid());
+        EXPECT_EQ(scm.Terminate(kWait), 0);
+    }
+}
+
+
+TEST_F(OrvoScm, StartsItsServicesRestartsThemAndStopsThemOnSigterm)
+{
+    const std::string fake = EnvOr("ORVO_FAKE_SERVICE", "scm_fake_service");
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm,
+                         R"({"services": {
+        "steady": {"start": true, "command": ")" + fake + R"( {scm-sap} steady"},
+        "mute": {"start": true, "failure-action": "restart", "command": ")" + fake + R"( {scm-sap} mute mute-wdt"},
+        "broken": {"start": true, "command": "/nonexistent/orvo-service"}}})",
+                         {"-wdt-ms", "150"}));
+    const int steady = RegisteredPid(scm, "steady", 0);
+    ASSERT_GT(steady, 0);
+
+    // Killed: started again, as a new process.
+    size_t mark = scm.OutputSize();
+    ASSERT_EQ(kill(steady, SIGKILL), 0);
+    ASSERT_TRUE(scm.WaitFor("'steady' (pid " + std::to_string(steady) + ") ended with code 0: restart in 200 ms",
+                            kWait, mark));
+    const int again = RegisteredPid(scm, "steady", mark);
+    ASSERT_GT(again, 0);
+    EXPECT_NE(again, steady);
+
+    // The service that does not answer its watchdog is restarted (limit 2).
+    const int mute = RegisteredPid(scm, "mute", 0);
+    ASSERT_GT(mute, 0);
+    size_t failed = 0;
+    ASSERT_TRUE(scm.WaitFor("watchdog: 'mute' stopped answering: restarting it", kWait, 0, &failed));
+    const int mute2 = RegisteredPid(scm, "mute", failed);
+    ASSERT_GT(mute2, 0);
+    EXPECT_NE(mute2, mute);
+    EXPECT_EQ(scm.Output().find("watchdog: 'steady'"), std::string::npos);
+
+    // A command that cannot run is reported once, not retried in a loop.
+    EXPECT_TRUE(scm.WaitFor("'broken' could not be started (/nonexistent/orvo-service)", kWait));
+    const std::string out = scm.Output();
+    EXPECT_EQ(out.find("started /nonexistent/orvo-service"), out.rfind("started /nonexistent/orvo-service"));
+
+    // SIGTERM ends the children first, then orvo-scm itself.
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+    EXPECT_NE(kill(again, 0), 0);
+    EXPECT_NE(scm.Output().find("stopping"), std::string::npos);
+}
+
+}  // namespace
