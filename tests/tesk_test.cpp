@@ -60,6 +60,7 @@ const struct {
     T(MSG_SCM_RUN),
     T(MSG_SCM_RUN_ACK),
     T(MSG_SCM_NOP),
+    T(MSG_SCM_WDT),
     T(MSG_SCM_WDT_ACK),
     T(MSG_SCM_SETCONFIG),
     T(MSG_SCM_SETCONFIG_ACK),
