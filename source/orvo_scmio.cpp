@@ -144,6 +144,9 @@ void cScmServiceIO::HealthRequest()
         m_HealthTimer.Start(kHealthMs, MSG_SCM_TECH_HEALTH_TIMEOUT);
 }
 
+// Every entry naming this technology counts, as the SCM listed it: a service
+// that lists it twice is connected to twice (the second attempt replaces the
+// first while it is still on its way).
 void cScmServiceIO::TakeServiceInfo(const cRecord& rec, const char* logText)
 {
     const cScmServiceInfo info(rec);
@@ -155,7 +158,6 @@ void cScmServiceIO::TakeServiceInfo(const cRecord& rec, const char* logText)
         ORVO_TRACE(UnitORVO, DEBUG, "connection " + std::string(logText));
         m_AnnouncedSap = info.GetSAP();
         ConnectChannel();
-        return;
     }
 }
 

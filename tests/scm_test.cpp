@@ -897,8 +897,8 @@ struct cTechLink : cScmServiceIO {
 };
 
 // The trace lines of a connection's life, each once where it happens and in
-// this order ("connection info" three times: first answer, new place, dead
-// place; never for the answer naming the connected place).
+// this order ("connection info" four times: first answer, new place, dead
+// place listed twice; never for the answer naming the connected place).
 const char* const kTechLines[] = {
     "get config to tech 'meter' received", "start connection to tech 'meter'",
     "tech 'meter' is unknown (perhaps not connected yet)",
@@ -1037,7 +1037,8 @@ TEST_F(Scm, TechnologyConnection)
     tech2.Drop();
     EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CLOSED)), 1);
     const std::string dead = "127.0.0.1:" + std::to_string(DeadPort());
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(dead, {"meter"}, true))));
+    // Listed twice: each entry is acted on (two "connection info" lines).
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(dead, {"meter", "meter"}, true))));
     EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
     cMsg failed = Handed(MSG_SOCKET_CONNECT_FAILED);
     EXPECT_TRUE(io.IsMsgFromHere(failed));
@@ -1058,7 +1059,7 @@ TEST_F(Scm, TechnologyConnection)
     size_t infos = 0;
     for (size_t p = 0; (p = out.find("connection info for tech", p)) != std::string::npos; ++p)
         ++infos;
-    EXPECT_EQ(infos, 3u);
+    EXPECT_EQ(infos, 4u);
 }
 
 }  // namespace
