@@ -269,7 +269,8 @@ int cNetworkManager::SetDNS(char const* servers, char const* search, std::string
     const char* path = PathOf("ORVO_RESOLV_CONF", "/etc/resolv.conf");
     FILE* file = std::fopen(path, "w");
     if (file == nullptr) {
-        err = FormatString("SetDNS: open '%s' failed : %s", path, strerror(errno));
+        // The text names the system file whatever path stands in for it.
+        err = FormatString("SetDNS: open '/etc/resolv.conf' failed : %s", strerror(errno));
         return -1;
     }
     for (const std::string& server : cHelper::GetStringTokens(servers, " "))

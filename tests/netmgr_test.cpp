@@ -96,7 +96,7 @@ TEST(NetworkManager, AddressRuleAndResolverFile)
     EXPECT_EQ(ReadFile(conf), "nameserver 192.0.2.53\n") << "a refused call leaves the file alone";
     setenv("ORVO_RESOLV_CONF", "/nonexistent-dir/resolv.conf", 1);
     EXPECT_EQ(net.SetDNS("192.0.2.53", nullptr, err), -1);
-    EXPECT_EQ(err, "SetDNS: open '/nonexistent-dir/resolv.conf' failed : No such file or directory");
+    EXPECT_EQ(err, "SetDNS: open '/etc/resolv.conf' failed : No such file or directory");
     unsetenv("ORVO_RESOLV_CONF");
     std::remove(conf.c_str());
 
