@@ -137,7 +137,8 @@ public:
     // Below the current maximum: drops oldest blocks until at most N remain.
     // Then stores N and rewrites the file header. Going from 0 (unbounded) to
     // a bound drops nothing now; each later Append drops one oldest block.
-    // Returns false when the header could not be written.
+    // Returns false when the header could not be written. On a closed object
+    // it only stores N, which a file created by the next Open takes.
     bool SetMaxCount(unsigned long N);
     static unsigned long GetHeaderSize() { return 17; }
 

@@ -514,8 +514,11 @@ int cBlockFile::GetAt(unsigned long Index, void*& Data, unsigned long& Size, cTi
 
 bool cBlockFile::SetMaxCount(unsigned long N)
 {
-    if (!IsValid())
-        return false;
+    // A closed object keeps the bound for the file its next Open creates.
+    if (!IsValid()) {
+        m_MaxCount = static_cast<uint32_t>(N);
+        return true;
+    }
     if (N < m_MaxCount) {
         while (m_Blocks.size() > N)
             DropOldest();

@@ -165,6 +165,15 @@ TEST_F(BlockFile, NewFileIsExactlyTheHeader)
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     EXPECT_EQ(f.GetHeaderSize(), 17u);
     EXPECT_EQ(cBlock::GetHeaderSize(), 26u);
+
+    // A bound set before the open is written into the file it creates.
+    cBlockFile bounded;
+    const std::string other = path + ".bounded";
+    ASSERT_TRUE(bounded.SetMaxCount(3));
+    ASSERT_TRUE(bounded.Open(other, true));
+    EXPECT_EQ(ReadFile(other), std::string("\x01\x03", 2) + std::string(15, '\0'));
+    bounded.Close();
+    std::remove(other.c_str());
 }
 
 TEST_F(BlockFile, BlocksAreLaidOutLittleEndianAndChained)
