@@ -277,8 +277,8 @@ public:
 
     // Append of the record's bytes.
     int Append(const cRecord& Record, const cTime& CTime, const unsigned long long& BsTime);
-    // GetAt; on BLOCKFILE_OK and BLOCKFILE_CRC_ERR Record holds a private copy
-    // of the payload.
+    // GetAt; on BLOCKFILE_OK Record holds a private copy of the payload,
+    // on any other result it is left as it was.
     int GetAt(unsigned long Index, cRecord& Record, cTime& CTime, unsigned long long& BsTime);
 
     // cBlockFile's text, then per block "\nrecord=<record>, ctime=<time>,

@@ -665,7 +665,8 @@ int cRecordFile::GetAt(unsigned long Index, cRecord& Record, cTime& CTime, unsig
     void* data = nullptr;
     unsigned long size = 0;
     const int result = cBlockFile::GetAt(Index, data, size, CTime, BsTime);
-    if (result == BLOCKFILE_OK || result == BLOCKFILE_CRC_ERR)
+    // A damaged payload is not taken for a record.
+    if (result == BLOCKFILE_OK)
         Record.Create(data, static_cast<int>(size));
     return result;
 }

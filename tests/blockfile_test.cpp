@@ -469,6 +469,19 @@ TEST_F(BlockFile, RecordFileStoresRecords)
               std::string::npos)
         << text;
     EXPECT_EQ(f.GetAt(2, back, ctime, bstime), BLOCKFILE_WRONG_POS);
+    f.Close();
+
+    // A damaged payload gives 3 and no record: the one passed in stays.
+    std::string file = ReadFile(path);
+    file[17 + 26 + 2] ^= 0x01;
+    WriteFile(path, file);
+    ASSERT_TRUE(f.Open(path, false));
+    cRecord kept;
+    kept.AppendTextPar("kept", "yes");
+    EXPECT_EQ(f.GetAt(0, kept, ctime, bstime), BLOCKFILE_CRC_ERR);
+    cRecord expected;
+    expected.AppendTextPar("kept", "yes");
+    EXPECT_EQ(orvo_test::BytesOf(kept), orvo_test::BytesOf(expected));
 }
 
 TEST_F(BlockFile, ManyBlocksReopenMappedAndThroughReadWindows)
