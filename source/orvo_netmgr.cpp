@@ -273,9 +273,10 @@ int cNetworkManager::SetDNS(char const* servers, char const* search, std::string
         err = FormatString("SetDNS: open '/etc/resolv.conf' failed : %s", strerror(errno));
         return -1;
     }
+    // One line per token, an empty one (from doubled blanks) included: the
+    // resolver skips a "nameserver" line without an address.
     for (const std::string& server : cHelper::GetStringTokens(servers, " "))
-        if (!server.empty())
-            std::fprintf(file, "nameserver %s\n", server.c_str());
+        std::fprintf(file, "nameserver %s\n", server.c_str());
     if (search != nullptr && *search != 0)
         std::fprintf(file, "search %s\n", search);
     std::fclose(file);

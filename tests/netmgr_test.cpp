@@ -88,6 +88,8 @@ TEST(NetworkManager, AddressRuleAndResolverFile)
     EXPECT_EQ(net.SetDNS("10.0.0.1 10.0.0.2", "lan", err), 0);
     EXPECT_EQ(err, "");
     EXPECT_EQ(ReadFile(conf), "nameserver 10.0.0.1\nnameserver 10.0.0.2\nsearch lan\n");
+    EXPECT_EQ(net.SetDNS("10.0.0.1  10.0.0.2", nullptr, err), 0);   // every token is a line
+    EXPECT_EQ(ReadFile(conf), "nameserver 10.0.0.1\nnameserver \nnameserver 10.0.0.2\n");
     EXPECT_EQ(net.SetDNS("192.0.2.53", "", err), 0);
     EXPECT_EQ(ReadFile(conf), "nameserver 192.0.2.53\n");
     EXPECT_EQ(net.SetDNS("", "lan", err), -1);
