@@ -95,8 +95,8 @@ public:
     // Writes the resolver configuration: "nameserver <s>\n" for each server
     // of the blank-separated list, in order (doubled blanks give an empty
     // entry, written as "nameserver \n"), then "search <search>\n" when
-    // search is not empty. 0, or -1 with err = "SetDNS failed : emtpy DNS servers" (null or empty list,
-    // file untouched) or "SetDNS: open '/etc/resolv.conf' failed : <strerror>"
+    // search is not empty. 0, or -1 with err = "SetDNS failed : emtpy DNS
+    // servers" (null or empty list, file untouched) or "SetDNS: open '/etc/resolv.conf' failed : <strerror>"
     // (the system file's name also when the path is redirected).
     int SetDNS(char const* servers, char const* search, std::string& err);
 
