@@ -62,8 +62,8 @@ public:
     // Sets (clears) bits in the interface's flags. Returns the failing or
     // last request's result (0, or negative with errno); traces "SetFlag:
     // <name> - unknown interface : ..." ("ClrFlag: ...") when the flags
-    // cannot be read and "SetFlag: SIOCSIFFLAGS failed : ..." when they
-    // cannot be written.
+    // cannot be read and, for both, "SetFlag: SIOCSIFFLAGS failed : ..."
+    // when they cannot be written.
     int SetFlag(std::string const& ifname, short bits);
     int ClrFlag(std::string const& ifname, short bits);
 

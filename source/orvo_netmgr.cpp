@@ -133,8 +133,10 @@ int cNetworkManager::ChangeFlags(std::string const& ifname, short bits, bool set
         return result;
     }
     result = WriteFlags(ifname, static_cast<short>(set ? flags | bits : flags & ~bits));
+    // Both directions report a refused write under SetFlag's name; only the
+    // read failure names the caller.
     if (result < 0)
-        ORVO_TRACE(UnitORVO, ERROR, FormatString("%s: SIOCSIFFLAGS failed : %s", caller, strerror(errno)));
+        ORVO_TRACE(UnitORVO, ERROR, FormatString("SetFlag: SIOCSIFFLAGS failed : %s", strerror(errno)));
     return result;
 }
 
