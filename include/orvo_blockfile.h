@@ -137,7 +137,8 @@ public:
     // Below the current maximum: drops oldest blocks until at most N remain.
     // Then stores N and rewrites the file header. Going from 0 (unbounded) to
     // a bound drops nothing now; each later Append drops one oldest block.
-    // Returns false when the header could not be written.
+    // Returns false when the header could not be written. On a closed object
+    // it only stores N, which a file created by the next Open takes.
     bool SetMaxCount(unsigned long N);
     static unsigned long GetHeaderSize() { return 17; }
 
@@ -276,8 +277,8 @@ public:
 
     // Append of the record's bytes.
     int Append(const cRecord& Record, const cTime& CTime, const unsigned long long& BsTime);
-    // GetAt; on BLOCKFILE_OK and BLOCKFILE_CRC_ERR Record holds a private copy
-    // of the payload.
+    // GetAt; on BLOCKFILE_OK Record holds a private copy of the payload,
+    // on any other result it is left as it was.
     int GetAt(unsigned long Index, cRecord& Record, cTime& CTime, unsigned long long& BsTime);
 
     // cBlockFile's text, then per block "\nrecord=<record>, ctime=<time>,

@@ -62,8 +62,8 @@ public:
     // Sets (clears) bits in the interface's flags. Returns the failing or
     // last request's result (0, or negative with errno); traces "SetFlag:
     // <name> - unknown interface : ..." ("ClrFlag: ...") when the flags
-    // cannot be read and "SetFlag: SIOCSIFFLAGS failed : ..." when they
-    // cannot be written.
+    // cannot be read and, for both, "SetFlag: SIOCSIFFLAGS failed : ..."
+    // when they cannot be written.
     int SetFlag(std::string const& ifname, short bits);
     int ClrFlag(std::string const& ifname, short bits);
 
@@ -93,10 +93,11 @@ public:
     int RemoveDefaultGateway();
 
     // Writes the resolver configuration: "nameserver <s>\n" for each server
-    // of the blank-separated list, in order (doubled blanks give no empty
-    // entries), then "search <search>\n" when search is not empty. 0, or -1
-    // with err = "SetDNS failed : emtpy DNS servers" (null or empty list,
-    // file untouched) or "SetDNS: open '<path>' failed : <strerror>".
+    // of the blank-separated list, in order (doubled blanks give an empty
+    // entry, written as "nameserver \n"), then "search <search>\n" when
+    // search is not empty. 0, or -1 with err = "SetDNS failed : emtpy DNS
+    // servers" (null or empty list, file untouched) or "SetDNS: open '/etc/resolv.conf' failed : <strerror>"
+    // (the system file's name also when the path is redirected).
     int SetDNS(char const* servers, char const* search, std::string& err);
 
     // addr = cSocketAddr(host, port) when that is not empty (dotted text,

@@ -514,8 +514,11 @@ int cBlockFile::GetAt(unsigned long Index, void*& Data, unsigned long& Size, cTi
 
 bool cBlockFile::SetMaxCount(unsigned long N)
 {
-    if (!IsValid())
-        return false;
+    // A closed object keeps the bound for the file its next Open creates.
+    if (!IsValid()) {
+        m_MaxCount = static_cast<uint32_t>(N);
+        return true;
+    }
     if (N < m_MaxCount) {
         while (m_Blocks.size() > N)
             DropOldest();
@@ -662,7 +665,8 @@ int cRecordFile::GetAt(unsigned long Index, cRecord& Record, cTime& CTime, unsig
     void* data = nullptr;
     unsigned long size = 0;
     const int result = cBlockFile::GetAt(Index, data, size, CTime, BsTime);
-    if (result == BLOCKFILE_OK || result == BLOCKFILE_CRC_ERR)
+    // A damaged payload is not taken for a record.
+    if (result == BLOCKFILE_OK)
         Record.Create(data, static_cast<int>(size));
     return result;
 }

@@ -133,8 +133,10 @@ int cNetworkManager::ChangeFlags(std::string const& ifname, short bits, bool set
         return result;
     }
     result = WriteFlags(ifname, static_cast<short>(set ? flags | bits : flags & ~bits));
+    // Both directions report a refused write under SetFlag's name; only the
+    // read failure names the caller.
     if (result < 0)
-        ORVO_TRACE(UnitORVO, ERROR, FormatString("%s: SIOCSIFFLAGS failed : %s", caller, strerror(errno)));
+        ORVO_TRACE(UnitORVO, ERROR, FormatString("SetFlag: SIOCSIFFLAGS failed : %s", strerror(errno)));
     return result;
 }
 
@@ -269,12 +271,14 @@ int cNetworkManager::SetDNS(char const* servers, char const* search, std::string
     const char* path = PathOf("ORVO_RESOLV_CONF", "/etc/resolv.conf");
     FILE* file = std::fopen(path, "w");
     if (file == nullptr) {
-        err = FormatString("SetDNS: open '%s' failed : %s", path, strerror(errno));
+        // The text names the system file whatever path stands in for it.
+        err = FormatString("SetDNS: open '/etc/resolv.conf' failed : %s", strerror(errno));
         return -1;
     }
+    // One line per token, an empty one (from doubled blanks) included: the
+    // resolver skips a "nameserver" line without an address.
     for (const std::string& server : cHelper::GetStringTokens(servers, " "))
-        if (!server.empty())
-            std::fprintf(file, "nameserver %s\n", server.c_str());
+        std::fprintf(file, "nameserver %s\n", server.c_str());
     if (search != nullptr && *search != 0)
         std::fprintf(file, "search %s\n", search);
     std::fclose(file);

@@ -165,6 +165,15 @@ TEST_F(BlockFile, NewFileIsExactlyTheHeader)
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     EXPECT_EQ(f.GetHeaderSize(), 17u);
     EXPECT_EQ(cBlock::GetHeaderSize(), 26u);
+
+    // A bound set before the open is written into the file it creates.
+    cBlockFile bounded;
+    const std::string other = path + ".bounded";
+    ASSERT_TRUE(bounded.SetMaxCount(3));
+    ASSERT_TRUE(bounded.Open(other, true));
+    EXPECT_EQ(ReadFile(other), std::string("\x01\x03", 2) + std::string(15, '\0'));
+    bounded.Close();
+    std::remove(other.c_str());
 }
 
 TEST_F(BlockFile, BlocksAreLaidOutLittleEndianAndChained)
@@ -460,6 +469,19 @@ TEST_F(BlockFile, RecordFileStoresRecords)
               std::string::npos)
         << text;
     EXPECT_EQ(f.GetAt(2, back, ctime, bstime), BLOCKFILE_WRONG_POS);
+    f.Close();
+
+    // A damaged payload gives 3 and no record: the one passed in stays.
+    std::string file = ReadFile(path);
+    file[17 + 26 + 2] ^= 0x01;
+    WriteFile(path, file);
+    ASSERT_TRUE(f.Open(path, false));
+    cRecord kept;
+    kept.AppendTextPar("kept", "yes");
+    EXPECT_EQ(f.GetAt(0, kept, ctime, bstime), BLOCKFILE_CRC_ERR);
+    cRecord expected;
+    expected.AppendTextPar("kept", "yes");
+    EXPECT_EQ(orvo_test::BytesOf(kept), orvo_test::BytesOf(expected));
 }
 
 TEST_F(BlockFile, ManyBlocksReopenMappedAndThroughReadWindows)

@@ -19,7 +19,9 @@
 #include <string>
 #include <vector>
 
+#include "orvo_init.h"
 #include "orvo_netmgr.h"
+#include "orvo_trace.h"
 #include "test_helpers.h"
 
 using namespace orvo;
@@ -88,6 +90,8 @@ TEST(NetworkManager, AddressRuleAndResolverFile)
     EXPECT_EQ(net.SetDNS("10.0.0.1 10.0.0.2", "lan", err), 0);
     EXPECT_EQ(err, "");
     EXPECT_EQ(ReadFile(conf), "nameserver 10.0.0.1\nnameserver 10.0.0.2\nsearch lan\n");
+    EXPECT_EQ(net.SetDNS("10.0.0.1  10.0.0.2", nullptr, err), 0);   // every token is a line
+    EXPECT_EQ(ReadFile(conf), "nameserver 10.0.0.1\nnameserver \nnameserver 10.0.0.2\n");
     EXPECT_EQ(net.SetDNS("192.0.2.53", "", err), 0);
     EXPECT_EQ(ReadFile(conf), "nameserver 192.0.2.53\n");
     EXPECT_EQ(net.SetDNS("", "lan", err), -1);
@@ -96,7 +100,7 @@ TEST(NetworkManager, AddressRuleAndResolverFile)
     EXPECT_EQ(ReadFile(conf), "nameserver 192.0.2.53\n") << "a refused call leaves the file alone";
     setenv("ORVO_RESOLV_CONF", "/nonexistent-dir/resolv.conf", 1);
     EXPECT_EQ(net.SetDNS("192.0.2.53", nullptr, err), -1);
-    EXPECT_EQ(err, "SetDNS: open '/nonexistent-dir/resolv.conf' failed : No such file or directory");
+    EXPECT_EQ(err, "SetDNS: open '/etc/resolv.conf' failed : No such file or directory");
     unsetenv("ORVO_RESOLV_CONF");
     std::remove(conf.c_str());
 
@@ -105,6 +109,36 @@ TEST(NetworkManager, AddressRuleAndResolverFile)
     EXPECT_EQ(addr.ToString(), "192.0.2.7:99");
     EXPECT_TRUE(net.GetHostByName("192.0.2.7:99", addr, 80));
     EXPECT_EQ(addr.ToString(), "192.0.2.7:80") << "a port argument wins over the text";
+}
+
+TEST(NetworkManager, FlagFailuresAreTraced)
+{
+    // A child in a namespace of its own that gives up root: the flags of its
+    // loopback can be read but not written.
+    std::string out;
+    const int rc = orvo_test::RunInChild(
+        [] {
+            std::string why;
+            if (!orvo_test::EnterPrivateNetwork(why) || setuid(65534) != 0)
+                return 77;
+            orvoInit(ERROR, OUTPUT_STDOUT, false);
+            cNetworkManager net;
+            if (net.SetFlag("lo", IFF_UP) >= 0 || net.ClrFlag("lo", IFF_UP) >= 0)
+                return 1;
+            if (net.ClrFlag("nosuch0", IFF_UP) >= 0 || net.SetFlag("nosuch0", IFF_UP) >= 0)
+                return 2;
+            return 0;
+        },
+        &out);
+    if (rc == 77)
+        GTEST_SKIP() << "no private network namespace or no user to switch to";
+    ASSERT_EQ(rc, 0) << out;
+    const std::string refused = "SetFlag: SIOCSIFFLAGS failed : Operation not permitted\n";
+    const size_t first = out.find(refused);
+    ASSERT_NE(first, std::string::npos) << out;
+    EXPECT_NE(out.find(refused, first + 1), std::string::npos) << "ClrFlag reports the same words\n" << out;
+    EXPECT_NE(out.find("ClrFlag: nosuch0 - unknown interface : No such device\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("SetFlag: nosuch0 - unknown interface : No such device\n"), std::string::npos) << out;
 }
 
 TEST(NetworkManager, InterfacesRoutesAndNamesInPrivateNamespace)
