@@ -49,6 +49,7 @@
 #include "orvo_msg.h"
 #include "orvo_object.h"
 #include "orvo_socketaddr.h"
+#include "orvo_sparenode.h"
 #include "orvo_thread.h"
 #include "orvo_time.h"
 #include "orvo_uuid.h"
@@ -323,7 +324,9 @@ private:
     fd_set m_WriteSet;
     fd_set m_ExceptSet;
 
-    std::deque<cMsg> m_MsgQ;                 // front = newest, back = oldest
+    // front = newest, back = oldest; the spare node spares the allocation a
+    // queue of one message otherwise makes every few messages
+    std::deque<cMsg, cSpareNodeAllocator<cMsg>> m_MsgQ;
     std::vector<sTimerEntry> m_Timers;       // sorted by due time
     cTcpServer<cMsgTcpSocket>* m_pSapSocket; // owned
     cUuid m_ServiceId;

@@ -509,6 +509,10 @@ ORVO_HOT void cService::DispatchReady(sSelectPass& pass, int ready)
             channel->OnSelect((readable ? SELECT_READ : 0) | (writable ? SELECT_WRITE : 0));
         else
             ChannelAsyncSelect(fd, 0, nullptr, nullptr);
+        // After the last ready descriptor the walk is over: no lock round
+        // just to find that out (one per message on a busy connection).
+        if (pending == 0)
+            return;
         lock.lock();
     }
 }

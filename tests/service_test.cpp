@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <functional>
 #include <string>
 #include <thread>
@@ -22,6 +23,7 @@
 #include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_service.h"
+#include "orvo_sparenode.h"
 #include "orvo_statem.h"
 #include "orvo_time.h"
 #include "orvo_timer.h"
@@ -586,4 +588,44 @@ TEST_F(Service, SendToInternalMeetsTheTargetsDeInit)
     cMsg last(0x5556);
     ASSERT_GT(sender.SendToInternal(&target, last), 0);
     EXPECT_EQ(target.WaitSyncMsg(5000, 0x5556).GetType(), 0x5556u);
+}
+
+// The queue's allocator: the block given back is the next one handed out for
+// the same size, never for another size, and a copy does not inherit it (two
+// owners would free it twice, which the sanitizer builds report).
+TEST(SpareNodeAllocator, ReusesTheLastBlockOfTheSameSizeOnly)
+{
+    cSpareNodeAllocator<int> alloc;
+    int* first = alloc.allocate(16);
+    alloc.deallocate(first, 16);
+    int* other = alloc.allocate(8);
+    EXPECT_NE(other, first);
+    int* again = alloc.allocate(16);
+    EXPECT_EQ(again, first);
+
+    alloc.deallocate(again, 16);
+    cSpareNodeAllocator<int> copy(alloc);
+    int* fromCopy = copy.allocate(16);
+    EXPECT_NE(fromCopy, again);
+    copy.deallocate(fromCopy, 16);
+    alloc.deallocate(other, 8);   // a second block while one is kept: released
+}
+
+// A queue filled and emptied across many node boundaries keeps its order.
+TEST(SpareNodeAllocator, DequeKeepsFifoOrderAcrossNodes)
+{
+    std::deque<cMsg, cSpareNodeAllocator<cMsg>> q;
+    unsigned long next = 1;
+    for (unsigned long type = 1; type <= 1000; ++type) {
+        q.push_front(cMsg(type));
+        if (type % 3 != 0) {
+            ASSERT_EQ(q.back().GetType(), next++);
+            q.pop_back();
+        }
+    }
+    while (!q.empty()) {
+        ASSERT_EQ(q.back().GetType(), next++);
+        q.pop_back();
+    }
+    EXPECT_EQ(next, 1001u);
 }
