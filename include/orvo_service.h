@@ -160,6 +160,16 @@ public:
     int ChannelAsyncSelect(cChannel* channel, int events, void* ctx);
     // The events currently registered for fd (0 when none).
     int GetSelectEvents(int fd) const;
+    // True when fd is registered for channel with exactly events (and no
+    // context), so that registering it again would change nothing. Any
+    // thread, without the table lock: channels use it to skip the
+    // re-registration after each read.
+    bool IsRegisteredAs(int fd, const cChannel* channel, int events) const
+    {
+        return fd >= 0 && fd < kMaxSelect && (events & ~3) == 0 &&   // read and write only
+               m_RegisteredAs[fd].load(std::memory_order_relaxed) ==
+                   (reinterpret_cast<uintptr_t>(channel) | static_cast<uintptr_t>(events));
+    }
     // Drops every entry that names channel, whatever its descriptor; a
     // channel's destructor calls it so the loop never sees it again.
     void ForgetChannel(cChannel* channel);
@@ -277,8 +287,11 @@ private:
 
     // One pass of ScheduleSelect: the sets select worked on, the
     // registration number at its start and errno after it.
+    // Only the words of the sets up to the one holding descriptor top are
+    // copied (and meaningful); select reads no further.
     struct sSelectPass {
         fd_set read, write, except;
+        int top;
         uint32_t seq;
         int error;
     };
@@ -288,6 +301,11 @@ private:
     int WaitForEvents(sSelectPass& pass);
     // Hands the ready descriptors of the pass to their channels.
     void DispatchReady(sSelectPass& pass, int ready);
+    // The same when select reported one descriptor in one set.
+    void DispatchOne(sSelectPass& pass);
+    // Hands fd's readiness in pass to channel, or drops fd's entry when the
+    // channel has moved to another descriptor.
+    void HandOn(cChannel* channel, int fd, const sSelectPass& pass);
     // Runs the handlers of the pending signals; true when any was pending.
     bool RunSignalHandlers();
     // A failed select: trace, full unregistration on EBADF, 0x1003.
@@ -306,6 +324,9 @@ private:
     int Register(int fd, int events, cChannel* channel, void* ctx, bool merge);
     // The events registered for fd; the caller holds m_TableLock.
     int GetEventsLocked(int fd) const;
+    // Brings fd's entry of m_RegisteredAs up to date; the caller holds
+    // m_TableLock.
+    void MirrorLocked(int fd);
     // Queues msg, or hands it to its state machine.
     void Deliver(cMsg& msg);
     void ClearSelectTable();
@@ -352,6 +373,12 @@ private:
     // share a few cache lines and pages; only the first entries are busy.
     sSelectEntry m_Select[kMaxSelect];
     int16_t m_SlotOfFd[kMaxSelect];          // entry index of a descriptor; -1 none
+    // What each descriptor is registered as: its channel's address with the
+    // read and write bits in its two low bits (a channel holds pointers, so
+    // its address is a multiple of 4); 0 when it is not registered, has a
+    // context or waits for exceptions. Written under m_TableLock
+    // wherever the sets change, read without it (IsRegisteredAs).
+    std::atomic<uintptr_t> m_RegisteredAs[kMaxSelect];
 };
 
 // Sends a snoop report (0x7005) about msg to every channel of the snoop list:

@@ -134,7 +134,8 @@ ORVO_HOT void cChannel::UpdateSelect()
         if (m_RecvFill < m_RecvBufferSize && !(m_Flags & CHANNEL_READDISABLED))
             events |= SELECT_READ;
     }
-    if (m_pService != nullptr)
+    // After most reads nothing changed: no table lock round then.
+    if (m_pService != nullptr && !m_pService->IsRegisteredAs(m_fd, this, events))
         m_pService->ChannelAsyncSelect(this, events, nullptr);
 }
 

@@ -191,6 +191,21 @@ void cService::EmptySelectTable()
     FD_ZERO(&m_ExceptSet);
     std::memset(m_Select, 0, sizeof m_Select);
     std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
+    for (std::atomic<uintptr_t>& as : m_RegisteredAs)
+        as.store(0, std::memory_order_relaxed);
+}
+
+static_assert(alignof(cChannel) >= 4, "m_RegisteredAs keeps two event bits in a channel's address");
+
+void cService::MirrorLocked(int fd)
+{
+    const int index = m_SlotOfFd[fd];
+    uintptr_t as = 0;
+    const int events = GetEventsLocked(fd);
+    if (index >= 0 && m_Select[index].fd == fd && m_Select[index].channel != nullptr &&
+        m_Select[index].ctx == nullptr && (events & SELECT_EXCEPT) == 0)
+        as = reinterpret_cast<uintptr_t>(m_Select[index].channel) | static_cast<uintptr_t>(events);
+    m_RegisteredAs[fd].store(as, std::memory_order_relaxed);
 }
 
 void cService::UnregisterAll()
@@ -279,6 +294,7 @@ ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx
         FD_SET(fd, &m_ExceptSet);
     else
         FD_CLR(fd, &m_ExceptSet);
+    MirrorLocked(fd);
     return 1;
 }
 
@@ -335,6 +351,7 @@ void cService::ForgetChannel(cChannel* channel)
             FD_CLR(fd, &m_ReadSet);
             FD_CLR(fd, &m_WriteSet);
             FD_CLR(fd, &m_ExceptSet);
+            MirrorLocked(fd);
         }
     }
 }
@@ -424,18 +441,49 @@ ORVO_HOT void cService::ScheduleSelect()
         ReportSelectError(pass.error);
 }
 
+namespace {
+
+// Copies the words of a set that hold descriptors 0 to top.
+inline void CopyWords(fd_set& to, const fd_set& from, int top)
+{
+    for (int w = 0; w <= top / NFDBITS; ++w)
+        __FDS_BITS(&to)[w] = __FDS_BITS(&from)[w];
+}
+
+inline void ZeroWords(fd_set& set, int top)
+{
+    for (int w = 0; w <= top / NFDBITS; ++w)
+        __FDS_BITS(&set)[w] = 0;
+}
+
+}  // namespace
+
 ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
 {
+    // The wake descriptor joins every wait; with no channel registered the
+    // wait is a sleep of the idle time that a signal or a stop can cut short.
+    // While the process is stopping it stays readable (every loop must see
+    // the stop), so a wait that starts after the stop leaves it out.
+    const int wake = gStop.load() ? -1 : gWakeFd.load();
     int highest;
     int count;
     {
         std::lock_guard<std::mutex> lock(m_TableLock);
-        pass.read = m_ReadSet;
-        pass.write = m_WriteSet;
-        pass.except = m_ExceptSet;
         highest = m_SelectHighest;
         count = m_SelectCount;
         pass.seq = m_SelectSeq;
+        if (count == 0)
+            highest = -1;
+        pass.top = std::max(std::max(highest, wake), 0);
+        if (count == 0) {
+            ZeroWords(pass.read, pass.top);
+            ZeroWords(pass.write, pass.top);
+            ZeroWords(pass.except, pass.top);
+        } else {
+            CopyWords(pass.read, m_ReadSet, pass.top);
+            CopyWords(pass.write, m_WriteSet, pass.top);
+            CopyWords(pass.except, m_ExceptSet, pass.top);
+        }
     }
     // A signal already marked (its wake-up may have been drained by another
     // loop) is handled without waiting.
@@ -444,24 +492,10 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
     tv.tv_sec = static_cast<time_t>(idle / 1000);
     tv.tv_usec = static_cast<suseconds_t>((idle % 1000) * 1000);
 
-    // The wake descriptor joins every wait; with no channel registered the
-    // wait is a sleep of the idle time that a signal or a stop can cut short.
-    // While the process is stopping it stays readable (every loop must see
-    // the stop), so a wait that starts after the stop leaves it out.
-    const int wake = gStop.load() ? -1 : gWakeFd.load();
-    if (count == 0) {
-        FD_ZERO(&pass.read);
-        FD_ZERO(&pass.write);
-        FD_ZERO(&pass.except);
-        highest = -1;
-    }
-    if (wake >= 0) {
+    if (wake >= 0)
         FD_SET(wake, &pass.read);
-        if (wake > highest)
-            highest = wake;
-    }
 
-    int result = ::select(highest + 1, &pass.read, &pass.write, &pass.except, &tv);
+    int result = ::select(std::max(highest, wake) + 1, &pass.read, &pass.write, &pass.except, &tv);
     pass.error = errno;
 
     if (m_bTimeStamp)
@@ -470,6 +504,7 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
     if (result > 0 && wake >= 0 && FD_ISSET(wake, &pass.read)) {
         if (!gStop.load())
             DrainWake();
+        FD_CLR(wake, &pass.read);
         --result;
     }
     if (count == 0 && result > 0)
@@ -479,6 +514,10 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
 
 ORVO_HOT void cService::DispatchReady(sSelectPass& pass, int ready)
 {
+    if (ready == 1) {
+        DispatchOne(pass);
+        return;
+    }
     // The table lock is held while looking for ready entries and given up
     // around each handler (handlers register and unregister). The count is
     // re-read on every step: handlers may register more. The walk ends once
@@ -488,8 +527,9 @@ ORVO_HOT void cService::DispatchReady(sSelectPass& pass, int ready)
     for (int i = 0; pending > 0 && i < m_SelectCount; ++i) {
         const sSelectEntry& entry = m_Select[i];
         // Registered after the select started: its descriptor's state in
-        // the copied sets belonged to someone else.
-        if (entry.channel == nullptr || entry.seq > pass.seq)
+        // the copied sets belonged to someone else (and a descriptor above
+        // the copied words was not waited for).
+        if (entry.channel == nullptr || entry.seq > pass.seq || entry.fd > pass.top)
             continue;
         const int fd = entry.fd;
         const bool readable = FD_ISSET(fd, &pass.read);
@@ -500,21 +540,57 @@ ORVO_HOT void cService::DispatchReady(sSelectPass& pass, int ready)
         // Each set counts once in select's result; a descriptor is handed on
         // once.
         pending -= int(readable) + int(writable) + int(exceptional);
+        cChannel* channel = entry.channel;
+        lock.unlock();
+        HandOn(channel, fd, pass);
         FD_CLR(fd, &pass.read);
         FD_CLR(fd, &pass.write);
         FD_CLR(fd, &pass.except);
-        cChannel* channel = entry.channel;
-        lock.unlock();
-        if (channel->GetFd() == fd)
-            channel->OnSelect((readable ? SELECT_READ : 0) | (writable ? SELECT_WRITE : 0));
-        else
-            ChannelAsyncSelect(fd, 0, nullptr, nullptr);
         // After the last ready descriptor the walk is over: no lock round
         // just to find that out (one per message on a busy connection).
         if (pending == 0)
             return;
         lock.lock();
     }
+}
+
+ORVO_HOT void cService::DispatchOne(sSelectPass& pass)
+{
+    // One descriptor in one set: the entry walk would find exactly the
+    // entry of that descriptor, so look it up directly.
+    int fd = -1;
+    for (int w = 0; w <= pass.top / NFDBITS; ++w) {
+        const unsigned long bits = static_cast<unsigned long>(__FDS_BITS(&pass.read)[w] |
+                                                              __FDS_BITS(&pass.write)[w] |
+                                                              __FDS_BITS(&pass.except)[w]);
+        if (bits != 0) {
+            fd = w * NFDBITS + __builtin_ctzl(bits);
+            break;
+        }
+    }
+    if (fd < 0)
+        return;
+    cChannel* channel;
+    {
+        std::lock_guard<std::mutex> lock(m_TableLock);
+        const int index = m_SlotOfFd[fd];
+        if (index < 0 || index >= m_SelectCount)
+            return;
+        const sSelectEntry& entry = m_Select[index];
+        if (entry.fd != fd || entry.channel == nullptr || entry.seq > pass.seq)
+            return;
+        channel = entry.channel;
+    }
+    HandOn(channel, fd, pass);
+}
+
+ORVO_HOT void cService::HandOn(cChannel* channel, int fd, const sSelectPass& pass)
+{
+    if (channel->GetFd() == fd)
+        channel->OnSelect((FD_ISSET(fd, &pass.read) ? SELECT_READ : 0) |
+                          (FD_ISSET(fd, &pass.write) ? SELECT_WRITE : 0));
+    else
+        ChannelAsyncSelect(fd, 0, nullptr, nullptr);
 }
 
 bool cService::RunSignalHandlers()
