@@ -93,6 +93,27 @@ ORVO_HOT void QueueFrame(cByteBuffer& buffer, unsigned char type, uint32_t total
     }
 }
 
+// Frames up to this size are put together on the stack and written from
+// there: on an idle connection the frame then goes out without passing
+// through the send buffer.
+constexpr int kDirectFrameMax = 512;
+
+// Writes the frame (header and pieces) to out, which holds total bytes.
+ORVO_HOT void AssembleFrame(unsigned char* out, unsigned char type, uint32_t total, const tPiece* pieces,
+                   int count)
+{
+    out[0] = kFrameVersion;
+    out[1] = type;
+    PutLe32(out + 2, total);
+    unsigned char* at = out + kFrameHeaderSize;
+    for (int i = 0; i < count; ++i) {
+        if (pieces[i].p != nullptr && pieces[i].n > 0) {
+            std::memcpy(at, pieces[i].p, static_cast<size_t>(pieces[i].n));
+            at += pieces[i].n;
+        }
+    }
+}
+
 int TraceLength(long long total)
 {
     return total > INT_MAX ? INT_MAX : static_cast<int>(total);
@@ -290,27 +311,41 @@ ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int
     if (total < 0)
         return -1;
 
+    unsigned char frame[kDirectFrameMax];
+    const bool direct = total <= kDirectFrameMax;
+    if (direct)
+        AssembleFrame(frame, type, static_cast<uint32_t>(total), pieces, 3);
+
     cFrameLockGuard lock;
-    const int room = static_cast<int>(m_SendBuffer.asize());
-    if (room < total) {
-        lock.Release();
-        // Traced only now: a trace sends on the trace channels, which takes
-        // g_FrameLock in whatever thread sends them.
-        ORVO_TRACE(UnitORVO, INFO,
-                   FormatString("cTpktTcpSocket::WritePacket packetlen=%i buffer overflow "
-                                "(sendb=%d, tpkt=%d)",
-                                n1, room, static_cast<int>(total)));
-        errno = EAGAIN;
-        return -2;
+    int written;
+    if (direct && m_SendBuffer.size() == 0 && !IsWritePending()) {
+        // Nothing waits: write the frame as it is, keep what did not go out.
+        written = rawWrite(frame, static_cast<int>(total));
+        const long long sent = written > 0 ? written : 0;
+        if (sent < total)
+            m_SendBuffer.pushback(frame + sent, static_cast<unsigned long>(total - sent));
+    } else {
+        const int room = static_cast<int>(m_SendBuffer.asize());
+        if (room < total) {
+            lock.Release();
+            // Traced only now: a trace sends on the trace channels, which takes
+            // g_FrameLock in whatever thread sends them.
+            ORVO_TRACE(UnitORVO, INFO,
+                       FormatString("cTpktTcpSocket::WritePacket packetlen=%i buffer overflow "
+                                    "(sendb=%d, tpkt=%d)",
+                                    n1, room, static_cast<int>(total)));
+            errno = EAGAIN;
+            return -2;
+        }
+        QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 3);
+        // Frames already waiting for writability go out with the flush; writing
+        // now would only meet a full socket again.
+        if (IsWritePending())
+            return static_cast<int>(total);
+        written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
+        if (written > 0)
+            m_SendBuffer.popfront(static_cast<unsigned long>(written));
     }
-    QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 3);
-    // Frames already waiting for writability go out with the flush; writing
-    // now would only meet a full socket again.
-    if (IsWritePending())
-        return static_cast<int>(total);
-    int written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
-    if (written > 0)
-        m_SendBuffer.popfront(static_cast<unsigned long>(written));
     const bool waiting = m_SendBuffer.size() > 0;
     if (waiting)
         SetWritePending(true);

@@ -443,16 +443,20 @@ ORVO_HOT void cService::ScheduleSelect()
 
 namespace {
 
-// Copies the words of a set that hold descriptors 0 to top.
+// Copies the words of a set that hold descriptors 0 to top. The first word
+// is copied on its own: a service rarely has descriptors above 63 (31 on
+// 32-bit targets), and a loop alone would become a library call.
 inline void CopyWords(fd_set& to, const fd_set& from, int top)
 {
-    for (int w = 0; w <= top / NFDBITS; ++w)
+    __FDS_BITS(&to)[0] = __FDS_BITS(&from)[0];
+    for (int w = 1; w <= top / NFDBITS; ++w)
         __FDS_BITS(&to)[w] = __FDS_BITS(&from)[w];
 }
 
 inline void ZeroWords(fd_set& set, int top)
 {
-    for (int w = 0; w <= top / NFDBITS; ++w)
+    __FDS_BITS(&set)[0] = 0;
+    for (int w = 1; w <= top / NFDBITS; ++w)
         __FDS_BITS(&set)[w] = 0;
 }
 
