@@ -47,11 +47,18 @@ class cTimer;
 class ORVO_API cMsg : public cObject {
 public:
     // Type 0, no tid, empty record, no references (as Create()).
-    cMsg();
+    cMsg() : cMsg(0, nullptr, nullptr) {}
     // Header zeroed, then SetType(type); no tid, empty record, no references.
-    explicit cMsg(unsigned long type);
+    explicit cMsg(unsigned long type) : cMsg(type, nullptr, nullptr) {}
     // As above with channel and state machine set; timer null.
-    cMsg(unsigned long type, cChannel* channel, cStateMachine* statem);
+    cMsg(unsigned long type, cChannel* channel, cStateMachine* statem)
+        : m_Header{static_cast<unsigned char>(type & 0xFF), static_cast<unsigned char>((type >> 8) & 0xFF),
+                   static_cast<unsigned char>((type >> 16) & 0xFF), 0},
+          m_pChannel(channel),
+          m_pStatem(statem),
+          m_pTimer(nullptr)
+    {
+    }
     // Copies the object name and mark, header, tid, references; the record
     // is shared (cRecord assignment). Self-assignment does nothing.
     cMsg(const cMsg& other)

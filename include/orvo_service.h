@@ -49,7 +49,7 @@
 #include "orvo_msg.h"
 #include "orvo_object.h"
 #include "orvo_socketaddr.h"
-#include "orvo_sparenode.h"
+#include "orvo_msgqueue.h"
 #include "orvo_thread.h"
 #include "orvo_time.h"
 #include "orvo_uuid.h"
@@ -345,9 +345,7 @@ private:
     fd_set m_WriteSet;
     fd_set m_ExceptSet;
 
-    // front = newest, back = oldest; the spare node spares the allocation a
-    // queue of one message otherwise makes every few messages
-    std::deque<cMsg, cSpareNodeAllocator<cMsg>> m_MsgQ;
+    cMsgQueue m_MsgQ;                        // front = newest, back = oldest
     std::vector<sTimerEntry> m_Timers;       // sorted by due time
     cTcpServer<cMsgTcpSocket>* m_pSapSocket; // owned
     cUuid m_ServiceId;

@@ -56,21 +56,6 @@ void* ResolveRef(uint32_t handle, eHandleKind kind, const char* what)
 
 }  // namespace
 
-cMsg::cMsg()
-{
-    Create();
-}
-
-cMsg::cMsg(unsigned long type) : cMsg(type, nullptr, nullptr)
-{
-}
-
-cMsg::cMsg(unsigned long type, cChannel* channel, cStateMachine* statem)
-    : m_Header{0, 0, 0, 0}, m_pChannel(channel), m_pStatem(statem), m_pTimer(nullptr)
-{
-    SetType(type);
-}
-
 ORVO_HOT bool cMsg::Create()
 {
     std::memset(m_Header, 0, sizeof m_Header);

@@ -312,8 +312,7 @@ ORVO_HOT bool cService::GetMessage(cMsg& msg)
             m_LastMsg.Create();
             continue;
         }
-        msg = m_MsgQ.back();
-        m_MsgQ.pop_back();
+        m_MsgQ.take_back(msg);
         m_LastMsg = msg;
         SendSnoop(this, msg, SNOOP_RECEIVE);
         if (IsStopType(msg.GetType()))
@@ -364,7 +363,7 @@ void cService::RemoveMsgsByObject(const cObject* obj)
                           obj) ||
                SameObject(m.GetStatem(), obj) || SameObject(m.GetTimer(), obj);
     };
-    m_MsgQ.erase(std::remove_if(m_MsgQ.begin(), m_MsgQ.end(), names), m_MsgQ.end());
+    m_MsgQ.remove_if(names);
     if (names(m_LastMsg))
         m_LastMsg.Create();
     m_Deferred.erase(std::remove(m_Deferred.begin(), m_Deferred.end(), obj), m_Deferred.end());
@@ -594,10 +593,12 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
     if (fired != m_WaitFired.end()) {
         m_WaitFired.erase(fired);
         if (last.GetType() != MSG_WAIT_TIMEOUT) {
-            for (auto it = m_MsgQ.rbegin(); it != m_MsgQ.rend(); ++it) {
-                if (it->GetType() == MSG_WAIT_TIMEOUT && it->GetChannel() == nullptr &&
-                    it->GetTimer() == nullptr && it->GetRecord().IsEmpty()) {
-                    m_MsgQ.erase(std::next(it).base());
+            // The oldest such message is the one the fired time-out posted.
+            for (size_t i = m_MsgQ.size(); i-- > 0;) {
+                const cMsg& m = m_MsgQ.at(i);
+                if (m.GetType() == MSG_WAIT_TIMEOUT && m.GetChannel() == nullptr &&
+                    m.GetTimer() == nullptr && m.GetRecord().IsEmpty()) {
+                    m_MsgQ.erase(i);
                     break;
                 }
             }

@@ -23,7 +23,7 @@
 #include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_service.h"
-#include "orvo_sparenode.h"
+#include "orvo_msgqueue.h"
 #include "orvo_statem.h"
 #include "orvo_time.h"
 #include "orvo_timer.h"
@@ -590,31 +590,11 @@ TEST_F(Service, SendToInternalMeetsTheTargetsDeInit)
     EXPECT_EQ(target.WaitSyncMsg(5000, 0x5556).GetType(), 0x5556u);
 }
 
-// The queue's allocator: the block given back is the next one handed out for
-// the same size, never for another size, and a copy does not inherit it (two
-// owners would free it twice, which the sanitizer builds report).
-TEST(SpareNodeAllocator, ReusesTheLastBlockOfTheSameSizeOnly)
+// The queue's ring: first in, first out while it wraps around and grows
+// (the oldest message sits in the middle of the slots when it grows).
+TEST(MsgQueue, KeepsFifoOrderWhileWrappingAndGrowing)
 {
-    cSpareNodeAllocator<int> alloc;
-    int* first = alloc.allocate(16);
-    alloc.deallocate(first, 16);
-    int* other = alloc.allocate(8);
-    EXPECT_NE(other, first);
-    int* again = alloc.allocate(16);
-    EXPECT_EQ(again, first);
-
-    alloc.deallocate(again, 16);
-    cSpareNodeAllocator<int> copy(alloc);
-    int* fromCopy = copy.allocate(16);
-    EXPECT_NE(fromCopy, again);
-    copy.deallocate(fromCopy, 16);
-    alloc.deallocate(other, 8);   // a second block while one is kept: released
-}
-
-// A queue filled and emptied across many node boundaries keeps its order.
-TEST(SpareNodeAllocator, DequeKeepsFifoOrderAcrossNodes)
-{
-    std::deque<cMsg, cSpareNodeAllocator<cMsg>> q;
+    cMsgQueue q;
     unsigned long next = 1;
     for (unsigned long type = 1; type <= 1000; ++type) {
         q.push_front(cMsg(type));
@@ -623,9 +603,47 @@ TEST(SpareNodeAllocator, DequeKeepsFifoOrderAcrossNodes)
             q.pop_back();
         }
     }
+    EXPECT_EQ(q.size(), 333u);
+    EXPECT_EQ(q.capacity(), 512u);
+    for (size_t i = 0; i < q.size(); ++i)
+        ASSERT_EQ(q.at(i).GetType(), 1000 - i) << i;   // at(0) is the newest
+    cMsg taken;
     while (!q.empty()) {
-        ASSERT_EQ(q.back().GetType(), next++);
-        q.pop_back();
+        q.take_back(taken);
+        ASSERT_EQ(taken.GetType(), next++);
     }
     EXPECT_EQ(next, 1001u);
+}
+
+// Removing from the middle keeps the order of the rest, and a slot that is
+// left lets go of its record at once.
+TEST(MsgQueue, EraseAndRemoveIfKeepOrderAndReleaseRecords)
+{
+    cMsgQueue q;
+    cMsg big(0x100);
+    big.GetRecord().AppendTextPar("text", std::string(4000, 'x'));
+    for (unsigned long type = 1; type <= 6; ++type) {   // wraps: two taken first
+        q.push_front(cMsg(type));
+        if (type <= 2)
+            q.pop_back();
+    }
+    for (unsigned long type = 7; type <= 10; ++type) {
+        cMsg m(type);
+        if (type % 2 == 0)
+            m.SetRecord(big.GetRecord());
+        q.push_front(m);
+    }
+    EXPECT_EQ(big.GetRecord().GetMemBuffer().GetRefCount(), 3);
+
+    q.erase(q.size() - 1);                  // the oldest (3)
+    q.erase(0);                             // the newest (10, holds the record)
+    EXPECT_EQ(q.remove_if([](const cMsg& m) { return m.GetType() == 5 || m.GetType() == 8; }), 2u);
+    std::vector<unsigned long> order;
+    while (!q.empty()) {
+        order.push_back(q.back().GetType());
+        q.pop_back();
+    }
+    EXPECT_EQ(order, (std::vector<unsigned long>{4, 6, 7, 9}));
+    // Every queued copy of the record was let go: big is its only holder.
+    EXPECT_EQ(big.GetRecord().GetMemBuffer().GetRefCount(), 1);
 }
