@@ -352,7 +352,7 @@ private:
     cMsg m_LastMsg;                          // last message handed out
     bool m_bTimeStamp;
     cTime m_LastSelected;
-    long long m_LastHandOut;                 // GetMsecClock(); 0 = none yet
+    long long m_LastHandOut;                 // GetMsecClockCoarse(); 0 = none yet
     cMsgUdpSocket* m_pInternalSocket;        // owned
     bool m_bThreadService;
     long long m_TimelostMs;                  // 8000

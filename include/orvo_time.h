@@ -24,6 +24,10 @@ ORVO_API extern const int DayOfMonth[12];
 // Monotonic milliseconds (CLOCK_MONOTONIC: seconds * 1000 + ns / 1000000);
 // the clock of every time-out and interval. Thread-safe.
 ORVO_API long long GetMsecClock();
+// The same clock read at the resolution of the system tick (a few
+// milliseconds late at most), several times cheaper: for bookkeeping that
+// compares spans of seconds. Follows the override below like GetMsecClock.
+ORVO_API long long GetMsecClockCoarse();
 
 // Time seam for tests: when set, GetMsecClock() returns func() instead of
 // the monotonic clock, so timer due times and late wake-ups can be driven

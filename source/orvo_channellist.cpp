@@ -1,5 +1,6 @@
 #define ORVO_SOURCE "orvo_channellist"
 #include "orvo_channellist.h"
+#include "orvo_threadid.h"
 
 #include <algorithm>
 
@@ -33,7 +34,7 @@ void cChannelList::Clear()
 
 void cChannelList::WaitForOtherWalkers(std::unique_lock<std::mutex>& lock)
 {
-    const pid_t self = cThread::GetCurrentThreadId();
+    const pid_t self = threadid::Current();
     m_WalkEnded.wait(lock, [this, self] {
         return std::all_of(m_Walkers.begin(), m_Walkers.end(),
                            [self](pid_t walker) { return walker == self; });
@@ -48,7 +49,7 @@ bool cChannelList::Listed(cChannel* ch)
 
 void cChannelList::ForEach(const std::function<void(cChannel*)>& send)
 {
-    const pid_t self = cThread::GetCurrentThreadId();
+    const pid_t self = threadid::Current();
     std::vector<cChannel*> channels;
     {
         std::lock_guard<std::mutex> lock(m_Lock);

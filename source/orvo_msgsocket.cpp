@@ -1,5 +1,6 @@
 #define ORVO_SOURCE "orvo_msgsocket"
 #include "orvo_msgsocket.h"
+#include "orvo_threadid.h"
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -43,7 +44,7 @@ bool LengthOk(uint32_t length)
 // outer section. Release gives it up early (before tracing or acting).
 class cFrameLockGuard {
 public:
-    cFrameLockGuard() : m_bEntered(g_FrameLock.GetOwner() != cThread::GetCurrentThreadId())
+    cFrameLockGuard() : m_bEntered(g_FrameLock.GetOwner() != threadid::Current())
     {
         if (m_bEntered)
             g_FrameLock.Enter();

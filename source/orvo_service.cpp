@@ -1,5 +1,6 @@
 #define ORVO_SOURCE "orvo_service"
 #include "orvo_service.h"
+#include "orvo_threadid.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -287,9 +288,11 @@ void cService::DeInit()
 
 ORVO_HOT bool cService::GetMessage(cMsg& msg)
 {
-    m_LoopThread.store(cThread::GetCurrentThreadId(), std::memory_order_relaxed);
+    m_LoopThread.store(threadid::Current(), std::memory_order_relaxed);
     if (m_LastHandOut != 0) {
-        const long long lost = GetMsecClock() - m_LastHandOut;
+        // A span of seconds: the tick's resolution is enough, and the coarse
+        // clock is read without the time-stamp counter.
+        const long long lost = GetMsecClockCoarse() - m_LastHandOut;
         if (lost >= m_TimelostMs)
             ORVO_TRACE(UnitORVO, ALL,
                        FormatString("hint: time lost (%Li ms) in application", lost));
@@ -320,13 +323,13 @@ ORVO_HOT bool cService::GetMessage(cMsg& msg)
         if (!PreDispatchMessage(msg))
             break;
     }
-    m_LastHandOut = GetMsecClock();
+    m_LastHandOut = GetMsecClockCoarse();
     return true;
 }
 
 void cService::TimelostTrigger()
 {
-    m_LastHandOut = GetMsecClock();
+    m_LastHandOut = GetMsecClockCoarse();
 }
 
 ORVO_HOT void cService::PostHdlMessage(cMsg& msg)

@@ -1,5 +1,6 @@
 #define ORVO_SOURCE "orvo_thread"
 #include "orvo_thread.h"
+#include "orvo_threadid.h"
 
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -99,22 +100,27 @@ void cThread::Terminate()
     m_Thread = 0;
 }
 
+namespace threadid {
+
+__thread pid_t tCached __attribute__((tls_model("initial-exec"))) = 0;
+
 namespace {
-// Initial-exec: read with one thread-pointer-relative load instead of a call
-// to __tls_get_addr on every use (taken by every lock of a message's path).
-// Four bytes: a program that loads the library with dlopen still finds them
-// in the static TLS reserve the loader keeps for such libraries.
-__attribute__((tls_model("initial-exec"))) thread_local pid_t tCachedTid = 0;
-void ForgetTidInChild() { tCachedTid = 0; }
+void ForgetInChild() { tCached = 0; }
+}  // namespace
+
+pid_t Fetch()
+{
+    static const int once = pthread_atfork(nullptr, nullptr, &ForgetInChild);
+    (void)once;
+    tCached = static_cast<pid_t>(syscall(SYS_gettid));
+    return tCached;
 }
+
+}  // namespace threadid
+
 ORVO_HOT pid_t cThread::GetCurrentThreadId()
 {
-    if (tCachedTid == 0) {
-        static const int once = pthread_atfork(nullptr, nullptr, &ForgetTidInChild);
-        (void)once;
-        tCachedTid = static_cast<pid_t>(syscall(SYS_gettid));
-    }
-    return tCachedTid;
+    return threadid::Current();
 }
 
 // ------------------------------------------------------- cCriticalSection
@@ -131,7 +137,7 @@ cCriticalSection::~cCriticalSection()
 
 ORVO_HOT void cCriticalSection::Enter()
 {
-    const pid_t self = cThread::GetCurrentThreadId();
+    const pid_t self = threadid::Current();
     if (m_Owner.load(std::memory_order_relaxed) == self)
         return;
     int cancelState = PTHREAD_CANCEL_ENABLE;
@@ -145,7 +151,7 @@ ORVO_HOT void cCriticalSection::Leave()
 {
     // Only the holder may release: an unpaired Leave must not unlock a mutex
     // that another thread holds by now (or one that nobody holds).
-    if (m_Owner.load(std::memory_order_relaxed) != cThread::GetCurrentThreadId())
+    if (m_Owner.load(std::memory_order_relaxed) != threadid::Current())
         return;
     const int cancelState = m_HolderCancelState;
     m_Owner.store(0, std::memory_order_relaxed);

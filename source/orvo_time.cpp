@@ -85,14 +85,28 @@ void SetMsecClockOverride(tMsecClockFunc func)
     gMsecClockOverride.store(func);
 }
 
-ORVO_HOT long long GetMsecClock()
+namespace {
+
+long long ReadMsec(clockid_t id)
 {
     const tMsecClockFunc clock = gMsecClockOverride.load();
     if (clock != nullptr)
         return clock();
     struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
+    clock_gettime(id, &ts);
     return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+}  // namespace
+
+ORVO_HOT long long GetMsecClock()
+{
+    return ReadMsec(CLOCK_MONOTONIC);
+}
+
+ORVO_HOT long long GetMsecClockCoarse()
+{
+    return ReadMsec(CLOCK_MONOTONIC_COARSE);
 }
 
 // ---- Construction ---------------------------------------------------------
