@@ -484,10 +484,11 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
         if (count == 0)
             highest = -1;
         pass.top = std::max(std::max(highest, wake), 0);
-        ZeroWords(pass.read, pass.top);
-        ZeroWords(pass.write, pass.top);
-        ZeroWords(pass.except, pass.top);
-        if (count > 0) {
+        if (count == 0) {
+            ZeroWords(pass.read, pass.top);
+            ZeroWords(pass.write, pass.top);
+            ZeroWords(pass.except, pass.top);
+        } else {
             CopyWords(pass.read, m_ReadSet, pass.top);
             waitWrite = CopyWords(pass.write, m_WriteSet, pass.top);
             waitExcept = CopyWords(pass.except, m_ExceptSet, pass.top);

@@ -655,6 +655,46 @@ TEST(MsgSocketThreads, BrokenPipeFoundByAnotherThreadClosesOnTheLoopThread)
     close(listener);
 }
 
+// Small frames go out straight from the sender's stack while nothing waits;
+// once the socket is full, the part of a frame it did not take and every
+// later frame wait in the send buffer, and the peer still reads the frames
+// whole and in order.
+TEST(MsgSocketThreads, SmallFramesToAFullSocketArriveWholeAndInOrder)
+{
+    cTestService svc;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    int small = 4096;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    cMsgTcpSocket s(&svc, nullptr);
+    s.Attach(pair[0]);
+
+    std::string expected;
+    int afterFull = 0;
+    for (int i = 0; i < 100000 && afterFull < 20; ++i) {
+        cUuid tid;
+        tid.Create();
+        cMsg m = Sized(tid, 300);
+        expected += Frame(1, Payload(m, 1));
+        ASSERT_GT(s.Send(m), 0) << i;
+        if (s.GetSendQueued() > 0)
+            ++afterFull;
+    }
+    ASSERT_EQ(afterFull, 20);   // the socket filled up
+
+    std::string got;
+    std::thread reader([&] {
+        timeval tv = {10, 0};
+        setsockopt(pair[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        RecvAll(pair[1], got, expected.size());
+    });
+    LoopUntil(svc, [&] { return s.GetSendQueued() == 0; });
+    reader.join();
+    EXPECT_EQ(s.GetSendQueued(), 0u);
+    EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
+    close(pair[1]);
+}
+
 // A socket set up with Attach (neither connected nor accepted by the library)
 // still asks for write readiness while bytes wait, so a frame larger than the
 // socket takes at once goes out whole.
