@@ -334,6 +334,8 @@ private:
     void EmptySelectTable();
     void UnregisterAll();
     void RunDeferredDeletion();
+    // PostHdlMessage for a message of this channel and type.
+    void PostHdl(cChannel* channel, unsigned long type);
     void CloseSockets();
 
     // Select table: count of used entries (never decreases), the highest
@@ -349,7 +351,13 @@ private:
     std::vector<sTimerEntry> m_Timers;       // sorted by due time
     cTcpServer<cMsgTcpSocket>* m_pSapSocket; // owned
     cUuid m_ServiceId;
-    cMsg m_LastMsg;                          // last message handed out
+    // What is kept of the message handed out last: its channel and type are
+    // all that deciding on the channel's deletion needs.
+    struct sHandedOut {
+        cChannel* channel = nullptr;
+        unsigned long type = 0;
+    };
+    sHandedOut m_LastOut;
     bool m_bTimeStamp;
     cTime m_LastSelected;
     long long m_LastHandOut;                 // GetMsecClockCoarse(); 0 = none yet

@@ -1,16 +1,65 @@
 #define ORVO_SOURCE "orvo_record"
 #include "orvo_membuffer.h"
 
+#include <pthread.h>
+
 #include <cstring>
 #include <new>
 
 namespace orvo {
 
-cMemBufferData* cMemBufferData::New(int Size)
+namespace {
+
+// A received message's record is one block, made when the message arrives
+// and dropped when the next one is handed out, on the same thread. Each
+// thread keeps the last small block it let go of for its next one, which
+// spares the allocator a round trip per message.
+constexpr int kSpareMaxSize = 1024;
+
+__thread cMemBufferData* tSpare __attribute__((tls_model("initial-exec"))) = nullptr;
+__thread bool tSpareCleanup __attribute__((tls_model("initial-exec"))) = false;
+
+pthread_key_t gSpareKey;
+
+void FreeSpareAtExit(void*)
 {
-    // One allocation for header and bytes: a record costs one malloc, not two.
-    void* raw = ::operator new(sizeof(cMemBufferData) + (Size > 0 ? static_cast<size_t>(Size) : 0));
-    cMemBufferData* d = static_cast<cMemBufferData*>(raw);
+    ::operator delete(static_cast<void*>(tSpare));
+    tSpare = nullptr;
+    // A block let go of later in the thread's end arms the clean-up again.
+    tSpareCleanup = false;
+}
+
+void CreateSpareKey()
+{
+    pthread_key_create(&gSpareKey, &FreeSpareAtExit);
+}
+
+// Makes the thread's end free its spare block; once per thread.
+void ArmSpareCleanup()
+{
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, &CreateSpareKey);
+    // The value only makes the destructor run; it frees whatever block is
+    // spare by then.
+    pthread_setspecific(gSpareKey, &tSpareCleanup);
+    tSpareCleanup = true;
+}
+
+}  // namespace
+
+ORVO_HOT cMemBufferData* cMemBufferData::New(int Size)
+{
+    cMemBufferData* d = tSpare;
+    // The spare serves a request it fits without wasting more than half of
+    // itself. Its size field is lowered to the request: the allocation may
+    // be larger than the size says, never smaller.
+    if (d != nullptr && Size <= d->m_Size && d->m_Size <= 2 * Size) {
+        tSpare = nullptr;
+    } else {
+        // One allocation for header and bytes: a record costs one malloc, not two.
+        void* raw = ::operator new(sizeof(cMemBufferData) + (Size > 0 ? static_cast<size_t>(Size) : 0));
+        d = static_cast<cMemBufferData*>(raw);
+    }
     d->m_Size = Size;
     d->m_RefCount = 1;
     static_assert(sizeof(cMemBufferData) == 8, "block header grew");
@@ -19,6 +68,16 @@ cMemBufferData* cMemBufferData::New(int Size)
 
 ORVO_HOT void cMemBufferData::Free()
 {
+    if (m_Size <= kSpareMaxSize) {
+        if (!tSpareCleanup)
+            ArmSpareCleanup();
+        cMemBufferData* old = tSpare;
+        tSpare = this;
+        if (old == nullptr)
+            return;
+        ::operator delete(static_cast<void*>(old));
+        return;
+    }
     ::operator delete(static_cast<void*>(this));
 }
 
@@ -133,7 +192,8 @@ ORVO_HOT char* cMemBuffer::Create(const void* pSrc, int Size, int NewSize)
         std::memcpy(pNew->Bytes(), pSrc, Size);
     else
         Size = 0;
-    std::memset(pNew->Bytes() + Size, 0, NewSize - Size);
+    if (NewSize > Size)
+        std::memset(pNew->Bytes() + Size, 0, NewSize - Size);
     Release();
     m_pData = pNew;
     m_Offset = 0;

@@ -86,10 +86,14 @@ ORVO_HOT int cMsg::Create(unsigned char kind, const void* data, int size, cChann
         // A payload cut inside the tid still yields a valid tid, as a sender
         // that announced one meant it to be there; the bytes that did not
         // arrive read as 0 instead of whatever follows the buffer.
-        unsigned char tid[kTidSize] = {0};
-        int avail = size - offset;
-        std::memcpy(tid, p + offset, static_cast<size_t>(avail < kTidSize ? avail : kTidSize));
-        m_Tid.Create(tid, kTidSize);
+        const int avail = size - offset;
+        if (avail >= kTidSize) {
+            m_Tid.Create(p + offset, kTidSize);
+        } else {
+            unsigned char tid[kTidSize] = {0};
+            std::memcpy(tid, p + offset, static_cast<size_t>(avail));
+            m_Tid.Create(tid, kTidSize);
+        }
         offset += kTidSize;
     }
 

@@ -42,9 +42,13 @@ bool LengthOk(uint32_t length)
 // from a handler that runs inside a flush, or Close from inside a write):
 // the lock does not count nesting, so an inner Leave would release the
 // outer section. Release gives it up early (before tracing or acting).
+// In a process that has only one thread the lock has nobody to keep out,
+// and taking it (a mutex and two cancel-state switches) is most of a small
+// frame's cost; it is skipped then.
 class cFrameLockGuard {
 public:
-    cFrameLockGuard() : m_bEntered(g_FrameLock.GetOwner() != threadid::Current())
+    cFrameLockGuard()
+        : m_bEntered(!threadid::SingleThreaded() && g_FrameLock.GetOwner() != threadid::Current())
     {
         if (m_bEntered)
             g_FrameLock.Enter();
@@ -108,10 +112,18 @@ ORVO_HOT void AssembleFrame(unsigned char* out, unsigned char type, uint32_t tot
     PutLe32(out + 2, total);
     unsigned char* at = out + kFrameHeaderSize;
     for (int i = 0; i < count; ++i) {
-        if (pieces[i].p != nullptr && pieces[i].n > 0) {
-            std::memcpy(at, pieces[i].p, static_cast<size_t>(pieces[i].n));
-            at += pieces[i].n;
-        }
+        const int n = pieces[i].n;
+        if (pieces[i].p == nullptr || n <= 0)
+            continue;
+        // A message's header (4 bytes) and tid (16) are copied inline, not
+        // by a library call each.
+        if (n == 4)
+            std::memcpy(at, pieces[i].p, 4);
+        else if (n == 16)
+            std::memcpy(at, pieces[i].p, 16);
+        else
+            std::memcpy(at, pieces[i].p, static_cast<size_t>(n));
+        at += n;
     }
 }
 

@@ -463,6 +463,28 @@ inline void ZeroWords(fd_set& set, int top)
         __FDS_BITS(&set)[w] = 0;
 }
 
+// The table lock on the loop's per-pass path, skipped while the process
+// has a single thread: then nobody else can change the table, and the two
+// lock rounds of every pass are a good part of what a pass costs.
+class cPassLock {
+public:
+    explicit cPassLock(std::mutex& lock) : m_pLock(threadid::SingleThreaded() ? nullptr : &lock)
+    {
+        if (m_pLock != nullptr)
+            m_pLock->lock();
+    }
+    ~cPassLock()
+    {
+        if (m_pLock != nullptr)
+            m_pLock->unlock();
+    }
+    cPassLock(const cPassLock&) = delete;
+    cPassLock& operator=(const cPassLock&) = delete;
+
+private:
+    std::mutex* m_pLock;
+};
+
 }  // namespace
 
 ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
@@ -477,7 +499,7 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
     bool waitWrite = false;
     bool waitExcept = false;
     {
-        std::lock_guard<std::mutex> lock(m_TableLock);
+        cPassLock lock(m_TableLock);
         highest = m_SelectHighest;
         count = m_SelectCount;
         pass.seq = m_SelectSeq;
@@ -584,7 +606,7 @@ ORVO_HOT void cService::DispatchOne(sSelectPass& pass)
         return;
     cChannel* channel;
     {
-        std::lock_guard<std::mutex> lock(m_TableLock);
+        cPassLock lock(m_TableLock);
         const int index = m_SlotOfFd[fd];
         if (index < 0 || index >= m_SelectCount)
             return;
@@ -607,7 +629,10 @@ ORVO_HOT void cService::HandOn(cChannel* channel, int fd, const sSelectPass& pas
 
 bool cService::RunSignalHandlers()
 {
-    if (mHasSignal.exchange(0) == 0)
+    // Read before the exchange: a pass without a signal (nearly every one)
+    // then costs no locked instruction. A mark set just after the read
+    // also wrote the wake descriptor, so the next pass comes at once.
+    if (mHasSignal.load(std::memory_order_relaxed) == 0 || mHasSignal.exchange(0) == 0)
         return false;
     bool any = false;
     for (int sig = 1; sig <= kMaxSignal; ++sig) {

@@ -299,12 +299,12 @@ ORVO_HOT bool cService::GetMessage(cMsg& msg)
     }
     // The message handed out last has been handled by now: a channel whose
     // close message it was goes at the start of this call.
-    PostHdlMessage(m_LastMsg);
-    m_LastMsg.Create();
+    PostHdl(m_LastOut.channel, m_LastOut.type);
+    m_LastOut = sHandedOut();
     RunDeferredDeletion();
 
     for (;;) {
-        PostHdlMessage(m_LastMsg);
+        PostHdl(m_LastOut.channel, m_LastOut.type);
         if (m_MsgQ.empty()) {
             if (GetStopFlag())
                 return false;
@@ -312,11 +312,12 @@ ORVO_HOT bool cService::GetMessage(cMsg& msg)
         }
         if (m_MsgQ.empty()) {
             msg.Create();
-            m_LastMsg.Create();
+            m_LastOut = sHandedOut();
             continue;
         }
         m_MsgQ.take_back(msg);
-        m_LastMsg = msg;
+        m_LastOut.channel = msg.GetChannel();
+        m_LastOut.type = msg.GetType();
         SendSnoop(this, msg, SNOOP_RECEIVE);
         if (IsStopType(msg.GetType()))
             SetStopFlag(true);
@@ -332,14 +333,17 @@ void cService::TimelostTrigger()
     m_LastHandOut = GetMsecClockCoarse();
 }
 
-ORVO_HOT void cService::PostHdlMessage(cMsg& msg)
+void cService::PostHdlMessage(cMsg& msg)
 {
-    cChannel* ch = msg.GetChannel();
+    PostHdl(msg.GetChannel(), msg.GetType());
+}
+
+ORVO_HOT void cService::PostHdl(cChannel* ch, unsigned long type)
+{
     if (ch == nullptr || !ch->GetDeleteAfterClose())
         return;
     // A connection's last message: its close, or the report of a failed TLS
     // set-up after which it was closed without one.
-    const unsigned long type = msg.GetType();
     if (type != MSG_SOCKET_CLOSED && !(type == MSG_SOCKET_TLS_FAILED && ch->GetFd() < 0))
         return;
     if (std::find(m_Deferred.begin(), m_Deferred.end(), ch) == m_Deferred.end())
@@ -367,8 +371,8 @@ void cService::RemoveMsgsByObject(const cObject* obj)
                SameObject(m.GetStatem(), obj) || SameObject(m.GetTimer(), obj);
     };
     m_MsgQ.remove_if(names);
-    if (names(m_LastMsg))
-        m_LastMsg.Create();
+    if (SameObject(m_LastOut.channel ? static_cast<const cObject*>(m_LastOut.channel) : nullptr, obj))
+        m_LastOut = sHandedOut();
     m_Deferred.erase(std::remove(m_Deferred.begin(), m_Deferred.end(), obj), m_Deferred.end());
 }
 
@@ -584,7 +588,7 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
         aside.push_back(msg);
         // Handed out again after the wait: a channel whose close message
         // this is must not be deleted before then.
-        m_LastMsg.Create();
+        m_LastOut = sHandedOut();
     }
 
     // Stop the timer; a time-out that fired but did not end the wait is
@@ -628,10 +632,12 @@ void SnoopRemoveChannel(cChannel* ch)
         SnoopList().Remove(ch);
 }
 
-ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
+namespace {
+
+// The report itself, out of line: the check in SendSnoop runs for every
+// message, a report only while someone snoops.
+__attribute__((noinline)) void SendSnoopReport(cService* service, const cMsg& msg, eSnoopDir dir)
 {
-    if (SnoopList().IsEmpty())
-        return;
     const unsigned long type = msg.GetType();
     if (type == MSG_TRACE_OUTPUT || type == MSG_SCM_TRACE_LOG || type == MSG_SOCKET_WRITABLE ||
         type == MSG_SOCKET_DATA || type == MSG_SNOOP_REPORT)
@@ -661,6 +667,14 @@ ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
     r.AppendUuidPar("msg-tid", msg.GetTid(), 0);
 
     SnoopList().ForEach([&report](cChannel* sub) { sub->Send(report); });
+}
+
+}  // namespace
+
+ORVO_HOT void SendSnoop(cService* service, const cMsg& msg, eSnoopDir dir)
+{
+    if (!SnoopList().IsEmpty())
+        SendSnoopReport(service, msg, dir);
 }
 
 }  // namespace orvo

@@ -5,6 +5,10 @@
 #pragma once
 
 #include <sys/types.h>
+#if __has_include(<sys/single_threaded.h>)
+#include <sys/single_threaded.h>
+#define ORVO_HAVE_SINGLE_THREADED 1
+#endif
 
 namespace orvo {
 namespace threadid {
@@ -22,6 +26,20 @@ inline pid_t Current()
 {
     const pid_t tid = tCached;
     return tid != 0 ? tid : Fetch();
+}
+
+// True while the process has only ever had one thread (the C library keeps
+// the flag; it turns false for good at the first thread start). A lock that
+// serves only to keep threads apart can be skipped then: no other thread
+// exists, and none can start while the caller is inside a library section,
+// which starts no threads.
+inline bool SingleThreaded()
+{
+#ifdef ORVO_HAVE_SINGLE_THREADED
+    return __libc_single_threaded != 0;
+#else
+    return false;
+#endif
 }
 
 }  // namespace threadid

@@ -1,7 +1,11 @@
 // cMemBuffer: exact sizing, sharing, copy on write and the invariants.
 #include <gtest/gtest.h>
 
+#include <malloc.h>
+
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "orvo_membuffer.h"
 #include "test_helpers.h"
@@ -130,3 +134,54 @@ TEST(MemBuffer, InPlaceCreateWithoutSourceKeepsTheLeadingBytes)
     EXPECT_NE(fresh, block);
     EXPECT_EQ(Held(fresh, 8), std::string(8, '\0'));
 }
+
+// A small block let go of is kept by its thread for the next block of about
+// its size: the next one gets the same memory, sized and zeroed as a new
+// block would be; a much smaller request gets its own block.
+TEST(MemBuffer, ALetGoSmallBlockServesTheNextOfAboutItsSize)
+{
+    cMemBuffer a;
+    char* first = a.Create(kBytes, 16);
+    a.Create();
+
+    cMemBuffer b;
+    char* again = b.Create(nullptr, 0, 12);
+    EXPECT_EQ(again, first);
+    EXPECT_EQ(b.GetCapacity(), 12);
+    EXPECT_EQ(Held(again, 12), std::string(12, '\0'));   // nothing of the old bytes
+    b.Create(kBytes, 16, 64);
+    char* big = b.GetBuffer();
+    b.Create();
+
+    // Over twice the request: the spare stays for a better fit.
+    cMemBuffer tiny;
+    EXPECT_NE(tiny.Create(kBytes, 16), big);
+    cMemBuffer fits;
+    EXPECT_EQ(fits.Create(kBytes, 16, 40), big);
+    EXPECT_EQ(Held(fits.GetBuffer(), 40), std::string(kBytes, 16) + std::string(24, '\0'));
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The block a thread keeps is freed when the thread ends, whichever thread
+// made it: threads that each let go of a block and end leave nothing held.
+TEST(MemBuffer, AThreadsKeptBlockIsFreedWhenItEnds)
+{
+    auto run = [] {
+        std::vector<cMemBuffer> made(40);
+        for (cMemBuffer& b : made)
+            b.Create(nullptr, 0, 1000);
+        std::vector<std::thread> threads;
+        for (cMemBuffer& b : made)
+            threads.emplace_back([&b] { b.Create(); });
+        for (std::thread& t : threads)
+            t.join();
+    };
+    run();   // the C library's own per-thread allocations settle first
+    const size_t before = mallinfo2().uordblks;
+    run();
+    run();
+    const size_t after = mallinfo2().uordblks;
+    // 80 kept blocks would be 80 kB.
+    EXPECT_LT(after, before + 8000) << before << " -> " << after;
+}
+#endif

@@ -695,6 +695,69 @@ TEST(MsgSocketThreads, SmallFramesToAFullSocketArriveWholeAndInOrder)
     close(pair[1]);
 }
 
+// A process with one thread sends without taking the frame lock. Frames
+// left waiting in the send buffer then, and frames that the process's first
+// extra thread sends while the loop flushes them, reach the peer whole, in
+// order and none twice. (Run alone, as ctest runs each test, the process
+// starts with one thread; within the whole program both halves take the
+// lock.)
+TEST(MsgSocketThreads, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrder)
+{
+    cTestService svc;
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    int small = 4096;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    cMsgTcpSocket s(&svc, nullptr);
+    s.Attach(pair[0]);
+
+    std::string expected;
+    int afterFull = 0;
+    for (int i = 0; i < 100000 && afterFull < 5; ++i) {
+        cUuid tid;
+        tid.Create();
+        cMsg m = Sized(tid, 300);
+        expected += Frame(1, Payload(m, 1));
+        ASSERT_GT(s.Send(m), 0) << i;
+        if (s.GetSendQueued() > 0)
+            ++afterFull;
+    }
+    ASSERT_EQ(afterFull, 5);
+
+    std::vector<cMsg> later;
+    for (int i = 0; i < 300; ++i) {
+        cUuid tid;
+        tid.Create();
+        later.push_back(Sized(tid, 200 + i));
+        expected += Frame(1, Payload(later.back(), 1));
+    }
+    std::atomic<bool> allSent{false};
+    std::atomic<int> failed{0};
+    std::thread sender([&] {
+        for (cMsg& m : later) {
+            int rc;
+            while ((rc = s.Send(m)) == -2)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            if (rc <= 0)
+                ++failed;
+        }
+        allSent = true;
+    });
+    std::string got;
+    std::thread reader([&] {
+        timeval tv = {10, 0};
+        setsockopt(pair[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        RecvAll(pair[1], got, expected.size());
+    });
+    const bool flushed = LoopUntil(svc, [&] { return allSent && s.GetSendQueued() == 0; }, 10000);
+    sender.join();
+    reader.join();
+    EXPECT_TRUE(flushed);
+    EXPECT_EQ(failed.load(), 0);
+    EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
+    close(pair[1]);
+}
+
 // A socket set up with Attach (neither connected nor accepted by the library)
 // still asks for write readiness while bytes wait, so a frame larger than the
 // socket takes at once goes out whole.
