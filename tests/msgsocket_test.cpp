@@ -655,6 +655,64 @@ TEST(MsgSocketThreads, BrokenPipeFoundByAnotherThreadClosesOnTheLoopThread)
     close(listener);
 }
 
+namespace {
+
+// One end of a stream pair with a small send buffer (it fills after a few
+// frames), for a framed socket to attach; the other end is the peer.
+bool SmallSendPair(int& local, int& peer)
+{
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
+        return false;
+    int small = 4096;
+    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    local = pair[0];
+    peer = pair[1];
+    return true;
+}
+
+// Sends 300-byte messages until `frames` of them found bytes waiting in the
+// send buffer, appending each frame to expected. Returns how many did (fewer
+// only when a send failed or the socket never filled).
+int SendUntilQueued(cMsgTcpSocket& s, int frames, std::string& expected)
+{
+    int afterFull = 0;
+    for (int i = 0; i < 100000 && afterFull < frames; ++i) {
+        cUuid tid;
+        tid.Create();
+        cMsg m = Sized(tid, 300);
+        expected += Frame(1, Payload(m, 1));
+        if (s.Send(m) <= 0)
+            break;
+        if (s.GetSendQueued() > 0)
+            ++afterFull;
+    }
+    return afterFull;
+}
+
+// Reads n bytes from fd into got on a thread of its own (10 s at most).
+std::thread ReadInBackground(int fd, std::string& got, size_t n)
+{
+    return std::thread([fd, &got, n] {
+        timeval tv = {10, 0};
+        setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        RecvAll(fd, got, n);
+    });
+}
+
+// Runs the loop until s has nothing left to send while a thread reads n
+// bytes at peer; returns what it read.
+std::string FlushToPeer(cService& svc, cMsgTcpSocket& s, int peer, size_t n)
+{
+    std::string got;
+    std::thread reader = ReadInBackground(peer, got, n);
+    LoopUntil(svc, [&] { return s.GetSendQueued() == 0; });
+    reader.join();
+    return got;
+}
+
+}  // namespace
+
 // Small frames go out straight from the sender's stack while nothing waits;
 // once the socket is full, the part of a frame it did not take and every
 // later frame wait in the send buffer, and the peer still reads the frames
@@ -662,37 +720,18 @@ TEST(MsgSocketThreads, BrokenPipeFoundByAnotherThreadClosesOnTheLoopThread)
 TEST(MsgSocketThreads, SmallFramesToAFullSocketArriveWholeAndInOrder)
 {
     cTestService svc;
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    int small = 4096;
-    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    int local, peer;
+    ASSERT_TRUE(SmallSendPair(local, peer));
     cMsgTcpSocket s(&svc, nullptr);
-    s.Attach(pair[0]);
+    s.Attach(local);
 
     std::string expected;
-    int afterFull = 0;
-    for (int i = 0; i < 100000 && afterFull < 20; ++i) {
-        cUuid tid;
-        tid.Create();
-        cMsg m = Sized(tid, 300);
-        expected += Frame(1, Payload(m, 1));
-        ASSERT_GT(s.Send(m), 0) << i;
-        if (s.GetSendQueued() > 0)
-            ++afterFull;
-    }
-    ASSERT_EQ(afterFull, 20);   // the socket filled up
+    ASSERT_EQ(SendUntilQueued(s, 20, expected), 20);   // the socket filled up
 
-    std::string got;
-    std::thread reader([&] {
-        timeval tv = {10, 0};
-        setsockopt(pair[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        RecvAll(pair[1], got, expected.size());
-    });
-    LoopUntil(svc, [&] { return s.GetSendQueued() == 0; });
-    reader.join();
+    const std::string got = FlushToPeer(svc, s, peer, expected.size());
     EXPECT_EQ(s.GetSendQueued(), 0u);
     EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
-    close(pair[1]);
+    close(peer);
 }
 
 // A process with one thread sends without taking the frame lock. Frames
@@ -704,25 +743,13 @@ TEST(MsgSocketThreads, SmallFramesToAFullSocketArriveWholeAndInOrder)
 TEST(MsgSocketThreads, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrder)
 {
     cTestService svc;
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    int small = 4096;
-    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    int local, peer;
+    ASSERT_TRUE(SmallSendPair(local, peer));
     cMsgTcpSocket s(&svc, nullptr);
-    s.Attach(pair[0]);
+    s.Attach(local);
 
     std::string expected;
-    int afterFull = 0;
-    for (int i = 0; i < 100000 && afterFull < 5; ++i) {
-        cUuid tid;
-        tid.Create();
-        cMsg m = Sized(tid, 300);
-        expected += Frame(1, Payload(m, 1));
-        ASSERT_GT(s.Send(m), 0) << i;
-        if (s.GetSendQueued() > 0)
-            ++afterFull;
-    }
-    ASSERT_EQ(afterFull, 5);
+    ASSERT_EQ(SendUntilQueued(s, 5, expected), 5);
 
     std::vector<cMsg> later;
     for (int i = 0; i < 300; ++i) {
@@ -744,18 +771,14 @@ TEST(MsgSocketThreads, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrd
         allSent = true;
     });
     std::string got;
-    std::thread reader([&] {
-        timeval tv = {10, 0};
-        setsockopt(pair[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        RecvAll(pair[1], got, expected.size());
-    });
+    std::thread reader = ReadInBackground(peer, got, expected.size());
     const bool flushed = LoopUntil(svc, [&] { return allSent && s.GetSendQueued() == 0; }, 10000);
     sender.join();
     reader.join();
     EXPECT_TRUE(flushed);
     EXPECT_EQ(failed.load(), 0);
     EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
-    close(pair[1]);
+    close(peer);
 }
 
 // A socket set up with Attach (neither connected nor accepted by the library)
@@ -764,12 +787,10 @@ TEST(MsgSocketThreads, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrd
 TEST(MsgSocketThreads, AttachedSocketSendsAFrameTheKernelTakesInPieces)
 {
     cTestService svc;
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    int small = 4096;
-    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    int local, peer;
+    ASSERT_TRUE(SmallSendPair(local, peer));
     cMsgTcpSocket s(&svc, nullptr);
-    s.Attach(pair[0]);
+    s.Attach(local);
     cUuid tid;
     tid.Create();
     const cMsg big = Sized(tid, 150006);
@@ -777,15 +798,8 @@ TEST(MsgSocketThreads, AttachedSocketSendsAFrameTheKernelTakesInPieces)
     ASSERT_GT(s.Send(sent), 0);
     ASSERT_GT(s.GetSendQueued(), 0u);         // the kernel did not take it all
 
-    std::string got;
-    std::thread reader([&] {
-        timeval tv = {10, 0};
-        setsockopt(pair[1], SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-        RecvAll(pair[1], got, 150006);
-    });
-    LoopUntil(svc, [&] { return s.GetSendQueued() == 0; });
-    reader.join();
+    const std::string got = FlushToPeer(svc, s, peer, 150006);
     EXPECT_EQ(s.GetSendQueued(), 0u);
     EXPECT_EQ(got, Frame(1, Payload(big, 1)));
-    close(pair[1]);
+    close(peer);
 }
