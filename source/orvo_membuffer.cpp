@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace orvo {
 
@@ -71,11 +72,8 @@ ORVO_HOT void cMemBufferData::Free()
     if (m_Size <= kSpareMaxSize) {
         if (!tSpareCleanup)
             ArmSpareCleanup();
-        cMemBufferData* old = tSpare;
-        tSpare = this;
-        if (old == nullptr)
-            return;
-        ::operator delete(static_cast<void*>(old));
+        // The newest block is kept: it is the one still in the cache.
+        ::operator delete(static_cast<void*>(std::exchange(tSpare, this)));
         return;
     }
     ::operator delete(static_cast<void*>(this));

@@ -83,6 +83,12 @@ bool SameObject(const void* a, const cObject* b)
     return a != nullptr && a == static_cast<const void*>(b);
 }
 
+// The channel as the cObject that the purge compares addresses with.
+const cObject* AsObject(const cChannel* ch)
+{
+    return ch != nullptr ? static_cast<const cObject*>(ch) : nullptr;
+}
+
 // ---- Hooks for the runtime frame (orvo_hooks.h) ---------------------------
 
 bool MainServiceInfo(cUuid& id, std::string& name)
@@ -366,12 +372,11 @@ void cService::RemoveMsgsByObject(const cObject* obj)
     if (obj == nullptr)
         return;
     auto names = [obj](const cMsg& m) {
-        return SameObject(m.GetChannel() ? static_cast<const cObject*>(m.GetChannel()) : nullptr,
-                          obj) ||
+        return SameObject(AsObject(m.GetChannel()), obj) ||
                SameObject(m.GetStatem(), obj) || SameObject(m.GetTimer(), obj);
     };
     m_MsgQ.remove_if(names);
-    if (SameObject(m_LastOut.channel ? static_cast<const cObject*>(m_LastOut.channel) : nullptr, obj))
+    if (SameObject(AsObject(m_LastOut.channel), obj))
         m_LastOut = sHandedOut();
     m_Deferred.erase(std::remove(m_Deferred.begin(), m_Deferred.end(), obj), m_Deferred.end());
 }

@@ -657,19 +657,6 @@ TEST(MsgSocketThreads, BrokenPipeFoundByAnotherThreadClosesOnTheLoopThread)
 
 namespace {
 
-// One end of a stream pair with a small send buffer (it fills after a few
-// frames), for a framed socket to attach; the other end is the peer.
-bool SmallSendPair(int& local, int& peer)
-{
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
-        return false;
-    int small = 4096;
-    setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    local = pair[0];
-    peer = pair[1];
-    return true;
-}
 
 // Sends 300-byte messages until `frames` of them found bytes waiting in the
 // send buffer, appending each frame to expected. Returns how many did (fewer
@@ -711,27 +698,44 @@ std::string FlushToPeer(cService& svc, cMsgTcpSocket& s, int peer, size_t n)
     return got;
 }
 
+// A framed socket attached to one end of a stream pair whose send buffer is
+// small (it fills after a few frames); the test reads at the other end.
+class MsgSocketSmallBuffer : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        int small = 4096;
+        setsockopt(pair[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+        s.Attach(pair[0]);
+        peer = pair[1];
+    }
+    void TearDown() override
+    {
+        if (peer >= 0)
+            close(peer);
+    }
+
+    cTestService svc;
+    cMsgTcpSocket s{&svc, nullptr};
+    int peer = -1;
+};
+
 }  // namespace
 
 // Small frames go out straight from the sender's stack while nothing waits;
 // once the socket is full, the part of a frame it did not take and every
 // later frame wait in the send buffer, and the peer still reads the frames
 // whole and in order.
-TEST(MsgSocketThreads, SmallFramesToAFullSocketArriveWholeAndInOrder)
+TEST_F(MsgSocketSmallBuffer, SmallFramesToAFullSocketArriveWholeAndInOrder)
 {
-    cTestService svc;
-    int local, peer;
-    ASSERT_TRUE(SmallSendPair(local, peer));
-    cMsgTcpSocket s(&svc, nullptr);
-    s.Attach(local);
-
     std::string expected;
     ASSERT_EQ(SendUntilQueued(s, 20, expected), 20);   // the socket filled up
 
     const std::string got = FlushToPeer(svc, s, peer, expected.size());
     EXPECT_EQ(s.GetSendQueued(), 0u);
     EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
-    close(peer);
 }
 
 // A process with one thread sends without taking the frame lock. Frames
@@ -740,14 +744,8 @@ TEST(MsgSocketThreads, SmallFramesToAFullSocketArriveWholeAndInOrder)
 // order and none twice. (Run alone, as ctest runs each test, the process
 // starts with one thread; within the whole program both halves take the
 // lock.)
-TEST(MsgSocketThreads, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrder)
+TEST_F(MsgSocketSmallBuffer, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrder)
 {
-    cTestService svc;
-    int local, peer;
-    ASSERT_TRUE(SmallSendPair(local, peer));
-    cMsgTcpSocket s(&svc, nullptr);
-    s.Attach(local);
-
     std::string expected;
     ASSERT_EQ(SendUntilQueued(s, 5, expected), 5);
 
@@ -778,19 +776,13 @@ TEST(MsgSocketThreads, FramesQueuedBeforeTheFirstThreadStartsAndAfterArriveInOrd
     EXPECT_TRUE(flushed);
     EXPECT_EQ(failed.load(), 0);
     EXPECT_TRUE(got == expected) << got.size() << " of " << expected.size() << " bytes";
-    close(peer);
 }
 
 // A socket set up with Attach (neither connected nor accepted by the library)
 // still asks for write readiness while bytes wait, so a frame larger than the
 // socket takes at once goes out whole.
-TEST(MsgSocketThreads, AttachedSocketSendsAFrameTheKernelTakesInPieces)
+TEST_F(MsgSocketSmallBuffer, AttachedSocketSendsAFrameTheKernelTakesInPieces)
 {
-    cTestService svc;
-    int local, peer;
-    ASSERT_TRUE(SmallSendPair(local, peer));
-    cMsgTcpSocket s(&svc, nullptr);
-    s.Attach(local);
     cUuid tid;
     tid.Create();
     const cMsg big = Sized(tid, 150006);
@@ -801,5 +793,4 @@ TEST(MsgSocketThreads, AttachedSocketSendsAFrameTheKernelTakesInPieces)
     const std::string got = FlushToPeer(svc, s, peer, 150006);
     EXPECT_EQ(s.GetSendQueued(), 0u);
     EXPECT_EQ(got, Frame(1, Payload(big, 1)));
-    close(peer);
 }
