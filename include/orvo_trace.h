@@ -15,6 +15,14 @@ namespace orvo {
 class cRecord;
 class cChannel;
 
+// Many projects build with -DDEBUG (or -DDEBUG=1), which would turn the level
+// DEBUG below into a number. The header saves such a macro, declares the
+// level and puts the macro back, so it compiles either way. A program that
+// defines DEBUG cannot write the bare name for the level (the preprocessor
+// replaces it first): it writes orvo::LEVEL_DEBUG, the same value under a
+// name no macro takes, or #undef DEBUG before using the name.
+#pragma push_macro("DEBUG")
+#undef DEBUG
 enum eLEVEL {
     NONE = 0,
     FATAL = 1,
@@ -25,6 +33,8 @@ enum eLEVEL {
     SYSLOG = 32,
     ALL = 256
 };
+constexpr eLEVEL LEVEL_DEBUG = DEBUG;
+#pragma pop_macro("DEBUG")
 
 enum eOUTPUT {
     OUTPUT_NONE = 0,

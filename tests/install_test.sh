@@ -43,6 +43,12 @@ LD_LIBRARY_PATH="$libdir" "$work/consumer-pc" || fail "pkg-config consumer run"
 LD_LIBRARY_PATH="$libdir" ldd "$work/consumer-pc" | grep "$libdir/liborvo.so.3" >/dev/null \
     || fail "pkg-config consumer does not load $libdir/liborvo.so.3"
 
+# A project that builds with -DDEBUG (the trace level DEBUG shares the name).
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Werror -DDEBUG=1 "$consumer/main.cpp" -o "$work/consumer-debug" $flags \
+    || fail "build of the consumer with -DDEBUG=1"
+LD_LIBRARY_PATH="$libdir" "$work/consumer-debug" >/dev/null || fail "consumer built with -DDEBUG=1 run"
+
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Release >"$work/cmake.log" 2>&1 \
     || { cat "$work/cmake.log"; fail "find_package(orvo) configure"; }

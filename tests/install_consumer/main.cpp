@@ -3,6 +3,13 @@
 
 #include <cstdio>
 
+// Built a second time with -DDEBUG=1, as many projects do: the header must
+// still compile, and the level stays reachable under its other name.
+#ifdef DEBUG
+static_assert(DEBUG == 1, "the program's own DEBUG macro survives the header");
+static_assert(orvo::LEVEL_DEBUG == 16, "the trace level keeps its value");
+#endif
+
 int main()
 {
     orvo::cObject object;
