@@ -5,6 +5,7 @@
 
 #include <orvo_uuid.h>
 
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -543,6 +544,33 @@ tBytes RecordBytes(const tJson& json, const std::string& where)
     return out;
 }
 
+// A uuid reads the same in either case, and people paste them in lower case;
+// it prints in upper case. Upper-casing the input's uuid values before the
+// canonical-form comparison accepts both spellings without accepting any
+// other spelling that would not print back the same.
+void UpperCaseUuids(tJson& elements)
+{
+    if (!elements.is_array())
+        return;
+    for (tJson& e : elements) {
+        if (!e.is_object() || !e.contains("type") || !e["type"].is_string())
+            continue;
+        const std::string type = e["type"].get<std::string>();
+        if (type == "uuid" && e.contains("value") && e["value"].is_string()) {
+            std::string text = e["value"].get<std::string>();
+            for (char& c : text)
+                c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+            e["value"] = text;
+        } else if (type == "record") {
+            if (e.contains("value"))
+                UpperCaseUuids(e["value"]);
+            if (e.contains("entries") && e["entries"].is_array())
+                for (tJson& entry : e["entries"])
+                    UpperCaseUuids(entry);
+        }
+    }
+}
+
 }  // namespace
 
 tJson RecordBytesToJson(const unsigned char* bytes, size_t size)
@@ -572,9 +600,11 @@ tJson RecordToJson(const orvo::cRecord& record)
                              record.IsEmpty() ? 0 : static_cast<size_t>(record.GetSize()));
 }
 
-bool JsonToRecord(const tJson& json, orvo::cRecord& record, std::string& error)
+bool JsonToRecord(const tJson& input, orvo::cRecord& record, std::string& error)
 {
     record.Create();
+    tJson json = input;
+    UpperCaseUuids(json);
     try {
         const tBytes bytes = RecordBytes(json, "");
         const tJson again =

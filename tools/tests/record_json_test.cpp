@@ -191,6 +191,29 @@ TEST(RecordJson, RefusesMalformedFormsNamingTheElement)
     }
 }
 
+TEST(RecordJson, UuidIsReadInEitherCaseAndPrintedInUpperCase)
+{
+    const std::string lower = "00112233-4455-6677-8899-aabbccddeeff";
+    tJson j;
+    std::string error;
+    ASSERT_TRUE(orvo_tools::ParseJson(R"([{"name":"id","type":"uuid","value":")" + lower +
+                                          R"("},{"name":"r","type":"record","value":[{"name":"id","type":"uuid","value":"aBcDeF00-1122-3344-5566-778899aabbcc"}]}])",
+                                      j, error))
+        << error;
+    cRecord r;
+    ASSERT_TRUE(JsonToRecord(j, r, error)) << error;
+    cUuid top, nested;
+    ASSERT_TRUE(r.GetFirstPar("id").GetUuid(top));
+    ASSERT_TRUE(r.GetFirstParByPath("r.id", ".").GetUuid(nested));
+    EXPECT_EQ(top.ToString(), "00112233-4455-6677-8899-AABBCCDDEEFF");
+    EXPECT_EQ(nested.ToString(), "ABCDEF00-1122-3344-5566-778899AABBCC");
+    EXPECT_EQ(RecordToJson(r)[0]["value"], "00112233-4455-6677-8899-AABBCCDDEEFF");
+    // Case is the only freedom: a malformed uuid is still refused.
+    EXPECT_NE(Refusal(R"([{"name":"a","type":"uuid","value":"zz112233-4455-6677-8899-aabbccddeeff"}])")
+                  .find("uuid must be written like"),
+              std::string::npos);
+}
+
 TEST(RecordJson, DeepNestingIsBoundedBothWays)
 {
     // 70 records inside each other: the levels beyond 64 travel as hex.
