@@ -28,8 +28,11 @@
 //   3. the previous youngest block's "next" field (4 bytes), or for an empty
 //      chain the header's first-block field, is written last.
 // So a process killed at any moment (kill -9) leaves a file that opens with
-// every block whose Append returned; at most the block in flight is missing
-// (and, in a full ring, the oldest block that Append was dropping).
+// every block whose Append returned; at most the block in flight is missing,
+// and in a full ring also the oldest block that step 1 dropped: a kill
+// between steps 1 and 2 leaves the ring one block short. With a maximum
+// count of 1 that is the only block: do not keep data that matters in a
+// ring of 1.
 //
 // A power cut can also lose what the kernel had not yet written, in any order.
 // For the same guarantee across a power cut, call Commit() after every call
@@ -46,11 +49,14 @@
 // (3 block positions in 512); a cut between those two sectors, in that one
 // write, can leave a truncated pointer, which makes the open fail.
 //
-// Damage that is not a torn append: a chain that points at itself, at or
-// beyond the end of the file, or round a loop of several blocks refuses the
-// open; a block header cut short by the end of the file wipes the file (Clear)
-// and refuses the open; a payload whose CRC does not match is reported by
-// GetAt (BLOCKFILE_CRC_ERR) with the data delivered.
+// Damage that is not a torn append: a block header whose size is below 26
+// (a zeroed sector) ends the chain, and the file opens with the blocks before
+// it; a chain that points at itself, at or beyond the end of the file, or
+// round a loop of several blocks refuses the open; a block header cut short by
+// the end of the file wipes the file (Clear) and refuses the open; a payload
+// whose CRC does not match is reported by GetAt (BLOCKFILE_CRC_ERR) with the
+// data delivered. OpenReadOnly reads up to any of these without refusing or
+// writing, and GetDamage says where the chain stopped.
 //
 // Threads: none. One object per file, used from one thread; no file locking
 // between processes. GetIndizesByTime sorts through one process-wide pointer to
@@ -126,7 +132,22 @@ public:
     // (mode 0600, a 17-byte header, the current maximum count) when Create is
     // true. False when the file cannot be opened or created, its header is
     // short or not version 1, or its chain is damaged (see above).
+    // With Create, an existing file shorter than the 17-byte header (what a
+    // process killed while creating the file leaves) is created anew.
+    // A block header whose size is below 26 (a zeroed sector) ends the chain:
+    // the file opens with the blocks before it, and GetDamage says where.
     bool Open(const std::string& Name, bool Create);
+    // Opens Name without ever writing to it (O_RDONLY): reads every intact
+    // block of the chain up to the first damage, which GetDamage() then
+    // describes, where Open would refuse the file or wipe it. Append, Clear,
+    // SetMaxCount and Commit on such a file fail without touching it. For
+    // readers and tools that must not change a journal they look at.
+    bool OpenReadOnly(const std::string& Name);
+    bool IsReadOnly() const { return m_ReadOnly; }
+    // After Open or OpenReadOnly: "" when the chain was read to its end,
+    // otherwise one line saying where and why the walk stopped ("block 3 at
+    // position 1234: ..."). Empty after Close.
+    const std::string& GetDamage() const { return m_Damage; }
     // Closes the descriptor (when above 0) and empties the in-memory chain.
     void Close();
     // Descriptor above 0 (descriptor 0 counts as not open).
@@ -157,7 +178,7 @@ public:
     // both bounds 0: the block with the smallest bstime; both at or above
     // 0xFFFFFFFF: the block with the largest (the earliest in chain order
     // among equals); otherwise every block with From <= bstime <= To, sorted
-    // by bstime (equal stamps in an unspecified order). 0 when not open or
+    // by bstime (equal stamps keep their chain order). 0 when not open or
     // empty.
     unsigned long GetIndizesByTime(std::deque<unsigned long>& Indices,
                                    const unsigned long long& From,
@@ -233,7 +254,9 @@ private:
     };
 
     bool CreateFile();
+    bool ReadHeaderAndChain();
     bool ReadChain();
+    bool StopChain(uint32_t pos, const char* why, bool refuses);
     bool WriteFileHeader();
     bool WriteNextField(const cBlock& block);
     void AddToChain(const cBlock& block);
@@ -250,9 +273,9 @@ private:
     uint8_t m_Version = 1;
     uint32_t m_MaxCount = 0;        // 0 = unbounded
     uint32_t m_FirstPos = 0;        // position of the oldest block, 0 = none
-    uint32_t m_Reserved1 = 0;
-    uint32_t m_Reserved2 = 0;
     int m_fd = -1;                  // -1 when closed
+    bool m_ReadOnly = false;        // opened by OpenReadOnly
+    std::string m_Damage;           // where the chain walk stopped short, "" if it did not
     uint64_t m_FileEnd = 0;         // file size as far as this object wrote or read it
     bool m_Ordered = false;         // Commit called since Open: Append syncs between steps
     bool m_NewName = false;         // created here, directory not yet synced

@@ -222,6 +222,31 @@ bool cBlockFile::Open(const std::string& Name, bool Create)
             return false;
         return CreateFile();
     }
+    // A file shorter than its header holds no block: it is what a process
+    // killed while creating the file (in Open or Clear) leaves behind, and
+    // when creating is allowed it is created anew instead of being refused
+    // for ever.
+    struct stat st;
+    if (Create && ::fstat(m_fd, &st) == 0 && st.st_size < static_cast<off_t>(kFileHeaderSize)) {
+        Close();
+        return CreateFile();
+    }
+    return ReadHeaderAndChain();
+}
+
+bool cBlockFile::OpenReadOnly(const std::string& Name)
+{
+    SetObjName(Name);
+    Close();
+    m_fd = ::open(Name.c_str(), O_RDONLY | O_CLOEXEC);
+    if (m_fd < 0)
+        return false;
+    m_ReadOnly = true;
+    return ReadHeaderAndChain();
+}
+
+bool cBlockFile::ReadHeaderAndChain()
+{
     unsigned char header[kFileHeaderSize];
     if (ReadAll(m_fd, header, sizeof header, 0) != static_cast<ssize_t>(sizeof header) ||
         header[0] != 1) {
@@ -231,8 +256,8 @@ bool cBlockFile::Open(const std::string& Name, bool Create)
     m_Version = header[0];
     m_MaxCount = GetU32(header + 1);
     m_FirstPos = GetU32(header + 5);
-    m_Reserved1 = GetU32(header + 9);
-    m_Reserved2 = GetU32(header + 13);
+    // The reserved words are not read: they are written as 0, whatever the
+    // file held.
     if (!ReadChain()) {
         Close();
         return false;
@@ -262,6 +287,8 @@ void cBlockFile::Close()
     if (m_fd > 0)
         ::close(m_fd);
     m_fd = -1;
+    m_ReadOnly = false;
+    m_Damage.clear();
     m_Ordered = false;
     m_NewName = false;
     m_Blocks.clear();
@@ -274,8 +301,8 @@ bool cBlockFile::WriteFileHeader()
     header[0] = m_Version;
     PutU32(header + 1, m_MaxCount);
     PutU32(header + 5, m_FirstPos);
-    PutU32(header + 9, m_Reserved1);
-    PutU32(header + 13, m_Reserved2);
+    PutU32(header + 9, 0);     // reserved
+    PutU32(header + 13, 0);    // reserved
     return WriteAll(m_fd, header, sizeof header, 0);
 }
 
@@ -284,6 +311,18 @@ bool cBlockFile::WriteNextField(const cBlock& block)
     unsigned char next[4];
     PutU32(next, block.m_Next);
     return WriteAll(m_fd, next, sizeof next, static_cast<off_t>(block.m_FilePos + 4));
+}
+
+// Notes where and why the chain walk stopped. A read-only open keeps every
+// block before the damage; a read-write open refuses the file when Refuses
+// is set. Returns whether the open goes on.
+bool cBlockFile::StopChain(uint32_t pos, const char* why, bool refuses)
+{
+    char text[160];
+    std::snprintf(text, sizeof text, "block %lu at position %lu: %s",
+                  static_cast<unsigned long>(m_Blocks.size()), static_cast<unsigned long>(pos), why);
+    m_Damage = text;
+    return m_ReadOnly || !refuses;
 }
 
 // Walks the chain from the oldest block. A chain can hold no more blocks than
@@ -300,18 +339,26 @@ bool cBlockFile::ReadChain()
     uint32_t pos = m_FirstPos;
     while (pos != 0) {
         if (pos >= fileSize || pos < kFileHeaderSize)
-            return false;
+            return StopChain(pos, "position outside the file's blocks", true);
         unsigned char raw[kBlockHeaderSize];
         if (reader.Header(pos, raw) < kBlockHeaderSize) {
+            // A header cut short by the end of the file wipes it; a reader
+            // only reports it.
+            if (StopChain(pos, "block header cut short by the end of the file", true))
+                return true;
             Clear();
             return false;
         }
         if (m_Blocks.size() >= maxBlocks)
-            return false;
+            return StopChain(pos, "the chain loops back to an earlier block", true);
         cBlock block;
         block.Decode(raw);
-        if (block.m_Next == pos || block.m_Size < kBlockHeaderSize)
-            return false;
+        if (block.m_Next == pos)
+            return StopChain(pos, "the block points at itself", true);
+        // A header whose size cannot be a block (a zeroed sector) ends the
+        // chain: the blocks before it stay readable.
+        if (block.m_Size < kBlockHeaderSize)
+            return StopChain(pos, "block size below the 26-byte header (zeroed or damaged header)", false);
         block.m_fd = m_fd;
         block.m_FilePos = pos;
         AddToChain(block);
@@ -421,7 +468,7 @@ int cBlockFile::Append(const void* Data, unsigned long Size, const cTime& CTime,
 {
     if (!IsValid())
         return BLOCKFILE_INVALID;
-    if (Size > 0xFFFFFFFFUL - kBlockHeaderSize || (Data == nullptr && Size > 0))
+    if (m_ReadOnly || Size > 0xFFFFFFFFUL - kBlockHeaderSize || (Data == nullptr && Size > 0))
         return BLOCKFILE_ERR;
     const uint32_t blockSize = static_cast<uint32_t>(Size) + kBlockHeaderSize;
 
@@ -519,6 +566,8 @@ bool cBlockFile::SetMaxCount(unsigned long N)
         m_MaxCount = static_cast<uint32_t>(N);
         return true;
     }
+    if (m_ReadOnly)
+        return false;
     if (N < m_MaxCount) {
         while (m_Blocks.size() > N)
             DropOldest();
@@ -531,6 +580,11 @@ bool cBlockFile::SetMaxCount(unsigned long N)
 
 void cBlockFile::Clear()
 {
+    if (m_ReadOnly) {
+        std::printf("clear %s failed (%s)", GetObjName().c_str(), std::strerror(EROFS));
+        std::fflush(stdout);
+        return;
+    }
     const uint32_t maxCount = m_MaxCount;
     const std::string name = GetObjName();
     Close();
@@ -549,7 +603,7 @@ void cBlockFile::Clear()
 
 bool cBlockFile::Commit()
 {
-    if (!IsValid() || ::fdatasync(m_fd) != 0)
+    if (!IsValid() || m_ReadOnly || ::fdatasync(m_fd) != 0)
         return false;
     if (m_NewName) {
         // A file this object created is only found after a power cut once
@@ -600,7 +654,8 @@ unsigned long cBlockFile::SelectRange(std::deque<unsigned long>& Indices, uint64
             Indices.push_back(i);
     }
     gSortFile = this;
-    std::sort(Indices.begin(), Indices.end(), byCTime ? compareLess_ctime : compareLess_bstime);
+    // Equal stamps keep their chain order.
+    std::stable_sort(Indices.begin(), Indices.end(), byCTime ? compareLess_ctime : compareLess_bstime);
     gSortFile = nullptr;
     return static_cast<unsigned long>(Indices.size());
 }

@@ -275,60 +275,142 @@ TEST_F(BlockFile, AWriteThatFailsGivesTwoAndLeavesTheChain)
     EXPECT_EQ(Stamps(f), (std::vector<unsigned long long>{1, 3}));
 }
 
-TEST_F(BlockFile, HeaderDamageRefusesTheOpen)
-{
-    {
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true));
-        ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);
-        ASSERT_EQ(AppendText(f, "b", 2), BLOCKFILE_OK);
-        ASSERT_EQ(AppendText(f, "c", 3), BLOCKFILE_OK);
-    }
-    const std::string good = ReadFile(path);
-    cBlockFile f;
-    auto opensAs = [&](std::string bytes) {
-        WriteFile(path, bytes);
-        return f.Open(path, false);
-    };
-    std::string v2 = good;
-    v2[0] = 2;
-    EXPECT_FALSE(opensAs(v2));
-    EXPECT_FALSE(f.IsValid());
-    EXPECT_FALSE(opensAs(good.substr(0, 16)));
-
-    std::string self = good;                 // second block points to itself
-    PutLe(self, 44 + 4, 44, 4);
-    EXPECT_FALSE(opensAs(self));
-    std::string beyond = good;               // next at the end of the file
-    PutLe(beyond, 17 + 4, good.size(), 4);
-    EXPECT_FALSE(opensAs(beyond));
-    std::string loop = good;                 // third block back to the first
-    PutLe(loop, 71 + 4, 17, 4);
-    EXPECT_FALSE(opensAs(loop));
-    std::string intoHeader = good;
-    PutLe(intoHeader, 5, 3, 4);
-    EXPECT_FALSE(opensAs(intoHeader));
-    EXPECT_TRUE(opensAs(good));
-    EXPECT_EQ(f.Count(), 3u);
-}
-
-TEST_F(BlockFile, ShortHeaderReadWipesTheFile)
+// Three blocks "a", "b", "c" at 17, 44 and 71; each damage case is opened
+// read-write and read-only. A read-only open never changes a byte and reads
+// every block before the damage.
+TEST_F(BlockFile, DamageEndsTheChainRefusesOrWipesAndReadOnlyKeepsWhatIsBefore)
 {
     {
         cBlockFile f;
         ASSERT_TRUE(f.Open(path, true));
         ASSERT_TRUE(f.SetMaxCount(9));
-        ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);
+        for (const char* t : {"a", "b", "c"})
+            ASSERT_EQ(AppendText(f, t, static_cast<unsigned long long>(t[0])), BLOCKFILE_OK);
     }
-    std::string file = ReadFile(path);
-    PutLe(file, 17 + 4, file.size() - 10, 4);   // next block 10 bytes before the end
-    WriteFile(path, file);
+    const std::string good = ReadFile(path);
+    auto with = [&](size_t at, uint64_t v, int n) {
+        std::string b = good;
+        PutLe(b, at, v, n);
+        return b;
+    };
+    auto zeroed = [&](size_t at) {
+        std::string b = good;
+        std::fill(b.begin() + static_cast<long>(at), b.begin() + static_cast<long>(at) + 26, '\0');
+        return b;
+    };
+    struct sCase {
+        const char* what;
+        std::string bytes;
+        int readWrite;            // blocks after Open(false); -1 refused, -2 refused and wiped
+        unsigned long readOnly;   // blocks after OpenReadOnly
+    };
+    const std::vector<sCase> cases = {
+        {"intact", good, 3, 3},
+        {"second header zeroed", zeroed(44), 1, 1},
+        {"first header zeroed", zeroed(17), 0, 0},
+        {"second block points to itself", with(44 + 4, 44, 4), -1, 1},
+        {"first block's next at the end of the file", with(17 + 4, good.size(), 4), -1, 1},
+        {"third block loops back to the first", with(71 + 4, 17, 4), -1, 3},
+        {"first-block position into the header", with(5, 3, 4), -1, 0},
+        {"next header cut by the end of the file", with(44 + 4, good.size() - 10, 4), -2, 2},
+    };
+    for (const sCase& c : cases) {
+        WriteFile(path, c.bytes);
+        cBlockFile ro;
+        ASSERT_TRUE(ro.OpenReadOnly(path)) << c.what;
+        EXPECT_TRUE(ro.IsReadOnly());
+        EXPECT_EQ(ro.Count(), c.readOnly) << c.what;
+        EXPECT_EQ(ro.GetDamage().empty(), c.readWrite == 3) << c.what << ": " << ro.GetDamage();
+        for (unsigned long i = 0; i < ro.Count(); ++i)
+            EXPECT_EQ(ReadAt(ro, i).data, std::string(1, static_cast<char>('a' + i))) << c.what;
+        ro.Close();
+        EXPECT_EQ(ReadFile(path), c.bytes) << c.what << ": the read-only open wrote";
+
+        cBlockFile rw;
+        const bool opened = rw.Open(path, false);
+        EXPECT_EQ(opened, c.readWrite >= 0) << c.what;
+        if (opened) {
+            EXPECT_EQ(rw.Count(), static_cast<unsigned long>(c.readWrite)) << c.what;
+        }
+        if (c.readWrite == -2) {
+            const std::string wiped = ReadFile(path);
+            ASSERT_EQ(wiped.size(), 17u) << c.what;
+            EXPECT_EQ(Le(wiped, 1, 4), 9u);            // the maximum count survives
+            EXPECT_EQ(Le(wiped, 5, 4), 0u);
+        } else if (c.readWrite == -1) {
+            EXPECT_EQ(ReadFile(path), c.bytes) << c.what;
+        }
+    }
+    // Short or foreign headers are refused both ways.
     cBlockFile f;
-    EXPECT_FALSE(f.Open(path, false));
-    const std::string wiped = ReadFile(path);
-    ASSERT_EQ(wiped.size(), 17u);
-    EXPECT_EQ(Le(wiped, 1, 4), 9u);             // the maximum count survives
-    EXPECT_EQ(Le(wiped, 5, 4), 0u);
+    for (const std::string& bytes : {good.substr(0, 16), with(0, 2, 1)}) {
+        WriteFile(path, bytes);
+        EXPECT_FALSE(f.Open(path, false));
+        EXPECT_FALSE(f.OpenReadOnly(path));
+        EXPECT_FALSE(f.IsValid());
+    }
+    EXPECT_FALSE(f.OpenReadOnly(dir + "/missing"));
+}
+
+TEST_F(BlockFile, AFileOpenedReadOnlyIsNeverWritten)
+{
+    {
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, true));
+        ASSERT_TRUE(f.SetMaxCount(2));
+        ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);
+        ASSERT_EQ(AppendText(f, "b", 2), BLOCKFILE_OK);
+    }
+    const std::string before = ReadFile(path);
+    cRecordFile f;
+    ASSERT_TRUE(f.OpenReadOnly(path));
+    EXPECT_EQ(AppendText(f, "c", 3), BLOCKFILE_ERR);
+    EXPECT_FALSE(f.SetMaxCount(1));
+    EXPECT_FALSE(f.Commit());
+    f.Clear();
+    EXPECT_TRUE(f.IsValid());
+    EXPECT_EQ(f.Count(), 2u);
+    EXPECT_EQ(ReadAt(f, 1).data, "b");
+    f.Close();
+    EXPECT_FALSE(f.IsReadOnly());
+    EXPECT_EQ(ReadFile(path), before);
+}
+
+// A zeroed block header anywhere in a longer file: the file opens with
+// exactly the blocks before it, and appending goes on from the last of them.
+TEST_F(BlockFile, AZeroedBlockHeaderKeepsEveryBlockBeforeIt)
+{
+    {
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, true));
+        for (unsigned long long i = 0; i < 60; ++i)
+            ASSERT_EQ(AppendText(f, Payload(i * 7 % 50), i), BLOCKFILE_OK);
+    }
+    const std::string good = ReadFile(path);
+    std::vector<size_t> positions;
+    for (size_t pos = 17; pos < good.size(); pos += Le(good, pos, 4))
+        positions.push_back(pos);
+    ASSERT_EQ(positions.size(), 60u);
+    for (size_t k : {size_t(0), size_t(1), size_t(9), size_t(30), size_t(59)}) {
+        std::string bytes = good;
+        std::fill(bytes.begin() + static_cast<long>(positions[k]),
+                  bytes.begin() + static_cast<long>(positions[k]) + 26, '\0');
+        WriteFile(path, bytes);
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, false)) << "block " << k;
+        ASSERT_EQ(f.Count(), k);
+        EXPECT_NE(f.GetDamage().find("block " + std::to_string(k) + " at position " + std::to_string(positions[k])),
+                  std::string::npos)
+            << f.GetDamage();
+        for (unsigned long i = 0; i < k; ++i)
+            ASSERT_EQ(ReadAt(f, i).result, BLOCKFILE_OK);
+        ASSERT_EQ(AppendText(f, "new", 99), BLOCKFILE_OK);
+        f.Close();
+        ASSERT_TRUE(f.Open(path, false));
+        EXPECT_EQ(f.Count(), k + 1);
+        EXPECT_EQ(ReadAt(f, k).data, "new");
+        EXPECT_EQ(f.GetDamage(), "");
+    }
 }
 
 TEST_F(BlockFile, RingDropsTheOldestAndReusesItsSpace)
@@ -738,4 +820,172 @@ TEST_F(BlockFile, LongRunningRingKeepsTheNewestBlocks)
     ASSERT_TRUE(ChainIsIntact(path, &youngest, &count));
     EXPECT_EQ(count, 100u);
     EXPECT_EQ(youngest, static_cast<long long>(n - 1));
+}
+
+namespace {
+
+// A writer that kills itself with SIGKILL around its n-th write (0 = the
+// first write after the hook is installed): before the write, or just after
+// it.
+int gKillAtWrite = -1;
+bool gKillAfterWrite = false;
+
+ssize_t KillingWrite(int fd, const void* data, size_t len, off_t pos)
+{
+    if (gKillAtWrite-- == 0) {
+        if (gKillAfterWrite)
+            (void)!pwrite(fd, data, len, pos);
+        kill(getpid(), SIGKILL);
+    }
+    return pwrite(fd, data, len, pos);
+}
+
+// Runs Body in a child process with the killing write installed; the child
+// must die by the signal.
+void RunKilledAt(int write, bool after, const std::function<void()>& body)
+{
+    orvo_test::sChild child = orvo_test::StartChild(
+        [&](int) {
+            gKillAtWrite = write;
+            gKillAfterWrite = after;
+            body();
+            return 3;    // not killed: the write never came
+        },
+        30);
+    ASSERT_EQ(orvo_test::EndChild(child), -1) << "write " << write << (after ? " after" : " before");
+}
+
+}  // namespace
+
+// Clear and the Open that creates a file, killed before and after each of
+// their writes, and at random moments: every file opens again afterwards.
+TEST_F(BlockFile, AKilledClearOrCreationLeavesAFileThatOpens)
+{
+    for (bool after : {false, true}) {
+        // Creation: the header is its one write.
+        unlink(path.c_str());
+        RunKilledAt(0, after, [&] {
+            blockfile_io::Write = KillingWrite;
+            cBlockFile f;
+            (void)f.Open(path, true);
+        });
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, true)) << (after ? "after" : "before") << " the creating write";
+        EXPECT_EQ(f.Count(), 0u);
+        ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);
+        f.Close();
+        // Clear of a file with blocks: its header write (and the maximum count's).
+        for (int write : {0, 1}) {
+            RunKilledAt(write, after, [&] {
+                cBlockFile g;
+                if (!g.Open(path, true) || !g.SetMaxCount(5))
+                    _exit(4);
+                blockfile_io::Write = KillingWrite;
+                g.Clear();
+            });
+            ASSERT_TRUE(f.Open(path, true)) << "write " << write;
+            EXPECT_LE(f.Count(), 1u);
+            ASSERT_EQ(AppendText(f, "b", 2), BLOCKFILE_OK);
+            f.Close();
+        }
+    }
+    // Random moments in a loop of clears and appends.
+    for (int run = 0; run < 200; ++run) {
+        orvo_test::sChild child = orvo_test::StartChild(
+            [&](int toParent) {
+                cBlockFile g;
+                char ready = 1;
+                (void)!write(toParent, &ready, 1);
+                for (unsigned long long i = 0;; ++i) {
+                    if (!g.Open(path, true))
+                        return 5;
+                    (void)AppendText(g, "x", i);
+                    g.Clear();
+                }
+            },
+            30);
+        char ready = 0;
+        ASSERT_EQ(read(child.pipe, &ready, 1), 1);
+        usleep(static_cast<useconds_t>(run % 20) * 50);
+        kill(child.pid, SIGKILL);
+        ASSERT_EQ(orvo_test::EndChild(child), -1) << "run " << run;
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, true)) << "run " << run << ": " << ReadFile(path).size() << " bytes";
+    }
+}
+
+// In a full ring, Append drops the oldest block (header rewrite) before it
+// writes the new one: a kill between the two leaves one block fewer, and
+// nothing damaged. With a maximum of 1 that is the only block.
+TEST_F(BlockFile, AKillBetweenTheRingsHeaderAndBlockWritesLosesTheOldest)
+{
+    for (unsigned long maxCount : {3UL, 1UL}) {
+        unlink(path.c_str());
+        {
+            cBlockFile f;
+            ASSERT_TRUE(f.Open(path, true));
+            ASSERT_TRUE(f.SetMaxCount(maxCount));
+            for (unsigned long long i = 0; i < maxCount; ++i)
+                ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
+        }
+        RunKilledAt(0, true, [&] {
+            cBlockFile g;
+            if (!g.Open(path, true))
+                _exit(4);
+            blockfile_io::Write = KillingWrite;
+            (void)AppendText(g, Payload(maxCount), maxCount);
+        });
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, false));
+        EXPECT_EQ(f.GetDamage(), "");
+        ASSERT_EQ(f.Count(), maxCount - 1);
+        for (unsigned long i = 0; i < f.Count(); ++i) {
+            const sRead r = ReadAt(f, i);
+            ASSERT_EQ(r.result, BLOCKFILE_OK);
+            EXPECT_EQ(r.bstime, i + 1);
+        }
+    }
+}
+
+TEST_F(BlockFile, EqualStampsKeepChainOrderInARange)
+{
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, true));
+    for (unsigned long i = 0; i < 40; ++i)
+        ASSERT_EQ(AppendText(f, "x", i % 5 == 0 ? 7 : 9, 1700000000000ULL + (i % 3)), BLOCKFILE_OK);
+    std::deque<unsigned long> byStamp, byCTime;
+    ASSERT_EQ(f.GetIndizesByTime(byStamp, 1ULL, 100ULL), 40u);
+    ASSERT_EQ(f.GetIndizesByTime(byCTime, Ms(1), Ms(1800000000000ULL)), 40u);
+    std::vector<unsigned long> stamp7, stamp9, ctimes[3];
+    for (unsigned long i = 0; i < 40; ++i) {
+        (i % 5 == 0 ? stamp7 : stamp9).push_back(i);
+        ctimes[i % 3].push_back(i);
+    }
+    std::vector<unsigned long> wanted = stamp7;
+    wanted.insert(wanted.end(), stamp9.begin(), stamp9.end());
+    EXPECT_EQ(std::vector<unsigned long>(byStamp.begin(), byStamp.end()), wanted);
+    wanted = ctimes[0];
+    wanted.insert(wanted.end(), ctimes[1].begin(), ctimes[1].end());
+    wanted.insert(wanted.end(), ctimes[2].begin(), ctimes[2].end());
+    EXPECT_EQ(std::vector<unsigned long>(byCTime.begin(), byCTime.end()), wanted);
+}
+
+// The reserved header words are written as 0 whatever the file held.
+TEST_F(BlockFile, ReservedHeaderWordsAreWrittenAsZero)
+{
+    {
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, true));
+    }
+    std::string bytes = ReadFile(path);
+    PutLe(bytes, 9, 0xDEADBEEF, 4);
+    PutLe(bytes, 13, 0x01020304, 4);
+    WriteFile(path, bytes);
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, false));
+    ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);     // rewrites the header
+    EXPECT_EQ(Le(ReadFile(path), 9, 4), 0u);
+    EXPECT_EQ(Le(ReadFile(path), 13, 4), 0u);
+    f.Clear();
+    EXPECT_EQ(ReadFile(path), std::string("\x01\x00\x00\x00\x00", 5) + std::string(12, '\0'));
 }
