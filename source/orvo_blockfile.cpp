@@ -103,15 +103,30 @@ ssize_t ReadAll(int fd, void* data, size_t len, off_t pos)
     return static_cast<ssize_t>(done);
 }
 
+// Blocks at least this large are walked one header read at a time: reading
+// (or populating a mapping of) the payloads between their headers would cost
+// more than the reads it saves.
+constexpr uint32_t kLargeBlock = 16 * 1024;
+
 // Reads block headers for the chain walk: through a read-only mapping of the
 // whole file (populated at once, no copy of the payloads), or, when the file
 // cannot be mapped, through a large window of it, so that a file whose blocks
-// lie in chain order costs one read per window, not one per header.
+// lie in chain order costs one read per window, not one per header. A file of
+// large blocks (judged by its first) is read one 26-byte header at a time,
+// so that opening it costs time in proportion to its blocks, not its bytes.
 class cChainReader {
 public:
-    cChainReader(int fd, uint64_t fileSize) : m_fd(fd)
+    cChainReader(int fd, uint64_t fileSize, uint32_t firstPos) : m_fd(fd)
     {
-        if (fileSize == 0 || fileSize > blockfile_io::MapLimit)
+        if (fileSize == 0)
+            return;
+        unsigned char first[kBlockHeaderSize];
+        if (firstPos != 0 && ReadAll(fd, first, sizeof first, firstPos) == static_cast<ssize_t>(sizeof first) &&
+            GetU32(first) >= kLargeBlock) {
+            m_HeaderAtATime = true;
+            return;
+        }
+        if (fileSize > blockfile_io::MapLimit)
             return;
         void* p = ::mmap(nullptr, static_cast<size_t>(fileSize), PROT_READ, MAP_SHARED | MAP_POPULATE, fd, 0);
         if (p == MAP_FAILED)
@@ -131,6 +146,10 @@ public:
     // Copies up to 26 bytes at pos into out; returns how many the file holds.
     size_t Header(uint32_t pos, unsigned char* out)
     {
+        if (m_HeaderAtATime) {
+            const ssize_t n = ReadAll(m_fd, out, kBlockHeaderSize, pos);
+            return n > 0 ? static_cast<size_t>(n) : 0;
+        }
         const unsigned char* base = m_Map;
         if (base == nullptr) {
             if (pos < m_Start || pos + kBlockHeaderSize > m_Start + m_Len) {
@@ -151,6 +170,7 @@ public:
 
 private:
     int m_fd;
+    bool m_HeaderAtATime = false;
     const unsigned char* m_Map = nullptr;
     std::vector<unsigned char> m_Window;
     uint64_t m_Start = 0;
@@ -335,7 +355,7 @@ bool cBlockFile::ReadChain()
     const uint64_t fileSize = static_cast<uint64_t>(st.st_size);
     m_FileEnd = fileSize;
     const uint64_t maxBlocks = fileSize > kFileHeaderSize ? (fileSize - kFileHeaderSize) / kBlockHeaderSize : 0;
-    cChainReader reader(m_fd, fileSize);
+    cChainReader reader(m_fd, fileSize, m_FirstPos < fileSize ? m_FirstPos : 0);
     uint32_t pos = m_FirstPos;
     while (pos != 0) {
         if (pos >= fileSize || pos < kFileHeaderSize)

@@ -989,3 +989,29 @@ TEST_F(BlockFile, ReservedHeaderWordsAreWrittenAsZero)
     f.Clear();
     EXPECT_EQ(ReadFile(path), std::string("\x01\x00\x00\x00\x00", 5) + std::string(12, '\0'));
 }
+
+// Files of large blocks are walked one header read at a time: the same chain,
+// the same damage rules.
+TEST_F(BlockFile, LargeBlocksOpenHeaderByHeader)
+{
+    const std::string big(20 * 1024, 'L');
+    {
+        cBlockFile f;
+        ASSERT_TRUE(f.Open(path, true));
+        for (unsigned long long i = 0; i < 12; ++i)
+            ASSERT_EQ(AppendText(f, big + std::to_string(i), i), BLOCKFILE_OK);
+    }
+    cBlockFile f;
+    ASSERT_TRUE(f.Open(path, false));
+    ASSERT_EQ(f.Count(), 12u);
+    EXPECT_EQ(ReadAt(f, 11).data, big + "11");
+    f.Close();
+    std::string bytes = ReadFile(path);
+    const size_t fifth = 17 + 5 * (26 + big.size() + 1);
+    std::fill(bytes.begin() + static_cast<long>(fifth), bytes.begin() + static_cast<long>(fifth) + 26, '\0');
+    WriteFile(path, bytes.substr(0, bytes.size() - 5));    // and the last payload cut short
+    ASSERT_TRUE(f.OpenReadOnly(path));
+    EXPECT_EQ(f.Count(), 5u);
+    EXPECT_EQ(ReadAt(f, 4).data, big + "4");
+    EXPECT_NE(f.GetDamage().find("block 5 at position " + std::to_string(fifth)), std::string::npos);
+}
