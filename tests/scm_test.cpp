@@ -569,6 +569,8 @@ TEST_F(Scm, ASapThatCannotBeBoundIsRegisteredAsPortZero)
     SetTraceOut(UnitORVO, OUTPUT_STDOUT);
     testing::internal::CaptureStdout();
     svc.Init("tsvc", cSocketAddr("127.0.0.1", ntohs(a.sin_port)), "log");
+    tick = new cTimer(&svc, true, nullptr);
+    tick->Start(10, TICK);
     ASSERT_TRUE(scm.Accept());
     ASSERT_TRUE(scm.Announce("scm"));
     EXPECT_EQ(Next(scm.fd).GetType(), MSG_SOCKET_CONNECTED);
