@@ -10,6 +10,7 @@ using namespace orvo;
 namespace {
 
 tArg gArgs[] = {{"-scm-sap", "address of the SCM", "127.0.0.1:47000", OnArg_Text},
+                {"-ip", "address of this service's sap", "127.0.0.1", OnArg_Text},
                 {nullptr, nullptr, nullptr, nullptr}};
 
 cUnit UnitClient("client", INFO, OUTPUT_NONE);
@@ -58,12 +59,13 @@ int main(int argc, char** argv)
     cFirstLink link(&service);
     cMsg msg;
     while (link.m_Result < 0 && service.GetMessage(msg)) {
+        if (msg == MSG_SCM_WDT) {
+            service.SetWDT(msg);
+            continue;
+        }
         if (msg == MSG_SCM_GETCONFIG_ACK)
             service.SetReady();
-        else if (msg == MSG_SCM_WDT)
-            service.SetWDT(msg);
-        else
-            link.ProcessMsg(msg);
+        link.ProcessMsg(msg);   // the configuration starts its look-up of "first"
     }
     const int result = link.m_Result == 0 ? 0 : 1;
     service.DeInit();
