@@ -8,6 +8,8 @@
 #include "orvo_uuid.h"
 #include "orvo_obis.h"
 #include "orvo_data.h"
+#include "orvo_base64.h"
+#include "orvo_hash.h"
 #include "orvo_crc.h"
 #include "orvo_membuffer.h"
 #include "orvo_record.h"
