@@ -10,6 +10,7 @@
 #include "orvo_data.h"
 #include "orvo_base64.h"
 #include "orvo_hash.h"
+#include "orvo_aes.h"
 #include "orvo_crc.h"
 #include "orvo_membuffer.h"
 #include "orvo_record.h"
