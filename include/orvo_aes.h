@@ -20,14 +20,15 @@
 //
 // Streaming: Begin (direction, IV), for GCM AddAad, Update any number of
 // times, for GCM decryption SetTag, Finish; for GCM encryption GetTag after
-// Finish. Update's out needs room for len + 16 bytes and may
-// overlap in as in-place use does: out placed where the output returned so
-// far ends (never after in), e.g. out == in for whole blocks. Finish
-// writes at most GetPendingSize() bytes (the last block of ECB/CBC; in GCM on the kernel path every byte since Begin, as the kernel
-// takes a GCM message whole, which also means no plaintext leaves before
-// its tag is checked). GCM decryption with a wrong tag fails with ERR_AUTH;
-// the caller must discard whatever Update wrote. Kernel GCM messages are
-// limited to 64 kB (AAD included); Auto uses EVP for longer ones.
+// Finish. Update's out needs room for len + 16 bytes and may overlap in the
+// way in-place use does: out where the output returned so far ends, never
+// after in (out == in for whole blocks). Finish writes at most
+// GetPendingSize() bytes: the last block of ECB/CBC, and in GCM on the kernel
+// path every byte since Begin, as the kernel takes a GCM message whole (so no
+// plaintext leaves before its tag is checked). GCM decryption with a wrong
+// tag fails with ERR_AUTH; the caller must discard whatever Update wrote.
+// Kernel GCM messages are limited to 64 kB (AAD included); Auto uses EVP for
+// longer ones.
 //
 // Keys are wiped from memory (SetKey again, or destruction). Not
 // thread-safe: one object per thread. Results: 1 or a negative ERR_ code.
