@@ -315,7 +315,8 @@ int cAES::FinishKernel(unsigned char* out, size_t& outLen)
             return 1;
         }
         const size_t pad = BLOCK_SIZE - m_Held.size();
-        std::memcpy(block, m_Held.data(), m_Held.size());
+        if (!m_Held.empty())
+            std::memcpy(block, m_Held.data(), m_Held.size());
         std::memset(block + m_Held.size(), static_cast<int>(pad), pad);
         const int rc = RunKernel(block, BLOCK_SIZE, out);
         if (rc == 1)
@@ -374,7 +375,8 @@ int cAES::FinishKernelGcm(unsigned char* out, size_t& outLen)
     std::vector<unsigned char> result(m_Aad.size() + len + GCM_TAG_SIZE);
     const ssize_t got = m_pKernel->Run(m_Encrypt, m_Iv, GCM_IV_SIZE, m_Aad.size(), buf.data(), buf.size(),
                                        result.data(), result.size());
-    OPENSSL_cleanse(m_Held.data(), m_Held.size());
+    if (!m_Held.empty())
+        OPENSSL_cleanse(m_Held.data(), m_Held.size());
     m_Held.clear();
     if (got == -EBADMSG)
         return Fail(ERR_AUTH, "GCM tag mismatch: message refused");
@@ -382,7 +384,8 @@ int cAES::FinishKernelGcm(unsigned char* out, size_t& outLen)
     if (got < 0 || static_cast<size_t>(got) < want)
         return Fail(ERR_CIPHER, std::string("kernel GCM request failed: ") +
                                     (got < 0 ? std::strerror(static_cast<int>(-got)) : "short"));
-    std::memcpy(out, result.data() + m_Aad.size(), len);
+    if (len > 0)
+        std::memcpy(out, result.data() + m_Aad.size(), len);
     if (m_Encrypt)
         std::memcpy(m_Tag, result.data() + m_Aad.size() + len, GCM_TAG_SIZE);
     OPENSSL_cleanse(result.data(), result.size());
