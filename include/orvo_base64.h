@@ -51,6 +51,8 @@ public:
                        eBase64Alphabet alphabet = eBase64Alphabet::Standard);
     static bool Decode(const std::string& text, std::vector<unsigned char>& out,
                        eBase64Alphabet alphabet = eBase64Alphabet::Standard);
+    static bool Decode(const std::string& text, std::string& out,
+                       eBase64Alphabet alphabet = eBase64Alphabet::Standard);
 };
 
 }  // namespace orvo

@@ -214,4 +214,16 @@ bool cBase64::Decode(const std::string& text, std::vector<unsigned char>& out, e
     return Decode(text.data(), text.size(), out, alphabet);
 }
 
+bool cBase64::Decode(const std::string& text, std::string& out, eBase64Alphabet alphabet)
+{
+    out.assign(DecodedMaxSize(text.size()), '\0');
+    size_t outLen = 0;
+    if (!Decode(text.data(), text.size(), reinterpret_cast<unsigned char*>(&out[0]), outLen, alphabet)) {
+        out.clear();
+        return false;
+    }
+    out.resize(outLen);
+    return true;
+}
+
 }  // namespace orvo

@@ -47,6 +47,9 @@ TEST(Base64Test, Rfc4648VectorsBothWays)
         EXPECT_EQ(out, v[0]);
         EXPECT_TRUE(DecodeExact(v[2], out));  // padding is optional when decoding
         EXPECT_EQ(out, v[0]);
+        std::string text = "unchanged";
+        EXPECT_TRUE(cBase64::Decode(std::string(v[1]), text));
+        EXPECT_EQ(text, v[0]);
         const std::string s(v[0]);
         EXPECT_EQ(cData(reinterpret_cast<const unsigned char*>(s.data()), int(s.size()), false).ToBase64(), v[1]);
     }
