@@ -469,6 +469,28 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
     }
 }
 
+namespace {
+
+// A name that is no unit gets an empty map entry, which listings skip, but
+// only up to this many empty entries: a peer that sends made-up names must
+// not grow the map (and every later walk of it) without end.
+constexpr size_t kMaxEmptyUnitEntries = 256;
+
+cUnit* UnitForTraceOn(const std::string& name)
+{
+    auto it = mUnits->find(name);
+    if (it != mUnits->end())
+        return it->second;
+    size_t empty = 0;
+    for (const auto& entry : *mUnits)
+        empty += entry.second == nullptr;
+    if (empty < kMaxEmptyUnitEntries)
+        mUnits->emplace(name, nullptr);
+    return nullptr;
+}
+
+}  // namespace
+
 void cService::OnTraceOn(cMsg& msg)
 {
     cRecord units;
@@ -482,8 +504,7 @@ void cService::OnTraceOn(cMsg& msg)
             cRecordPar level = entry.GetFirstPar("level");
             if (!name.IsValid() || !level.IsValid())
                 continue;
-            // An unknown name gets an empty map entry, which listings skip.
-            SetTraceLevel((*mUnits)[name.GetString()], level.GetString());
+            SetTraceLevel(UnitForTraceOn(name.GetString()), level.GetString());
         }
     }
     if (msg.GetChannel() != nullptr)
