@@ -42,6 +42,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -63,6 +64,7 @@ class cMsgTcpSocket;
 class cMsgUdpSocket;
 template <class T> class cTcpServer;
 class cService;
+class cKernelWait;
 
 // Direction of a snoop report: 1 for messages received (handed out by
 // GetMessage, delivered to a state machine), 0 for messages sent.
@@ -285,27 +287,22 @@ private:
         uint32_t wait;           // non-zero: the WaitSyncMsg time-out of that number
     };
 
-    // One pass of ScheduleSelect: the sets select worked on, the
-    // registration number at its start and errno after it.
-    // Only the words of the sets up to the one holding descriptor top are
-    // copied (and meaningful); select reads no further.
+    // One pass of ScheduleSelect: the registration number at its start and
+    // errno after the wait.
     struct sSelectPass {
-        fd_set read, write, except;
-        int top;
         uint32_t seq;
         int error;
     };
-    // Copies the sets and waits in select (the wake-up descriptor included)
-    // with the nearest timer as time-out; select's result without the
-    // wake-up descriptor.
+    // Brings the kernel's interest in step with the table and waits (the
+    // wake-up descriptor included) with the nearest timer as time-out; the
+    // number of ready descriptors of the table, or -1.
     int WaitForEvents(sSelectPass& pass);
-    // Hands the ready descriptors of the pass to their channels.
-    void DispatchReady(sSelectPass& pass, int ready);
-    // The same when select reported one descriptor in one set.
-    void DispatchOne(sSelectPass& pass);
-    // Hands fd's readiness in pass to channel, or drops fd's entry when the
-    // channel has moved to another descriptor.
-    void HandOn(cChannel* channel, int fd, const sSelectPass& pass);
+    // Hands the ready descriptors of the pass to their channels, in table
+    // order.
+    void DispatchReady(const sSelectPass& pass);
+    // Hands events to channel, or drops fd's entry when the channel has
+    // moved to another descriptor.
+    void HandOn(cChannel* channel, int fd, int events);
     // Runs the handlers of the pending signals; true when any was pending.
     bool RunSignalHandlers();
     // A failed select: trace, full unregistration on EBADF, 0x1003.
@@ -372,6 +369,8 @@ private:
     mutable std::mutex m_TableLock;
     uint32_t m_SelectSeq;                    // last registration number given
     std::atomic<pid_t> m_LoopThread{0};      // thread that runs the loop; 0 before the first pass
+    // The kernel side of the wait (epoll, or select in a select build).
+    std::unique_ptr<cKernelWait> m_pWait;
     uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
     std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
 
