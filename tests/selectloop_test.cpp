@@ -259,7 +259,7 @@ TEST_F(SelectLoop, DescriptorAtTheTableLimitIsRefusedAndTheRestStillServed)
     small.Attach(::dup(p.fd[0]));
     const int high = ::fcntl(p.fd[0], F_DUPFD, cService::kMaxSelect);
     if (high < 0)
-        GTEST_SKIP() << "no descriptor at " << cService::kMaxSelect << " (limit too low)";
+        GTEST_SKIP() << "no descriptor at " << static_cast<int>(cService::kMaxSelect) << " (limit too low)";
     SetTraceOut(UnitORVO, OUTPUT_STDOUT);
     testing::internal::CaptureStdout();
     EXPECT_EQ(svc.ChannelAsyncSelect(high, SELECT_READ, &big, nullptr), -1);
