@@ -59,7 +59,7 @@ echo "$table" | awk -F'\t' -v names="$(echo "$allowed" | sed 's/^[^:]*://' | tr 
 BEGIN { n = split(names, list, " "); for (i = 1; i <= n; ++i) ok[list[i]] = 1 }
 {
     type = $1; mangled = $2; name = $3; ++count
-    if (mangled ~ /^(__odr_asan_|__asan_|__tsan_|__ubsan_|__sanitizer_)/) next   # instrumentation
+    if (mangled ~ /^(__odr_asan|__asan_|__tsan_|__ubsan_|__sanitizer_)/) next   # instrumentation
     sub(/^(vtable for|typeinfo for|typeinfo name for|VTT for|construction vtable for|non-virtual thunk to|virtual thunk to|guard variable for) /, "", name)
     if (name ~ /^((void|bool) )?(std|__gnu_cxx)::/) {
         if (type == "W" || type == "V" || type == "u") next
