@@ -30,8 +30,9 @@
 //
 // Thread safety: a service is used only by the thread that runs its loop,
 // except SendToInternal, which any thread may call to post into another
-// service (the send path is locked per sending service), AddWriteInterest
-// (senders of other threads), and the static stop-flag functions. No library
+// service (the send path is locked per sending service), the write interest
+// a framed socket's sender of another thread adds through its channel, and
+// the static stop-flag functions. No library
 // lock is held while a handler runs or a channel sends; the locks, their
 // order and the re-entrancy rules are described in docs/architecture.md.
 #pragma once
@@ -162,23 +163,6 @@ public:
     int ChannelAsyncSelect(cChannel* channel, int events, void* ctx);
     // The events currently registered for fd (0 when none).
     int GetSelectEvents(int fd) const;
-    // True when fd is registered for channel with exactly events (and no
-    // context), so that registering it again would change nothing. Any
-    // thread, without the table lock: channels use it to skip the
-    // re-registration after each read.
-    bool IsRegisteredAs(int fd, const cChannel* channel, int events) const
-    {
-        return fd >= 0 && fd < kMaxSelect && (events & ~3) == 0 &&   // read and write only
-               m_RegisteredAs[fd].load(std::memory_order_relaxed) ==
-                   (reinterpret_cast<uintptr_t>(channel) | static_cast<uintptr_t>(events));
-    }
-    // Drops every entry that names channel, whatever its descriptor; a
-    // channel's destructor calls it so the loop never sees it again.
-    void ForgetChannel(cChannel* channel);
-    // Any thread: adds write readiness to channel's registration (when it
-    // is registered) and, with wakeLoop, wakes the loops so the next select
-    // sees it. Senders of other threads use it (cChannel::WantWriteReady).
-    void AddWriteInterest(cChannel* channel, bool wakeLoop);
     // True on the thread that last ran this service's loop, and before any
     // thread ran it.
     bool IsLoopThread() const;
@@ -275,6 +259,27 @@ protected:
     void SetThreadService(bool on) { m_bThreadService = on; }
 
 private:
+    // Channels keep their registration in step through these (cChannel
+    // only; not part of the API).
+    friend class cChannel;
+    // True when fd is registered for channel with exactly events (and no
+    // context), so that registering it again would change nothing. Any
+    // thread, without the table lock: channels use it to skip the
+    // re-registration after each read.
+    bool IsRegisteredAs(int fd, const cChannel* channel, int events) const
+    {
+        return fd >= 0 && fd < kMaxSelect && (events & ~3) == 0 &&   // read and write only
+               m_RegisteredAs[fd].load(std::memory_order_relaxed) ==
+                   (reinterpret_cast<uintptr_t>(channel) | static_cast<uintptr_t>(events));
+    }
+    // Drops every entry that names channel, whatever its descriptor; a
+    // channel's destructor calls it so the loop never sees it again.
+    void ForgetChannel(cChannel* channel);
+    // Any thread: adds write readiness to channel's registration (when it
+    // is registered) and, with wakeLoop, wakes the loops so the next select
+    // sees it. Senders of other threads use it (cChannel::WantWriteReady).
+    void AddWriteInterest(cChannel* channel, bool wakeLoop);
+
     struct sSelectEntry {
         int fd;                  // the descriptor
         cChannel* channel;       // null: free entry
