@@ -1,7 +1,8 @@
 # Thin wrapper over CMake. `make demo` builds the library and runs the record
 # tour example; `make test` installs what is missing and runs the whole suite
-# on the host, under AddressSanitizer + UndefinedBehaviorSanitizer and on
-# 32-bit ARM (qemu), then the install test and a short run of every fuzzer.
+# on the host (with the epoll and with the select wait), under AddressSanitizer
+# + UndefinedBehaviorSanitizer and on 32-bit ARM (qemu), then the install test
+# and a short run of every fuzzer.
 
 SHELL := /bin/bash
 JOBS ?= 2
@@ -25,12 +26,13 @@ FUZZ_SECONDS ?= 60
 HOST_DIR := $(BUILD)/host
 ASAN_DIR := $(BUILD)/asan
 TSAN_DIR := $(BUILD)/tsan
+SELECT_DIR := $(BUILD)/host-select
 ARM_DIR := $(BUILD)/arm
 FUZZ_DIR := $(BUILD)/fuzz
 BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
-.PHONY: all deps build demo test host-test install-test asan-build asan-test tsan-build tsan-test \
+.PHONY: all deps build demo test host-test select-build select-test install-test asan-build asan-test tsan-build tsan-test \
         arm-sysroot arm-build arm-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench install clean
 
 all: build
@@ -54,6 +56,16 @@ test: deps
 
 host-test: build
 	cd $(HOST_DIR) && $(CTEST_RUN) -E '^install_test$$'
+
+# The host suite again with the service loops waiting in select() instead of
+# epoll (-DORVO_SELECT_WAIT=ON): both waits keep the same behaviour.
+select-build:
+	$(CMAKE) -S . -B $(SELECT_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_SANITIZE=OFF \
+	    -DORVO_SELECT_WAIT=ON
+	$(CMAKE) --build $(SELECT_DIR) -j$(JOBS)
+
+select-test: select-build
+	cd $(SELECT_DIR) && $(CTEST_RUN) -E '^install_test$$'
 
 install-test: build
 	cd $(HOST_DIR) && $(CTEST_RUN) -R '^install_test$$'
@@ -115,6 +127,7 @@ bench-build:
 bench-smoke: bench-build
 	$(BENCH_DIR)/bench/record_bench --benchmark_min_time=0.01 --benchmark_repetitions=1
 	$(BENCH_DIR)/bench/ipc_bench --rr=1000 --oneway=20000
+	$(BENCH_DIR)/bench/loop_bench --rr=200 --rounds=1
 	$(BENCH_DIR)/bench/tls_bench --bytes=2000000 --handshakes=20 --seconds=1
 	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
 	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1

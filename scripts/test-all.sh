@@ -47,6 +47,7 @@ stage() {
 
 total_start=$SECONDS
 stage host host-test
+stage select select-test
 stage install install-test
 stage asan asan-test
 stage tsan tsan-test

@@ -28,6 +28,7 @@
 #include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_selectloop.h"
+#include "orvo_kernelwait.h"
 #include "orvo_snoop.h"
 #include "orvo_socket.h"
 #include "orvo_statem.h"
@@ -171,7 +172,8 @@ cService::cService()
       m_TimelostMs(8000),
       m_QueueLimit(200),
       m_pSendLock(new cCriticalSection()),
-      m_SelectSeq(0)
+      m_SelectSeq(0),
+      m_pWait(new cKernelWait())
 {
     ClearSelectTable();
     // Senders of other threads wake the loop through it, Init or not.
