@@ -13,12 +13,15 @@ set -uo pipefail
 lib="$1"
 
 allowed="
+orvo_aes: cAES
+orvo_base64: cBase64
 orvo_blockfile: GetBlockFileErrorText cBlock cBlockFile cRecordFile
 orvo_bytebuffer: cByteBuffer
 orvo_channel: cChannel
 orvo_crc: addByte2CRC16 checkCRC16 createCRC16 initCRC16 verifyCRC16
 orvo_data: cData cHelper
 orvo_eeprom: cEEPROM cEEPROM_Pattern
+orvo_hash: cHashCalculator cSHA256Calculator cSHA1Calculator cMD5Calculator cHMACSHA256Calculator
 orvo_handle: HandleAlive HandleCount HandleCreate HandleOf HandleRelease HandleResolve
 orvo_icmp: cIcmpSocket
 orvo_init: GetConfig GetExeName GetIfConfByName GetOrvoVersion GetPid OnArg_Bool OnArg_Int OnArg_Text Sleep orvoDeinit orvoInit orvoParseArgs
