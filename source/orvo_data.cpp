@@ -9,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "orvo_base64.h"
+#include "orvo_hash.h"
 #include "orvo_trace.h"
 
 namespace orvo {
@@ -50,108 +52,6 @@ int HexValue(unsigned char c)
     if (c >= 'A' && c <= 'F')
         return c - 'A' + 10;
     return -1;
-}
-
-// ---- MD5 (RFC 1321) ---------------------------------------------------------
-
-class cMd5 {
-public:
-    void Update(const unsigned char* p, size_t n)
-    {
-        for (size_t i = 0; i < n; ++i) {
-            m_Block[m_Fill++] = p[i];
-            if (m_Fill == 64) {
-                Transform();
-                m_Fill = 0;
-            }
-        }
-        m_Bits += static_cast<uint64_t>(n) * 8;
-    }
-
-    void Final(unsigned char out[16])
-    {
-        const uint64_t bits = m_Bits;
-        const unsigned char pad = 0x80;
-        Update(&pad, 1);
-        const unsigned char zero = 0;
-        while (m_Fill != 56)
-            Update(&zero, 1);
-        unsigned char len[8];
-        for (int i = 0; i < 8; ++i)
-            len[i] = static_cast<unsigned char>(bits >> (8 * i));
-        Update(len, 8);
-        for (int i = 0; i < 4; ++i)
-            for (int k = 0; k < 4; ++k)
-                out[i * 4 + k] = static_cast<unsigned char>(m_State[i] >> (8 * k));
-    }
-
-private:
-    static uint32_t Rotl(uint32_t x, int c) { return (x << c) | (x >> (32 - c)); }
-
-    void Transform()
-    {
-        static const uint32_t K[64] = {
-            0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613,
-            0xfd469501, 0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193,
-            0xa679438e, 0x49b40821, 0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d,
-            0x02441453, 0xd8a1e681, 0xe7d3fbc8, 0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed,
-            0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a, 0xfffa3942, 0x8771f681, 0x6d9d6122,
-            0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70, 0x289b7ec6, 0xeaa127fa,
-            0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665, 0xf4292244,
-            0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
-            0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb,
-            0xeb86d391};
-        static const int S[64] = {7, 12, 17, 22, 7, 12, 17, 22, 7, 12, 17, 22, 7, 12, 17, 22,
-                                  5, 9,  14, 20, 5, 9,  14, 20, 5, 9,  14, 20, 5, 9,  14, 20,
-                                  4, 11, 16, 23, 4, 11, 16, 23, 4, 11, 16, 23, 4, 11, 16, 23,
-                                  6, 10, 15, 21, 6, 10, 15, 21, 6, 10, 15, 21, 6, 10, 15, 21};
-        uint32_t m[16];
-        for (int i = 0; i < 16; ++i)
-            m[i] = static_cast<uint32_t>(m_Block[i * 4]) |
-                   static_cast<uint32_t>(m_Block[i * 4 + 1]) << 8 |
-                   static_cast<uint32_t>(m_Block[i * 4 + 2]) << 16 |
-                   static_cast<uint32_t>(m_Block[i * 4 + 3]) << 24;
-        uint32_t a = m_State[0], b = m_State[1], c = m_State[2], d = m_State[3];
-        for (int i = 0; i < 64; ++i) {
-            uint32_t f;
-            int g;
-            if (i < 16) {
-                f = (b & c) | (~b & d);
-                g = i;
-            } else if (i < 32) {
-                f = (d & b) | (~d & c);
-                g = (5 * i + 1) % 16;
-            } else if (i < 48) {
-                f = b ^ c ^ d;
-                g = (3 * i + 5) % 16;
-            } else {
-                f = c ^ (b | ~d);
-                g = (7 * i) % 16;
-            }
-            const uint32_t next = b + Rotl(a + f + K[i] + m[g], S[i]);
-            a = d;
-            d = c;
-            c = b;
-            b = next;
-        }
-        m_State[0] += a;
-        m_State[1] += b;
-        m_State[2] += c;
-        m_State[3] += d;
-    }
-
-    uint32_t m_State[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
-    unsigned char m_Block[64] = {0};
-    size_t m_Fill = 0;
-    uint64_t m_Bits = 0;
-};
-
-void Md5(const unsigned char* p, size_t n, unsigned char out[16])
-{
-    cMd5 md5;
-    if (p != nullptr)
-        md5.Update(p, n);
-    md5.Final(out);
 }
 
 }  // namespace
@@ -461,48 +361,21 @@ bool cData::SetDataFromEsacpe(unsigned char const* text)
 
 std::string cData::ToBase64() const
 {
-    static const char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    const uint32_t len = m_Data != nullptr ? m_Len : 0;
-    std::string text;
-    text.reserve((static_cast<size_t>(len) + 2) / 3 * 4);
-    uint32_t i = 0;
-    for (; i + 3 <= len; i += 3) {
-        const uint32_t v = static_cast<uint32_t>(m_Data[i]) << 16 |
-                           static_cast<uint32_t>(m_Data[i + 1]) << 8 | m_Data[i + 2];
-        text += kAlphabet[(v >> 18) & 63];
-        text += kAlphabet[(v >> 12) & 63];
-        text += kAlphabet[(v >> 6) & 63];
-        text += kAlphabet[v & 63];
-    }
-    const uint32_t rest = len - i;
-    if (rest > 0) {
-        uint32_t v = static_cast<uint32_t>(m_Data[i]) << 16;
-        if (rest == 2)
-            v |= static_cast<uint32_t>(m_Data[i + 1]) << 8;
-        text += kAlphabet[(v >> 18) & 63];
-        text += kAlphabet[(v >> 12) & 63];
-        text += rest == 2 ? kAlphabet[(v >> 6) & 63] : '=';
-        text += '=';
-    }
-    return text;
+    return cBase64::Encode(m_Data, m_Data != nullptr ? m_Len : 0);
 }
 
 bool cData::CalcMd5(cData& digest) const
 {
-    unsigned char out[16];
-    Md5(m_Data, m_Data != nullptr ? m_Len : 0, out);
-    return digest.SetData(out, 16, true) == 1;
+    std::vector<unsigned char> out =
+        cHashCalculator::Digest(eHashAlg::MD5, m_Data, m_Data != nullptr ? m_Len : 0);
+    if (out.size() != 16)
+        return false;
+    return digest.SetData(out.data(), 16, true) == 1;
 }
 
 std::string cData::ToMd5HexStr(std::string const& text, bool lowerCase)
 {
-    unsigned char out[16];
-    Md5(reinterpret_cast<const unsigned char*>(text.data()), text.size(), out);
-    std::string hex;
-    for (unsigned char b : out)
-        hex += FormatString(lowerCase ? "%02x" : "%02X", b);
-    return hex;
+    return cHashCalculator::DigestHex(eHashAlg::MD5, text.data(), text.size(), lowerCase);
 }
 
 // ---- cData: comparison -------------------------------------------------------
