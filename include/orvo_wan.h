@@ -54,7 +54,7 @@
 
 namespace orvo {
 
-struct tWanRequest {
+struct ORVO_API tWanRequest {
     enum eMethod { GET, PUT, POST };
     enum eAuth { AUTH_NONE, AUTH_BASIC, AUTH_DIGEST, AUTH_ANY };
 

@@ -209,16 +209,8 @@ size_t OnBody(char* p, size_t size, size_t n, void* arg)
         t.statusChecked = true;
         long status = 0;
         curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
-        if (status < 200 || status > 299) {
+        if (status < 200 || status > 299)
             t.discard = true;           // an error page never lands in the file
-        } else if (status != 206 && t.offset > 0) {
-            // The server sent the whole body instead of the asked range.
-            if (ftruncate(t.fd, 0) != 0 || lseek(t.fd, 0, SEEK_SET) != 0) {
-                t.writeFailed = true;
-                return 0;
-            }
-            t.offset = 0;
-        }
     }
     if (t.discard)
         return len;
@@ -437,6 +429,11 @@ void cCurlPerformThread::Finish(sTransfer& t, int result, long status, const std
         ORVO_TRACE(UnitORVO, WARNING,
                    FormatString("wan transfer %u %s: result %d status %ld %s", t.id,
                                 t.req.url.c_str(), result, status, error.c_str()));
+    // A failed download that wrote nothing leaves no empty ".part" behind.
+    struct stat st;
+    if (result != WAN_OK && !t.part.empty() && t.fd >= 0 && fstat(t.fd, &st) == 0 &&
+        st.st_size == 0)
+        unlink(t.part.c_str());
     {
         std::lock_guard<std::mutex> guard(m_Lock);
         m_Live.erase(t.id);
@@ -462,6 +459,18 @@ bool cCurlPerformThread::Completed(sTransfer& t, CURLcode_t codeValue)
         if (isGet && t.writeFailed) {
             Finish(t, WAN_ERR_FILE, status, t.part + ": " + strerror(errno));
             return false;
+        }
+        // The server ignores ranges: start the ".part" file again.
+        if (isGet && code == CURLE_RANGE_ERROR && t.offset > 0 && t.attempts < t.req.retries &&
+            ftruncate(t.fd, 0) == 0) {
+            ++t.attempts;
+            std::string why;
+            curl_multi_remove_handle(m_pMulti->multi, t.easy);
+            t.error[0] = 0;
+            if (OpenPart(t, why)) {
+                curl_multi_add_handle(m_pMulti->multi, t.easy);
+                return true;
+            }
         }
         // A body cut short: go on from the end of what arrived.
         if (isGet && !t.discard && t.written > 0 && t.attempts < t.req.retries &&
