@@ -112,6 +112,7 @@ bench-smoke: bench-build
 	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
 	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1
 	$(BENCH_DIR)/bench/crypto_bench --seconds=0.2 --rounds=1
+	$(BENCH_DIR)/bench/wan_bench --mb=20 --rounds=1 --starts=5 --pings=200
 
 bench: deps bench-build
 	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \
