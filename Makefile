@@ -31,7 +31,7 @@ BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
 .PHONY: all deps build demo test host-test install-test asan-build asan-test tsan-build tsan-test \
-        arm-sysroot arm-build arm-test fuzz-build fuzz bench-build bench-smoke bench install clean
+        arm-sysroot arm-build arm-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench install clean
 
 all: build
 
@@ -97,6 +97,13 @@ fuzz-build:
 
 fuzz: fuzz-build
 	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
+
+# Long runs on the corpus kept in fuzz/corpus (grown and minimised; see
+# fuzz/README.md). Not part of make test.
+FUZZ_LONG_SECONDS ?= 600
+FUZZ_TARGETS ?=
+fuzz-long: fuzz-build
+	scripts/fuzz-long.sh $(FUZZ_DIR) $(FUZZ_LONG_SECONDS) $(FUZZ_TARGETS)
 
 bench-build:
 	$(CMAKE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release \

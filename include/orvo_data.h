@@ -84,10 +84,12 @@ public:
     // an unknown escape, a "\x" without digits or a text ending in '\'; false
     // and empty when allocation fails.
     bool SetDataFromEsacpe(unsigned char const* text);
-    // Standard Base64 (RFC 4648 alphabet, '=' padding, no line breaks).
+    // Standard Base64 (RFC 4648 alphabet, '=' padding, no line breaks);
+    // cBase64 (orvo_base64.h) has the other forms and decoding.
     std::string ToBase64() const;
-    // MD5 (RFC 1321) of the bytes into digest (16 bytes, owned). False only
-    // when the digest cannot be allocated.
+    // MD5 (RFC 1321) of the bytes into digest (16 bytes, owned), through the
+    // hash family (orvo_hash.h). False when OpenSSL refuses or the digest
+    // cannot be allocated.
     bool CalcMd5(cData& digest) const;
     // MD5 of the text's bytes as 32 hexadecimal digits.
     static std::string ToMd5HexStr(std::string const& text, bool lowerCase);

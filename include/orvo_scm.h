@@ -104,6 +104,12 @@ public:
     // FATAL and no SCM at all); adds the "system" defaults to the
     // configuration: "failure-action" = failureAction, "wdt-failures" 3,
     // "wdt" "ON", "bc-timelost" 5000, "msgQsize" 200. Always true.
+    // The register message's "sap" is "<ip>:<port>" with the configuration's
+    // "ip" (the -ip option) and the sap's port; when the sap could not be
+    // bound (IsSapUp() false: the port is another process's) the port sent is
+    // 0, traced at ERROR, so the SCM never hands out an address this service
+    // does not own. The service still registers: it keeps its configuration,
+    // watchdog and outgoing links.
     bool Init(const std::string& name, cSocketAddr sap, const std::string& failureAction);
     // Init(name, sap, kDefaultFailureAction).
     bool Init(const std::string& name, cSocketAddr sap) override;

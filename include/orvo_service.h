@@ -105,7 +105,12 @@ public:
     // the configuration's "port", or, for a thread service, a port the
     // system picks) and the internal socket ("internal": UDP bound to
     // 127.0.0.1, port picked by the system), and traces the start. Always
-    // true; failures of the sockets are traced.
+    // true; failures of the sockets are traced at ERROR ("cService::Init:
+    // sap socket <address> failed: <reason>"). So true does not mean the sap
+    // is up: when its address is taken (another process listens there) the
+    // service runs without one, nobody can connect to it, and GetSapAddress
+    // still names the address it asked for. A program that needs its sap
+    // checks IsSapUp() after Init (and ends, or picks another port).
     virtual bool Init(const std::string& name, cSocketAddr sap);
     // Closes and deletes the sap socket and the internal socket, forgets
     // every armed timer, deletes channels waiting for deferred deletion.
@@ -249,6 +254,9 @@ public:
     // DeInit, or when they could not be made).
     cTcpServer<cMsgTcpSocket>* GetSapSocket() const { return m_pSapSocket; }
     cMsgUdpSocket* GetInternalSocket() const { return m_pInternalSocket; }
+    // True when the sap socket exists and listens: the bind of Init
+    // succeeded. Asked of the kernel, not of the address the socket keeps.
+    bool IsSapUp() const;
     // Local address of the sap socket / internal socket (0.0.0.0:0 when none).
     cSocketAddr GetSapAddress() const;
     cSocketAddr GetInternalAddress() const;

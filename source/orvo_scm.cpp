@@ -214,7 +214,18 @@ void cScmService::OnScmConnected()
     r.AppendUuidPar("service-id", GetServiceId());
     r.AppendTextPar("name", GetObjName());
     const std::string ip = TypedPar(*GetConfig(), "ip", RECORD_TEXT).GetString();
-    r.AppendTextPar("sap", FormatString("%s:%i", ip.c_str(), GetSapAddress().GetPort()));
+    // A sap that could not be bound keeps the address it asked for, which
+    // another process owns: advertised, it would send this service's clients
+    // there. Port 0 says "no sap": a look-up of this service's technology
+    // then fails to connect instead of reaching the wrong process.
+    int port = GetSapAddress().GetPort();
+    if (!IsSapUp()) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("Register: sap %s is not listening; registering port 0",
+                                GetSapAddress().ToString().c_str()));
+        port = 0;
+    }
+    r.AppendTextPar("sap", FormatString("%s:%i", ip.c_str(), port));
     r.AppendSIntPar("pid", GetPid());
     r.AppendRecordPar("config", *GetConfig());
     SendToScm(reg, "Register");

@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -201,6 +202,16 @@ std::string cService::ToString() const
 cSocketAddr cService::GetSapAddress() const
 {
     return m_pSapSocket != nullptr ? m_pSapSocket->GetLocalAddress() : cSocketAddr();
+}
+
+bool cService::IsSapUp() const
+{
+    if (m_pSapSocket == nullptr || m_pSapSocket->GetFd() < 0)
+        return false;
+    int listening = 0;
+    socklen_t len = sizeof listening;
+    return ::getsockopt(m_pSapSocket->GetFd(), SOL_SOCKET, SO_ACCEPTCONN, &listening, &len) == 0 &&
+           listening != 0;
 }
 
 cSocketAddr cService::GetInternalAddress() const

@@ -1,4 +1,4 @@
-// AES against the NIST SP 800-38A (ECB, CBC) and GCM specification vectors on
+// AES against the NIST SP 800-38A (ECB, CBC) and the published GCM test vectors on
 // every path this machine offers, the refusals (tag, padding, misuse) and the
 // choice between the kernel cipher and EVP from crafted cipher lists.
 #include <gtest/gtest.h>
@@ -76,7 +76,7 @@ const tVector kVectors[] = {
     {"CBC-AES256", eAesMode::CBC, K256, CBC_IV, "", NIST_PLAIN,
      "f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d39f23369a9d9bacfa530e2630423"
      "1461b2eb05e2c39be9fcda6c19078c6a9d1b", ""},
-    // The GCM specification's test cases 1-4, 7-8 and 13-16 (the 96-bit IV ones)
+    // GCM's published test cases 1-4, 7-8 and 13-16 (the ones with a 96-bit IV)
     {"GCM-1", eAesMode::GCM, Z16, Z12, "", "", "", "58e2fccefa7e3061367f1d57a4e7455a"},
     {"GCM-2", eAesMode::GCM, Z16, Z12, "", Z16, "0388dace60b6a392f328c2b971b2fe78",
      "ab6e47d42cec13bdf53a67b21257bddf"},
@@ -310,8 +310,8 @@ TEST(AesTest, HardwareDriverRule)
         const char* m_Driver;
         bool m_Hardware;
     } kCases[] = {
-        {"cbc-aes-dcp", true},       {"ecb-aes-dcp", true},        {"gcm-aes-caam", true},
-        {"cbc-aes-omap", true},      {"aes-generic", false},       {"cbc(aes-generic)", false},
+        {"cbc-aes-dcp", true},       {"ecb-aes-dcp", true},        {"gcm-aes-sec", true},
+        {"cbc-aes-engine", true},      {"aes-generic", false},       {"cbc(aes-generic)", false},
         {"gcm_base(ctr(aes-generic),ghash-generic)", false},       {"cbc-aes-aesni", false},
         {"__cbc-aes-aesni", false},  {"generic-gcm-aesni", false}, {"cbc-aes-ce", false},
         {"cbc-aes-neonbs", false},   {"cbc-aes-neon", false},      {"ecb-aes-vaes-avx2", false},
@@ -326,16 +326,16 @@ TEST(AesTest, CipherListChoosesTheBestHardwareDriverPerMode)
     const std::string list =
         Entry("cbc(aes)", "cbc(aes-generic)", 100, "skcipher") +
         Entry("cbc(aes)", "cbc-aes-dcp", 400, "skcipher") +
-        Entry("cbc(aes)", "cbc-aes-caam", 3000, "skcipher", "async       : yes\n") +
+        Entry("cbc(aes)", "cbc-aes-sec", 3000, "skcipher", "async       : yes\n") +
         Entry("cbc(aes)", "cbc-aes-neonbs", 4000, "skcipher") +  // higher, but CPU code
         Entry("ecb(aes)", "ecb-aes-dcp", 400, "cipher") +        // wrong type
-        Entry("ecb(aes)", "ecb-aes-omap", 300, "skcipher", "selftest     : unknown\n") +
+        Entry("ecb(aes)", "ecb-aes-engine", 300, "skcipher", "selftest     : unknown\n") +
         Entry("gcm(aes)", "gcm_base(ctr(aes-generic),ghash-generic)", 100, "aead") +
         "name         : gcm(aes)\ndriver       : gcm-aes-internal\ninternal     : yes\n"
         "priority     : 9000\ntype         : aead\n";  // last block, no blank line after it
     cCipherList file(list);
-    EXPECT_EQ(cAES::FindHardwareDriver(eAesMode::CBC), "cbc-aes-caam");
-    // The self-test line of the omap block comes later and overrides "passed".
+    EXPECT_EQ(cAES::FindHardwareDriver(eAesMode::CBC), "cbc-aes-sec");
+    // The self-test line of the engine block comes later and overrides "passed".
     EXPECT_EQ(cAES::FindHardwareDriver(eAesMode::ECB), "");
     EXPECT_EQ(cAES::FindHardwareDriver(eAesMode::GCM), "");
 }

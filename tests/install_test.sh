@@ -62,6 +62,46 @@ step "pkg-config orvo-wan: $wanflags"
     || fail "pkg-config build of the transfer consumer"
 LD_LIBRARY_PATH="$libdir" "$work/wan-consumer-pc" || fail "pkg-config transfer consumer run"
 
+# The README's first service, built from the installed prefix with an rpath
+# (it must run without LD_LIBRARY_PATH), then run under the installed
+# orvo-scm next to a client that sends it one request.
+examples="$consumer/../../examples"
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Werror "$examples/first_service.cpp" -o "$work/first_service" \
+    $flags -Wl,-rpath,"$libdir" || fail "build of examples/first_service.cpp"
+ldd "$work/first_service" | grep "$libdir/liborvo.so.3" >/dev/null \
+    || fail "first_service does not find $libdir/liborvo.so.3 through its rpath"
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Werror "$consumer/first_client.cpp" -o "$work/first_client" \
+    $flags -Wl,-rpath,"$libdir" || fail "build of the first_service client"
+cat >"$work/first.json" <<JSON
+{"services": {
+  "first": {"start": true, "command": "$work/first_service -scm-sap {scm-sap} -ip 127.0.0.1",
+            "config": [{"name": "journal", "type": "text", "value": "$work/first.journal"}]},
+  "client": {"start": true, "failure-action": "none", "command": "$work/first_client -scm-sap {scm-sap}"}
+}}
+JSON
+[ -x "$prefix/bin/orvo-scm" ] || fail "orvo-scm not installed"
+LD_LIBRARY_PATH="$libdir" "$prefix/bin/orvo-scm" -listen 127.0.0.1:0 -config "$work/first.json" -store "$work/scm.records" \
+    >"$work/scm.log" 2>&1 &
+scm_pid=$!
+for _ in $(seq 600); do
+    grep -q "reply ok\|bad reply" "$work/scm.log" && break
+    kill -0 "$scm_pid" 2>/dev/null || break
+    sleep 0.1
+done
+kill -TERM "$scm_pid" 2>/dev/null || true
+for _ in $(seq 300); do kill -0 "$scm_pid" 2>/dev/null || break; sleep 0.1; done
+kill -KILL "$scm_pid" 2>/dev/null && { cat "$work/scm.log"; fail "orvo-scm did not stop within 30 s"; }
+wait "$scm_pid" || true
+grep -q "reply ok, count 1" "$work/scm.log" || { cat "$work/scm.log"; fail "first_service did not answer the client"; }
+grep -q "registered 'first' pid [0-9]* sap 127.0.0.1:[1-9]" "$work/scm.log" \
+    || { cat "$work/scm.log"; fail "first_service registered no sap on 127.0.0.1"; }
+[ "$(grep -c 'ready at 127.0.0.1:' "$work/scm.log")" = 1 ] \
+    || { cat "$work/scm.log"; fail "the service's trace line is not shown exactly once"; }
+[ -s "$work/first.journal" ] || fail "first_service wrote no journal"
+step "first_service answered under orvo-scm"
+
 cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=Release >"$work/cmake.log" 2>&1 \
     || { cat "$work/cmake.log"; fail "find_package(orvo) configure"; }

@@ -7,6 +7,8 @@
 // check use the millisecond clock seam (real clock plus an offset).
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -263,6 +265,7 @@ protected:
         EXPECT_EQ(hello.GetType(), MSG_SOCKET_CONNECTED);
         EXPECT_EQ(hello.GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
         cMsg reg = Next(scm.fd);
+        EXPECT_TRUE(svc.IsSapUp());
         EXPECT_EQ(reg.GetType(), MSG_SCM_REGISTER);
         EXPECT_EQ(Fields(reg.GetRecord()),
                   "service-id=" + svc.GetServiceId().ToString() + ";name=tsvc;sap=127.0.0.1:" +
@@ -543,6 +546,48 @@ TEST_F(Scm, RegistrationRefused)
     EXPECT_NE(out.find("]: service not registered, reason=4 (name in use)\n"), std::string::npos) << out;
     EXPECT_NE(out.find("]: service not registered, reason=-2 (-no-sub-reason-)\n"), std::string::npos);
     EXPECT_NE(out.find("]: service not registered, unknown reason\n"), std::string::npos);
+}
+
+// A sap whose port another process holds: Init goes on (and traces), the
+// service knows it has no sap, and it registers port 0 instead of the
+// other process's address.
+TEST_F(Scm, ASapThatCannotBeBoundIsRegisteredAsPortZero)
+{
+    const int taken = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(taken, 1), 0);
+    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    GetConfig()->AppendTextPar("scm-sap", scm.Sap());
+    GetConfig()->AppendTextPar("ip", "127.0.0.1");
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, ERROR);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    svc.Init("tsvc", cSocketAddr("127.0.0.1", ntohs(a.sin_port)), "log");
+    tick = new cTimer(&svc, true, nullptr);
+    tick->Start(10, TICK);
+    ASSERT_TRUE(scm.Accept());
+    ASSERT_TRUE(scm.Announce("scm"));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SOCKET_CONNECTED);
+    cMsg reg = Next(scm.fd);
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    close(taken);
+    EXPECT_FALSE(svc.IsSapUp());
+    ASSERT_EQ(reg.GetType(), MSG_SCM_REGISTER);
+    EXPECT_EQ(reg.GetRecord().GetFirstPar("sap").GetString(), "127.0.0.1:0");
+    const std::string asked = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
+    EXPECT_NE(out.find("cService::Init: sap socket " + asked + " failed: Address already in use"),
+              std::string::npos)
+        << out;
+    EXPECT_NE(out.find("Register: sap " + asked + " is not listening; registering port 0"), std::string::npos)
+        << out;
 }
 
 // Socket events of other channels are the base dispatch's: a close or a

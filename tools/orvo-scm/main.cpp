@@ -9,6 +9,7 @@
 #include <orvo_trace.h>
 
 #include "scm_server.h"
+#include "tool_args.h"
 
 using namespace orvo;
 
@@ -35,6 +36,8 @@ unsigned long Positive(const char* key, unsigned long fallback)
 
 int main(int argc, char** argv)
 {
+    if (!orvo_tools::CheckOptions("orvo-scm", gArgs, argc, argv))
+        return 2;
     orvoInit(WARNING, OUTPUT_STDOUT, false);
     orvoParseArgs(gArgs, argc, argv);
     const cRecord& config = *GetConfig();

@@ -1,9 +1,14 @@
 // scm_server.cpp - the message handling of orvo-scm.
 #include "scm_server.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include <orvo_channel.h>
 #include <orvo_msgsocket.h>
@@ -31,6 +36,35 @@ cUnit UnitServices("services", INFO, OUTPUT_STDOUT);
 void Trace(eLEVEL level, const std::string& text)
 {
     ORVO_TRACE(&UnitScm, level, text);
+}
+
+// The address a socket is bound to, asked of the kernel.
+cSocketAddr BoundAddress(int fd)
+{
+    sockaddr_in a{};
+    socklen_t len = sizeof a;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0)
+        return cSocketAddr();
+    return cSocketAddr(static_cast<unsigned long>(ntohl(a.sin_addr.s_addr)), ntohs(a.sin_port));
+}
+
+// Why the sap could not be bound: the bind tried again on a socket of its
+// own, since the library has reported it only in a trace.
+std::string BindFailure(const cSocketAddr& asked)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return std::strerror(errno);
+    int on = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(static_cast<uint32_t>(asked.GetIP()));
+    a.sin_port = htons(asked.GetPort());
+    const bool bound = ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    const std::string why = bound ? "the address could not be bound" : std::strerror(errno);
+    ::close(fd);
+    return why;
 }
 
 std::string Text(const cRecord& r, const char* name)
@@ -84,9 +118,18 @@ bool cScmServer::SetUp()
         std::fprintf(stderr, "orvo-scm: cannot open the record store %s\n", m_Options.storePath.c_str());
         return false;
     }
-    Init("orvo-scm", cSocketAddr(m_Options.listen.c_str(), 0));
-    if (GetSapSocket() == nullptr || GetSapAddress().GetPort() == 0) {
-        std::fprintf(stderr, "orvo-scm: cannot listen on %s\n", m_Options.listen.c_str());
+    const cSocketAddr asked(m_Options.listen.c_str(), 0);
+    if (asked.IsEmpty() && m_Options.listen != "0.0.0.0:0") {
+        std::fprintf(stderr, "orvo-scm: -listen %s is no ip:port address\n", m_Options.listen.c_str());
+        return false;
+    }
+    Init("orvo-scm", asked);
+    // Init keeps going when the bind fails (the port is taken): the socket
+    // then is not bound, and a listen() on it would bind it anywhere, on a
+    // port the kernel picks. Only a socket the kernel says listens goes on.
+    if (!IsSapUp()) {
+        std::fprintf(stderr, "orvo-scm: cannot listen on %s: %s\n", m_Options.listen.c_str(),
+                     BindFailure(asked).c_str());
         return false;
     }
     // The service runtime listens with a backlog of 5, made for one client
@@ -94,7 +137,7 @@ bool cScmServer::SetUp()
     // a short queue would drop SYNs and cost the late ones whole seconds of
     // retransmission: the queue is made as long as the system allows.
     listen(GetSapSocket()->GetFd(), SOMAXCONN);
-    m_Sap = GetSapAddress().ToString();
+    m_Sap = BoundAddress(GetSapSocket()->GetFd()).ToString();
     std::printf("orvo-scm listening on %s\n", m_Sap.c_str());
     std::fflush(stdout);
     m_pWatch.reset(new cFileWatch(m_Options.configPath));

@@ -4,7 +4,11 @@
 // records across a restart, and the services it starts and restarts.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -64,6 +68,42 @@ protected:
 const char* const kAlphaJson = R"({"services": {"alpha": {"config": [
     {"name": "level", "type": "uint", "value": 7},
     {"name": "meter", "type": "record", "value": [{"name": "id", "type": "text", "value": "m1"}]}]}}})";
+
+// A taken port, an address that is none, a mistyped option: orvo-scm says
+// why and ends with status 2, without ever listening (a listen() on a socket
+// whose bind failed would bind it on every interface, at a port the kernel
+// picks).
+TEST_F(OrvoScm, RefusesATakenPortABadAddressAndUnknownOptions)
+{
+    const int taken = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(taken, 1), 0);
+    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    const std::string port = std::to_string(ntohs(a.sin_port));
+    struct sCase {
+        std::vector<std::string> options;
+        const char* says;
+    };
+    const std::vector<sCase> cases = {
+        {{"-listen", "127.0.0.1:" + port}, "cannot listen on 127.0.0.1:"},
+        {{"-listen", "garbage"}, "-listen garbage is no ip:port address"},
+        {{"-lisen", "127.0.0.1:1"}, "unknown option '-lisen'"},
+        {{"stray"}, "unexpected argument 'stray'"},
+    };
+    for (const sCase& c : cases) {
+        cScmProcess scm;
+        EXPECT_FALSE(StartScm(scm, R"({"services": {}})", c.options)) << c.says;
+        EXPECT_EQ(scm.Exit(kWait), 2) << c.says;
+        const std::string out = scm.Output();
+        EXPECT_NE(out.find(c.says), std::string::npos) << out;
+        EXPECT_EQ(out.find("listening on"), std::string::npos) << out;
+    }
+    close(taken);
+}
 
 TEST_F(OrvoScm, RegistersRefusesASecondLiveNameAndServesTheConfiguration)
 {

@@ -115,6 +115,21 @@ public:
         return -1;
     }
 
+    // Waits for the process to end by itself: its exit status, -1 when it
+    // did not end within timeoutMs or died by a signal.
+    int Exit(int timeoutMs)
+    {
+        for (int waited = 0; waited < timeoutMs; waited += 20) {
+            int status = 0;
+            if (waitpid(m_Pid, &status, WNOHANG) == m_Pid) {
+                m_Pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+            }
+            usleep(20000);
+        }
+        return -1;
+    }
+
     unsigned short Port() const { return m_Port; }
     pid_t Pid() const { return m_Pid; }
     std::string Sap() const { return "127.0.0.1:" + std::to_string(m_Port); }
