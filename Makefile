@@ -79,7 +79,7 @@ asan-test: asan-build
 
 # The tests whose code runs on several threads, built with ThreadSanitizer;
 # any report fails.
-TSAN_TESTS := ^(thread|msgthread|service|service_ipc|socket|msgsocket|timer|stress|scm|sharedmem|tls|uart)_test
+TSAN_TESTS := ^(thread|msgthread|service|service_ipc|socket|msgsocket|timer|stress|scm|sharedmem|tls|uart|wan)_test
 
 tsan-build:
 	$(CMAKE) -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_TSAN=ON \
@@ -132,6 +132,7 @@ bench-smoke: bench-build
 	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
 	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1
 	$(BENCH_DIR)/bench/crypto_bench --seconds=0.2 --rounds=1
+	$(BENCH_DIR)/bench/wan_bench --mb=20 --rounds=1 --starts=5 --pings=200
 
 bench: deps bench-build
 	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \
