@@ -72,6 +72,11 @@ ORVO_API bool orvoInit(eLEVEL level, eOUTPUT output, bool resolveHw);
 // still in flight drains. Always true.
 ORVO_API bool orvoDeinit();
 
+// Used by the transfer library (liborvo-wan) when it is loaded: the
+// functions orvoInit and orvoDeinit call to start and end libcurl (null:
+// none). Programs do not call it.
+ORVO_API void orvoSetTransferHooks(void (*init)(), void (*deinit)());
+
 // Reads the command line into the configuration:
 //  - the executable name becomes argv[0]'s last path component, cut at its
 //    first ".", without leading non-alphanumeric characters

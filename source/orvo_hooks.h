@@ -53,11 +53,12 @@ using tServiceInitGlobal = void (*)();
 extern tServiceInitGlobal ServiceInitGlobal;
 
 // libcurl's process-wide start-up and end, for orvoInit and orvoDeinit.
-// Installed by the transfer library (liborvo-wan) when it is loaded; null:
-// no transfer code in the process, so libcurl is neither loaded nor started.
+// Installed by the transfer library (liborvo-wan) through
+// orvoSetTransferHooks when it is loaded; null: no transfer code in the
+// process, so libcurl is neither loaded nor started.
 using tWanGlobal = void (*)();
-ORVO_API extern tWanGlobal WanInit;
-ORVO_API extern tWanGlobal WanDeinit;
+extern tWanGlobal WanInit;
+extern tWanGlobal WanDeinit;
 
 }  // namespace hooks
 }  // namespace orvo

@@ -54,6 +54,16 @@ void curlDeinit()
         hooks::WanDeinit();
 }
 
+}  // namespace
+
+void orvoSetTransferHooks(void (*init)(), void (*deinit)())
+{
+    hooks::WanInit = init;
+    hooks::WanDeinit = deinit;
+}
+
+namespace {
+
 bool IsEndRow(const tArg& row)
 {
     return row.name == nullptr && row.description == nullptr && row.def == nullptr &&

@@ -24,7 +24,7 @@ orvo_eeprom: cEEPROM cEEPROM_Pattern
 orvo_hash: cHashCalculator cSHA256Calculator cSHA1Calculator cMD5Calculator cHMACSHA256Calculator
 orvo_handle: HandleAlive HandleCount HandleCreate HandleOf HandleRelease HandleResolve
 orvo_icmp: cIcmpSocket
-orvo_init: GetConfig GetExeName GetIfConfByName GetOrvoVersion GetPid OnArg_Bool OnArg_Int OnArg_Text Sleep orvoDeinit orvoInit orvoParseArgs
+orvo_init: GetConfig GetExeName GetIfConfByName GetOrvoVersion GetPid OnArg_Bool OnArg_Int OnArg_Text Sleep orvoDeinit orvoInit orvoParseArgs orvoSetTransferHooks
 orvo_membuffer: cMemBuffer cMemBufferData
 orvo_msg: cMsg
 orvo_msgsocket: cFrameReader cMsgTcpSocket cMsgUdpSocket cTpktTcpSocket cTpktUdpSocket g_FrameLock

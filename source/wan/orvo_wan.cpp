@@ -1,5 +1,6 @@
 #define ORVO_SOURCE "orvo_wan"
 #include "orvo_wan.h"
+#include "orvo_init.h"
 
 #include <curl/curl.h>
 #include <fcntl.h>
@@ -13,7 +14,6 @@
 #include <cstring>
 #include <vector>
 
-#include "../orvo_hooks.h"
 #include "orvo_hash.h"
 #include "orvo_msgtypes.h"
 #include "orvo_time.h"
@@ -43,13 +43,11 @@ void WanInitHook() { wanGlobalInit(); }
 struct sInstallHooks {
     sInstallHooks()
     {
-        hooks::WanInit = &WanInitHook;
-        hooks::WanDeinit = &WanGlobalDeinit;
+        orvoSetTransferHooks(&WanInitHook, &WanGlobalDeinit);
     }
     ~sInstallHooks()
     {
-        hooks::WanInit = nullptr;
-        hooks::WanDeinit = nullptr;
+        orvoSetTransferHooks(nullptr, nullptr);
     }
 } gInstallHooks;
 
