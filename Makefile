@@ -31,7 +31,7 @@ BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
 .PHONY: all deps build demo test host-test install-test asan-build asan-test tsan-build tsan-test \
-        arm-sysroot arm-build arm-test deb deb-amd64 deb-armhf fuzz-build fuzz bench-build bench-smoke bench install clean
+        arm-sysroot arm-build arm-test deb deb-amd64 deb-armhf deb-test fuzz-build fuzz bench-build bench-smoke bench install clean
 
 all: build
 
@@ -132,18 +132,21 @@ install: build
 
 # Debian packages for amd64 and armhf (liborvo3, liborvo-dev, orvo-tools of
 # each) in $(BUILD)/deb. The armhf library is built as a device ships it:
-# -O2 with every function and object in its own section, unused ones dropped
-# by the linker, stripped in the package.
+# -Os with every function and object in its own section, unused ones dropped
+# by the linker, optimised for size across the whole library at link time,
+# stripped in the package (sizes in bench/README.md).
 DEB_AMD64_DIR := $(BUILD)/deb-amd64
 DEB_ARMHF_DIR := $(BUILD)/deb-armhf
 DEB_OUT := $(BUILD)/deb
-DEVICE_FLAGS := -O2 -DNDEBUG -ffunction-sections -fdata-sections
+ARM_STRIP := arm-linux-gnueabihf-strip
+DEVICE_FLAGS := -Os -DNDEBUG -ffunction-sections -fdata-sections
 DEB_COMMON := -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
     -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
 
 deb-amd64:
 	$(CMAKE) -S . -B $(DEB_AMD64_DIR) -DCMAKE_BUILD_TYPE=Release $(DEB_COMMON)
 	$(CMAKE) --build $(DEB_AMD64_DIR) -j$(JOBS)
+	rm -f $(DEB_AMD64_DIR)/*.deb $(DEB_OUT)/*_amd64.deb
 	cd $(DEB_AMD64_DIR) && cpack -G DEB
 	mkdir -p $(DEB_OUT) && cp $(DEB_AMD64_DIR)/*.deb $(DEB_OUT)/
 
@@ -154,16 +157,25 @@ deb-armhf: arm-sysroot
 	ln -sfn /usr/include/nlohmann $(DEB_ARMHF_DIR)/json-include/nlohmann
 	$(CMAKE) -S . -B $(DEB_ARMHF_DIR) -DCMAKE_BUILD_TYPE=Release $(DEB_COMMON) \
 	    -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/arm-linux-gnueabihf.cmake \
-	    -DORVO_ARM_SYSROOT=$(ARM_SYSROOT) \
+	    -DORVO_ARM_SYSROOT=$(ARM_SYSROOT) -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf \
+	    -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON \
 	    -DORVO_NLOHMANN_JSON_DIR=$(CURDIR)/$(DEB_ARMHF_DIR)/json-include \
 	    "-DCMAKE_C_FLAGS_RELEASE=$(DEVICE_FLAGS)" "-DCMAKE_CXX_FLAGS_RELEASE=$(DEVICE_FLAGS)" \
-	    -DCMAKE_SHARED_LINKER_FLAGS=-Wl,--gc-sections -DCMAKE_EXE_LINKER_FLAGS=-Wl,--gc-sections
+	    -DCMAKE_SHARED_LINKER_FLAGS_RELEASE=-Wl,--gc-sections -DCMAKE_EXE_LINKER_FLAGS_RELEASE=-Wl,--gc-sections
 	$(CMAKE) --build $(DEB_ARMHF_DIR) -j$(JOBS)
+	rm -f $(DEB_ARMHF_DIR)/*.deb $(DEB_OUT)/*_armhf.deb
 	cd $(DEB_ARMHF_DIR) && cpack -G DEB
 	mkdir -p $(DEB_OUT) && cp $(DEB_ARMHF_DIR)/*.deb $(DEB_OUT)/
+	@$(ARM_STRIP) -o $(DEB_ARMHF_DIR)/liborvo.stripped $$(find $(DEB_ARMHF_DIR) -maxdepth 1 -name 'liborvo.so.3.*' -type f) \
+	    && echo "deb-armhf: stripped liborvo.so.3 is $$(stat -c %s $(DEB_ARMHF_DIR)/liborvo.stripped) bytes"
 
 deb: deb-amd64 deb-armhf
 	@ls -l $(DEB_OUT)/*.deb
+
+# Installs the amd64 packages into this machine (root), checks them, and
+# purges them again; see tests/deb_test.sh.
+deb-test: deb
+	tests/deb_test.sh $(DEB_OUT) $(CURDIR)
 
 clean:
 	rm -rf $(BUILD)

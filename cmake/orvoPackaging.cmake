@@ -54,40 +54,53 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # orvo-tools' programs need liborvo.so.3 from this same build.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/tesk)
 if(CMAKE_CROSSCOMPILING)
+  # dpkg-shlibdeps reads the host's package database, which knows no armhf
+  # libraries: the armhf packages name the dependencies the amd64 ones get.
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+  set(ORVO_DEB_CXX_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 12)")
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS
+      "${ORVO_DEB_CXX_DEPENDS}, libcurl4 (>= 7.16.2), libssl3 (>= 3.0.0)")
 endif()
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liborvo3)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "service framework for metering devices - runtime library
- liborvo gives the service processes of a metering device messages between
- services, state machines, timers, records and their files, configuration
- through the service control manager, and traces.
- .
- This package contains the shared libraries.")
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${CPACK_DEBIAN_RUNTIME_DESCRIPTION}")
+# A shlibs file for the programs built against the library, and the
+# ldconfig trigger instead of maintainer scripts.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+file(WRITE ${CMAKE_BINARY_DIR}/packaging/runtime/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/runtime/triggers)
+set(ORVO_RUNTIME_DESCRIPTION "service framework for metering devices - runtime library
+liborvo gives the service processes of a metering device messages between
+services, state machines, timers, records and their files, configuration
+through the service control manager, and traces.
+
+This package contains the shared libraries.")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${ORVO_RUNTIME_DESCRIPTION}")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME liborvo-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liborvo3 (= ${ORVO_DEB_VERSION}), libssl-dev, libcurl4-openssl-dev | libcurl-dev")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "service framework for metering devices - development files
- liborvo gives the service processes of a metering device messages between
- services, state machines, timers, records and their files, configuration
- through the service control manager, and traces.
- .
- This package contains the headers, the pkg-config file orvo.pc and the
- CMake package (find_package(orvo)).")
+liborvo gives the service processes of a metering device messages between
+services, state machines, timers, records and their files, configuration
+through the service control manager, and traces.
+
+This package contains the headers, the pkg-config file orvo.pc and the
+CMake package (find_package(orvo)).")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orvo-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "liborvo3 (= ${ORVO_DEB_VERSION})")
+if(ORVO_DEB_CXX_DEPENDS)
+  string(APPEND CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS ", ${ORVO_DEB_CXX_DEPENDS}")
+endif()
 set(CPACK_DEBIAN_TOOLS_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/packaging/tools/conffiles)
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "service framework for metering devices - operator tools
- The development service control manager orvo-scm (with a systemd unit and
- a default configuration in /etc/orvo), the operator command orvo-ctl where
- built, their manual pages and shell completion, and a Lua capture dissector
- for liborvo messages (share/orvo/orvo.lua).")
+The development service control manager orvo-scm (with a systemd unit and
+a default configuration in /etc/orvo), the operator command orvo-ctl where
+built, their manual pages and shell completion, and a Lua capture dissector
+for liborvo messages (share/orvo/orvo.lua).")
 
 include(CPack)

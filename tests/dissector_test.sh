@@ -136,7 +136,9 @@ decode -r "$work/lo.pcapng" -d "tcp.port==$port,orvo" -Y orvo "${fields[@]}" >"$
     || { cat "$work/tshark.err"; fail "tshark on the loopback capture"; }
 grep -q '^SCM_REGISTER|' "$work/scm.txt" || fail "no SCM_REGISTER decoded"
 # The configuration answer nests the service's configuration record.
-grep '^SCM_GETCONFIG_ACK|' "$work/scm.txt" | grep -q 'config;config.tick-ms|.*;200' \
+decode -r "$work/lo.pcapng" -d "tcp.port==$port,orvo" -T fields -e orvo.type_name \
+    -Y 'orvo.element.setting == "config.tick-ms=200"' >"$work/nested.txt"
+grep -qx 'SCM_GETCONFIG_ACK' "$work/nested.txt" \
     || { cat "$work/scm.txt"; fail "meter's configuration (config.tick-ms = 200) not decoded"; }
 ack_tid="$(grep '^SCM_GETCONFIG_ACK|' "$work/scm.txt" | head -n1 | cut -d'|' -f2)"
 [ -n "$ack_tid" ] || fail "SCM_GETCONFIG_ACK has no tid"
@@ -150,7 +152,7 @@ found=0
 for s in $(grep '^SCM_REGISTER|' "$work/scm.txt" | grep -o '127\.0\.0\.1:[0-9]*' | sort -u); do
     decode -r "$work/lo.pcapng" -d "tcp.port==${s#*:},orvo" -Y "orvo && tcp.port==${s#*:}" "${fields[@]}" \
         >"$work/meter.txt"
-    if grep -q '^0x020002|.*register;value|180;' "$work/meter.txt"; then found=1; break; fi
+    if grep -q '^0x020002|.*register;value|180;[0-9]' "$work/meter.txt"; then found=1; break; fi
 done
 [ $found = 1 ] || fail "no meter reading (0x020002 with register 180) decoded on the services' ports"
 req_tid="$(grep '^0x020002|' "$work/meter.txt" | head -n1 | cut -d'|' -f2)"
