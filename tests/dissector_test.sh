@@ -109,7 +109,7 @@ fi
 port=""
 for _ in $(seq 50); do
     p=$((47100 + RANDOM % 800))
-    ss -Htan "sport = :$p or dport = :$p" | grep -q . || { port=$p; break; }
+    ss -Htan "sport = :$p or dport = :$p" | grep . >/dev/null || { port=$p; break; }
 done
 [ -n "$port" ] || fail "no free port for the SCM"
 timeout 60 dumpcap -q -i lo -f "tcp and host 127.0.0.1" -a duration:50 -w "$work/lo.pcapng" \
