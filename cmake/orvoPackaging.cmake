@@ -7,8 +7,15 @@ set(ORVO_SYSTEMD_UNITDIR "lib/systemd/system" CACHE STRING
     "where the orvo-scm unit is installed, relative to the prefix")
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/orvo-scm.service
         DESTINATION ${ORVO_SYSTEMD_UNITDIR} COMPONENT tools)
+# Under /usr (packages) that is /etc/orvo; under any other prefix it stays
+# inside the prefix, also when `cmake --install --prefix` moves it.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  set(ORVO_CONFIG_DIR /etc/orvo)
+else()
+  set(ORVO_CONFIG_DIR ${CMAKE_INSTALL_SYSCONFDIR}/orvo)
+endif()
 install(FILES ${PROJECT_SOURCE_DIR}/packaging/scm.json
-        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/orvo COMPONENT tools)
+        DESTINATION ${ORVO_CONFIG_DIR} COMPONENT tools)
 
 set(ORVO_DEB_MAINTAINER "liborvo developers <liborvo@example.org>")
 set(ORVO_DEB_RELEASE 1)
@@ -33,7 +40,7 @@ endif()
 
 # The default configuration stays the administrator's once edited.
 file(WRITE ${CMAKE_BINARY_DIR}/packaging/tools/conffiles
-     "${CMAKE_INSTALL_FULL_SYSCONFDIR}/orvo/scm.json\n")
+     "/etc/orvo/scm.json\n")
 
 set(CPACK_PACKAGE_NAME liborvo)
 set(CPACK_PACKAGE_VENDOR "liborvo developers")
