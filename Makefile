@@ -33,7 +33,7 @@ BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
 .PHONY: all deps build demo test host-test select-build select-test install-test asan-build asan-test tsan-build tsan-test \
-        arm-sysroot arm-build arm-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench install clean
+        arm-sysroot arm-build arm-test deb deb-amd64 deb-armhf deb-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench install clean
 
 all: build
 
@@ -150,6 +150,53 @@ bench: deps bench-build
 STRIP ?= 1
 install: build
 	$(CMAKE) --install $(HOST_DIR) --prefix $(PREFIX) $(if $(filter 0,$(STRIP)),,--strip)
+
+# Debian packages for amd64 and armhf (liborvo3, liborvo-dev, orvo-tools of
+# each) in $(BUILD)/deb. The armhf library is built as a device ships it:
+# -Os with every function and object in its own section, unused ones dropped
+# by the linker, optimised for size across the whole library at link time,
+# stripped in the package (sizes in bench/README.md).
+DEB_AMD64_DIR := $(BUILD)/deb-amd64
+DEB_ARMHF_DIR := $(BUILD)/deb-armhf
+DEB_OUT := $(BUILD)/deb
+ARM_STRIP := arm-linux-gnueabihf-strip
+DEVICE_FLAGS := -Os -DNDEBUG -ffunction-sections -fdata-sections
+DEB_COMMON := -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
+    -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
+
+deb-amd64:
+	$(CMAKE) -S . -B $(DEB_AMD64_DIR) -DCMAKE_BUILD_TYPE=Release $(DEB_COMMON)
+	$(CMAKE) --build $(DEB_AMD64_DIR) -j$(JOBS)
+	rm -f $(DEB_AMD64_DIR)/*.deb $(DEB_OUT)/*_amd64.deb
+	cd $(DEB_AMD64_DIR) && cpack -G DEB
+	mkdir -p $(DEB_OUT) && cp $(DEB_AMD64_DIR)/*.deb $(DEB_OUT)/
+
+# nlohmann-json is headers only: the armhf tools take the host's copy from a
+# directory of its own, so no other host header enters the cross build.
+deb-armhf: arm-sysroot
+	mkdir -p $(DEB_ARMHF_DIR)/json-include
+	ln -sfn /usr/include/nlohmann $(DEB_ARMHF_DIR)/json-include/nlohmann
+	$(CMAKE) -S . -B $(DEB_ARMHF_DIR) -DCMAKE_BUILD_TYPE=Release $(DEB_COMMON) \
+	    -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/arm-linux-gnueabihf.cmake \
+	    -DORVO_ARM_SYSROOT=$(ARM_SYSROOT) -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf \
+	    -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON \
+	    -DORVO_NLOHMANN_JSON_DIR=$(CURDIR)/$(DEB_ARMHF_DIR)/json-include \
+	    "-DCMAKE_C_FLAGS_RELEASE=$(DEVICE_FLAGS)" "-DCMAKE_CXX_FLAGS_RELEASE=$(DEVICE_FLAGS)" \
+	    -DCMAKE_SHARED_LINKER_FLAGS_RELEASE=-Wl,--gc-sections -DCMAKE_EXE_LINKER_FLAGS_RELEASE=-Wl,--gc-sections
+	$(CMAKE) --build $(DEB_ARMHF_DIR) -j$(JOBS)
+	rm -f $(DEB_ARMHF_DIR)/*.deb $(DEB_OUT)/*_armhf.deb
+	cd $(DEB_ARMHF_DIR) && cpack -G DEB
+	mkdir -p $(DEB_OUT) && cp $(DEB_ARMHF_DIR)/*.deb $(DEB_OUT)/
+	@$(ARM_STRIP) -o $(DEB_ARMHF_DIR)/liborvo.stripped $$(find $(DEB_ARMHF_DIR) -maxdepth 1 -name 'liborvo.so.3.*' -type f) \
+	    && echo "deb-armhf: stripped liborvo.so.3 is $$(stat -c %s $(DEB_ARMHF_DIR)/liborvo.stripped) bytes"
+
+deb: deb-amd64 deb-armhf
+	@ls -l $(DEB_OUT)/*.deb
+
+# Installs the amd64 packages into this machine (root), checks them, and
+# purges them again; see tests/deb_test.sh.
+deb-test: deb
+	tests/deb_test.sh $(DEB_OUT) $(CURDIR)
 
 clean:
 	rm -rf $(BUILD)

@@ -54,6 +54,8 @@ stage tsan tsan-test
 stage arm arm-test
 stage fuzz fuzz FUZZ_SECONDS="$fuzz_seconds"
 stage bench bench-smoke
+# Last: it installs the packages into /usr for a while (and purges them).
+stage deb deb-test
 
 passed=0
 failed=0
