@@ -3,6 +3,7 @@
 #include "orvo_kernelwait.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +20,17 @@ namespace orvo {
 // ---- epoll ------------------------------------------------------------------------
 
 namespace {
+
+// A thread cancelled while blocked in epoll_wait on armhf ends without
+// unwinding (its cleanup handlers and destructors do not run, so a
+// cMsgThread's destructor waits for it forever); blocked in poll it unwinds.
+// There the wait blocks in poll on the instance and collects with a
+// non-blocking epoll_wait: one more system call per pass that sleeps.
+#if defined(__arm__)
+constexpr bool kBlockInPoll = true;
+#else
+constexpr bool kBlockInPoll = false;
+#endif
 
 int TableEvents(const cKernelWait::sTable& table, int fd)
 {
@@ -205,12 +217,24 @@ bool cKernelWait::AllOpen() const
     return true;
 }
 
+bool cKernelWait::BlockUntilReady(int timeout) const
+{
+    if (!kBlockInPoll || timeout == 0)
+        return true;
+    // The instance is readable when any descriptor in it is ready.
+    pollfd p{m_EpollFd, POLLIN, 0};
+    return ::poll(&p, 1, timeout) >= 0;
+}
+
 int cKernelWait::Wait(unsigned long ms, int wake, bool& wokeUp)
 {
     m_Ready.clear();
     wokeUp = false;
     const int timeout = m_Always.empty() ? static_cast<int>(ms) : 0;
-    const int n = ::epoll_wait(m_EpollFd, m_Events.data(), static_cast<int>(m_Events.size()), timeout);
+    if (!BlockUntilReady(timeout))
+        return -1;
+    const int n = ::epoll_wait(m_EpollFd, m_Events.data(), static_cast<int>(m_Events.size()),
+                               kBlockInPoll ? 0 : timeout);
     if (n < 0)
         return -1;
     for (int i = 0; i < n; ++i) {

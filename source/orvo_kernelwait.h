@@ -86,6 +86,9 @@ private:
     // registered for (a hang-up on a write-only registration): the kernel
     // would report it on every pass, select never did.
     void Park(int fd);
+    // Where the pass blocks in poll rather than epoll_wait (armhf): waits
+    // up to timeout ms for the instance to become readable.
+    bool BlockUntilReady(int timeout) const;
 
     int m_EpollFd = -1;
     unsigned m_ForkGeneration = 0;
