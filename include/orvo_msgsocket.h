@@ -11,8 +11,12 @@
 //     offset 6  ...      payload (length - 6 bytes)
 //
 // A frame is at most 196606 bytes (total length below 196607 = 0x2FFFF).
-// Each framed socket has a send buffer and a receive buffer of 196607 bytes,
-// allocated once when the socket is made.
+// Each framed socket has a send buffer and a receive buffer that hold at
+// most 196607 bytes each. Their memory follows use (cByteBuffer): nothing
+// until bytes wait, then it doubles as needed up to that limit and stays
+// while the socket is open, so a busy socket does not allocate per frame;
+// Close() gives both blocks back. An idle connection costs no frame buffer
+// memory at all.
 //
 // Broken streams: a declared length below 6 (the reader would never
 // advance) or at or above 196607 (no sender can make such a frame, and it
@@ -50,8 +54,8 @@ const int kFrameMaxSize = 196606;
 // descriptor. Feed() takes received bytes in any chunking; every complete
 // frame is handed to the handler once, in order, with its type and payload.
 // Bytes of an incomplete frame wait in the buffer (at most kFrameMaxSize
-// bytes, so memory never grows); a frame that arrives whole in one chunk
-// while nothing is buffered is handed out without being copied.
+// bytes; the block grows with them); a frame that arrives whole in one
+// chunk while nothing is buffered is handed out without being copied.
 // Not thread-safe (loop thread only).
 class ORVO_API cFrameReader {
 public:
@@ -85,6 +89,12 @@ public:
     // Drops the buffered bytes. Called from inside a handler it also ends
     // the Feed that runs the handler (see FEED_OK).
     void Clear();
+    // Clear() and gives the buffer's block back; from inside a handler the
+    // block goes when the running Feed returns (the handler's payload may
+    // point into it).
+    void Release();
+    // Bytes of the buffer's block now allocated.
+    unsigned long allocated() const { return m_Buffer.allocated(); }
     // Bytes of an incomplete frame held.
     unsigned long size() const { return m_Buffer.size(); }
     // The length declared by the header that made Feed return FEED_BROKEN.
@@ -95,6 +105,7 @@ private:
     unsigned m_Generation;      // counts Clear() calls
     uint32_t m_BrokenLength;    // see GetBrokenLength
     bool m_bBusy;               // inside Feed
+    bool m_bReleaseLater;       // Release() ran inside Feed
 };
 
 // cTpktTcpSocket: a stream socket that sends and receives frames. Writes are
@@ -116,7 +127,8 @@ public:
     // Flushes the send buffer (under g_FrameLock); when it is empty,
     // cSocket::OnWrite() (which reports nothing with write-ready 0).
     void OnWrite() override;
-    // Empties both buffers, then cTcpSocket::Close().
+    // Empties both buffers and gives their memory back, then
+    // cTcpSocket::Close().
     void Close() override;
     // WritePacket(0, data, size, null, 0, null, 0): every plain write on a
     // framed socket is a frame of type 0.
@@ -150,6 +162,8 @@ public:
     unsigned long GetSendQueued();
     // Bytes of an incomplete frame received so far.
     unsigned long GetRecvQueued() const { return m_RecvBuffer.size(); }
+    // Bytes of memory the two buffers hold now (under g_FrameLock).
+    unsigned long GetBufferMemory();
 
 protected:
     cByteBuffer m_SendBuffer;       // frames not yet written
@@ -172,7 +186,8 @@ public:
 
     // Flushes the send buffer to the remote address (under g_FrameLock).
     void OnWrite() override;
-    // Empties both buffers, then cSocket::Close().
+    // Empties both buffers and gives their memory back, then
+    // cSocket::Close().
     void Close() override;
     // Stores from as the remote address, appends the bytes and hands every
     // complete frame to OnPacketRead. A broken header drops what is

@@ -157,7 +157,8 @@ ORVO_HOT long long CheckedFrameTotal(const char* sender, const tPiece* pieces, i
 // ------------------------------------------------------------- cFrameReader
 
 cFrameReader::cFrameReader()
-    : m_Buffer(kFrameBufferSize), m_Generation(0), m_BrokenLength(0), m_bBusy(false)
+    : m_Buffer(kFrameBufferSize), m_Generation(0), m_BrokenLength(0), m_bBusy(false),
+      m_bReleaseLater(false)
 {
 }
 
@@ -165,6 +166,15 @@ void cFrameReader::Clear()
 {
     m_Buffer.clear();
     ++m_Generation;
+}
+
+void cFrameReader::Release()
+{
+    Clear();
+    if (m_bBusy)
+        m_bReleaseLater = true;
+    else
+        m_Buffer.Release();
 }
 
 ORVO_HOT int cFrameReader::Feed(const void* data, int size, tHandler handler, void* ctx)
@@ -178,10 +188,17 @@ ORVO_HOT int cFrameReader::Feed(const void* data, int size, tHandler handler, vo
         return FEED_OK;
 
     struct cBusy {
-        bool& flag;
-        explicit cBusy(bool& f) : flag(f) { flag = true; }
-        ~cBusy() { flag = false; }
-    } busy(m_bBusy);
+        cFrameReader& reader;
+        explicit cBusy(cFrameReader& r) : reader(r) { reader.m_bBusy = true; }
+        ~cBusy()
+        {
+            reader.m_bBusy = false;
+            if (reader.m_bReleaseLater) {
+                reader.m_bReleaseLater = false;
+                reader.m_Buffer.Release();
+            }
+        }
+    } busy(*this);
 
     const unsigned char* p = static_cast<const unsigned char*>(data);
     unsigned long left = static_cast<unsigned long>(size);
@@ -296,9 +313,9 @@ void cTpktTcpSocket::Close()
 {
     {
         cFrameLockGuard lock;
-        m_SendBuffer.clear();
+        m_SendBuffer.Release();
     }
-    m_RecvBuffer.Clear();
+    m_RecvBuffer.Release();
     cTcpSocket::Close();
 }
 
@@ -382,6 +399,12 @@ unsigned long cTpktTcpSocket::GetSendQueued()
 {
     cFrameLockGuard lock;
     return m_SendBuffer.size();
+}
+
+unsigned long cTpktTcpSocket::GetBufferMemory()
+{
+    cFrameLockGuard lock;
+    return m_SendBuffer.allocated() + m_RecvBuffer.allocated();
 }
 
 // ----------------------------------------------------------- cTpktUdpSocket
@@ -473,9 +496,9 @@ void cTpktUdpSocket::Close()
 {
     {
         cFrameLockGuard lock;
-        m_SendBuffer.clear();
+        m_SendBuffer.Release();
     }
-    m_RecvBuffer.Clear();
+    m_RecvBuffer.Release();
     cSocket::Close();
 }
 

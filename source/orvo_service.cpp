@@ -3,6 +3,7 @@
 #include "orvo_threadid.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -72,6 +73,29 @@ cChannelList& SnoopList()
 {
     static cChannelList* list = new cChannelList();
     return *list;
+}
+
+// Closed connections free their frame buffers and receive buffers in many
+// blocks of a few kilobytes. glibc keeps freed blocks in its arenas, and
+// pages in the middle of an arena stay in the process even when nothing on
+// them is in use, so after a crowd of connections left the process would
+// keep their peak size. Once enough was freed, malloc_trim hands the whole
+// free pages back. It walks the arenas (a fraction of a millisecond for a
+// few megabytes), so it runs only after a megabyte or more came free.
+const unsigned long kTrimAfterBytes = 1ul << 20;
+
+void GiveBackFreedPages(size_t deletedChannels)
+{
+    static std::atomic<unsigned long> channelBytes(0);
+    const unsigned long add = deletedChannels * cChannel::kRecvBufferSize;
+    const unsigned long freed = channelBytes.fetch_add(add, std::memory_order_relaxed) + add;
+    if (freed < kTrimAfterBytes && cByteBuffer::TakeReleasedBytes(kTrimAfterBytes - freed) == 0)
+        return;
+    channelBytes.store(0, std::memory_order_relaxed);
+    cByteBuffer::TakeReleasedBytes();
+#ifdef __GLIBC__
+    ::malloc_trim(0);
+#endif
 }
 
 bool IsStopType(unsigned long type)
@@ -371,13 +395,18 @@ ORVO_HOT void cService::PostHdl(cChannel* ch, unsigned long type)
 
 ORVO_HOT void cService::RunDeferredDeletion()
 {
+    if (m_Deferred.empty())
+        return;
     // Each destructor removes its object from the list (RemoveMsgsByObject),
     // so take one at a time.
+    size_t deleted = 0;
     while (!m_Deferred.empty()) {
         cObject* obj = m_Deferred.back();
         m_Deferred.pop_back();
         delete obj;
+        ++deleted;
     }
+    GiveBackFreedPages(deleted);
 }
 
 void cService::RemoveMsgsByObject(const cObject* obj)
