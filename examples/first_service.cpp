@@ -31,6 +31,8 @@ int main(int argc, char** argv)
     const std::string ip = GetConfig()->GetFirstPar("ip").GetString();
 
     cFirstService service;
+    // Trace, snoop and service-information requests only from this device.
+    service.SetControlAccess(cControlAccess::Loopback());
     if (!service.Init("first", cSocketAddr(ip.c_str(), 0), "restart"))
         return 1;
     cRecordFile journal;

@@ -73,6 +73,7 @@ int main(int argc, char** argv)
     const std::string ip = GetConfig()->GetFirstPar("ip").GetString();
 
     cReaderService service;
+    service.SetControlAccess(cControlAccess::Loopback());   // control messages from this device only
     service.Init("reader", cSocketAddr(ip.c_str(), 0), "restart");
     cMeterLink meter(&service);
     cTimer poll(&service, true, nullptr);

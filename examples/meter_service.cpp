@@ -51,6 +51,7 @@ int main(int argc, char** argv)
     const int port = GetConfig()->GetFirstPar("port").GetSInt();
 
     cMeterService service;
+    service.SetControlAccess(cControlAccess::Loopback());   // control messages from this device only
     service.Init("meter", cSocketAddr(ip.c_str(), static_cast<unsigned short>(port)), "restart");
     cTimer tick(&service, true, nullptr);
 

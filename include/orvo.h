@@ -21,6 +21,7 @@
 #include "orvo_msg.h"
 #include "orvo_msgtypes.h"
 #include "orvo_socketaddr.h"
+#include "orvo_access.h"
 #include "orvo_init.h"
 #include "orvo_thread.h"
 #include "orvo_bytebuffer.h"

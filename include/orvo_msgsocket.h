@@ -31,6 +31,7 @@
 // loop flushes it. Receiving happens only on the loop thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "orvo_bytebuffer.h"
@@ -164,12 +165,29 @@ public:
     unsigned long GetRecvQueued() const { return m_RecvBuffer.size(); }
     // Bytes of memory the two buffers hold now (under g_FrameLock).
     unsigned long GetBufferMemory();
+    // How long, in milliseconds at now (a GetMsecClockCoarse() value), the
+    // connection has owed progress, the longest of: holding part of a frame
+    // (since that part began), having sent no complete frame at all (since
+    // the socket was made), having bytes wait that the peer does not take
+    // (since it last took some, or since they began to wait). 0 when it
+    // owes nothing. what (when given) names the longest: "an unfinished
+    // frame", "no complete frame", "answers it does not read".
+    unsigned long GetOwedMs(long long now, const char** what = nullptr);
 
 protected:
     cByteBuffer m_SendBuffer;       // frames not yet written
     cFrameReader m_RecvBuffer;      // bytes not yet a whole frame
 
 private:
+    // Notes that the peer took bytes, or that bytes began to wait; caller
+    // holds g_FrameLock.
+    void NoteSendProgress(bool wasEmpty, int written);
+
+    uint32_t m_Created;             // GetMsecClockCoarse() at construction
+    uint32_t m_RecvSince;           // the unfinished frame's first bytes came
+    std::atomic<uint32_t> m_SendSince{0};   // waiting bytes last moved
+    bool m_bHeard = false;          // a complete frame came
+
     static void FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
                              int size);
 };

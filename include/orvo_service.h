@@ -48,6 +48,7 @@
 #include <string>
 #include <vector>
 
+#include "orvo_access.h"
 #include "orvo_msg.h"
 #include "orvo_object.h"
 #include "orvo_socketaddr.h"
@@ -66,6 +67,7 @@ class cMsgUdpSocket;
 template <class T> class cTcpServer;
 class cService;
 class cKernelWait;
+class cIdleSweep;
 
 // Direction of a snoop report: 1 for messages received (handed out by
 // GetMessage, delivered to a state machine), 0 for messages sent.
@@ -234,6 +236,48 @@ public:
     cMsg SendSyncMsg(cChannel& channel, cMsg& msg, unsigned long ms, unsigned long type1,
                      unsigned long type2 = 0, unsigned long type3 = 0);
 
+    // ---- Limits for hostile peers (all opt-in) ---------------------------
+
+    // Who may send the control messages 0x7000 to 0x7007 (cControlAccess).
+    // Checked when a message arrives through a channel and names no state
+    // machine; a refused one is dropped, never answered, never queued, with
+    // a WARNING trace "cService: control message 0x%lx from <address>
+    // refused: <why>". Messages a program hands to OnMsg itself (no
+    // channel) are never checked. A policy set here wins; otherwise the
+    // configuration's text "control-access" (read when a control message
+    // arrives, so a new configuration takes effect at once); without both
+    // every peer is let in. A configured text that cannot be read refuses
+    // every control message (fail closed, ERROR trace).
+    void SetControlAccess(const cControlAccess& policy);
+    // The text form; false (policy unchanged) when it cannot be read.
+    bool SetControlAccess(const std::string& text);
+    // The policy in force now.
+    cControlAccess GetControlAccess();
+
+    // The sap's listen backlog: pending connections the kernel completes
+    // before the service accepts them. Takes effect at the next Init. 0
+    // (the default) means the configuration's unsigned "sap-backlog" when
+    // it is above 0, else 5. The kernel caps it (net.core.somaxconn).
+    void SetSapBacklog(int backlog) { m_SapBacklog = backlog; }
+    int GetSapBacklog() const;
+
+    // Idle limit of the sap's connections, in milliseconds; 0 switches it
+    // off (the default). An accepted connection that owes progress for that
+    // long is closed (0x4003 to the program, INFO trace "cService: closing
+    // <address>: <what> for <n> ms"): it holds part of a frame and has not
+    // completed it, it has sent no complete frame at all since it was
+    // accepted, or bytes wait for it that it does not take. A connection
+    // that owes nothing (all it sent was answered, all answers read) is
+    // never closed, however quiet. Checked about four times per limit (at
+    // least every 50 ms, at most every 5 s), so a connection goes after the
+    // limit plus up to a quarter of it. Without a call, Init takes the
+    // configuration's unsigned "idle-timeout-ms".
+    void SetIdleTimeout(unsigned long ms);
+    unsigned long GetIdleTimeout() const { return m_IdleTimeoutMs; }
+    // Closes the sap's connections that owe progress for the idle limit
+    // (the idle timer calls it); returns how many it closed.
+    int CloseIdleConnections();
+
     // ---- Accessors ------------------------------------------------------------
 
     // The sap socket and internal socket (owned; null before Init, after
@@ -327,6 +371,11 @@ private:
     void OnSnoopOff(cMsg& msg);
     void OnServiceInfoRequest(cMsg& msg);
     void OnChannelClosed(cMsg& msg);
+    // False (with the WARNING trace) when msg is a control message from a
+    // peer the control access policy refuses.
+    bool ControlAllowed(const cMsg& msg);
+    // Starts, re-times or stops the idle timer from m_IdleTimeoutMs.
+    void ArmIdleSweep();
 
     void AddTimerEntry(const sTimerEntry& entry);
     // ChannelAsyncSelect; with merge, events are added to those the entry
@@ -386,6 +435,14 @@ private:
     std::unique_ptr<cKernelWait> m_pWait;
     uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
     std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
+    cControlAccess m_ControlAccess;          // in force when m_bControlAccessSet
+    bool m_bControlAccessSet = false;
+    std::string m_ConfigAccessText;          // "control-access" last read
+    cControlAccess m_ConfigAccess;           // ... and what it says
+    int m_SapBacklog = 0;                    // 0: configuration or 5
+    unsigned long m_IdleTimeoutMs = 0;       // 0: off
+    bool m_bIdleTimeoutSet = false;          // SetIdleTimeout was called
+    cIdleSweep* m_pIdleSweep = nullptr;      // owned; the idle timer
 
     // The two large arrays last, so that the members every message uses
     // share a few cache lines and pages; only the first entries are busy.

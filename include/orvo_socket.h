@@ -11,16 +11,21 @@
 // Descriptors: a descriptor at or above FD_SETSIZE never enters the service's
 // descriptor sets. Socket() refuses one (it is closed at once, with an ERROR
 // trace, and the call fails with errno EMFILE); an accepted connection that
-// gets one is closed at once with an ERROR trace and never announced.
+// gets one is closed at once and never announced.
 //
 // Accepting when the process is out of descriptors (EMFILE/ENFILE): the
 // pending connection would keep the listening descriptor readable and the
 // loop would spin. A listening socket therefore keeps one spare descriptor
 // (opened by Listen on /dev/null): on EMFILE it closes the spare, accepts the
 // connection, closes it at once (the peer sees the connection end) and
-// re-opens the spare, with an ERROR trace. When the spare cannot be re-opened
-// the listener stops watching for connections until one of its accepted
-// connections goes away (ClientDeleted) or Listen is called again.
+// re-opens the spare. When the spare cannot be re-opened the listener stops
+// watching for connections until one of its accepted connections goes away
+// (ClientDeleted) or Listen is called again. Either way the connections
+// already accepted go on undisturbed. A run of refusals is traced once, at
+// its first refusal (ERROR "cTcpSocket::accept: <why>, refusing new
+// connections on <address> until descriptors come free"), and its count
+// when a connection is accepted again (WARNING "cTcpSocket::accept:
+// accepting again on <address>, <n> connections were refused").
 //
 // Thread safety: a socket belongs to the thread that runs its service's
 // loop; nothing here locks (the framed sockets of orvo_msgsocket.h lock
@@ -244,6 +249,9 @@ protected:
     // accept failed for lack of descriptors: refuse the pending connection
     // through the spare descriptor, or pause the listener.
     void RefuseWithoutDescriptor();
+    // A connection was refused for lack of descriptors (why); the first of
+    // a run is traced at ERROR, the run's count when accepting works again.
+    void NoteRefused(const char* why);
     // A TLS handshake step wants more I/O: watch for the direction it needs.
     void WatchHandshake();
     // m_pServer while that listener is alive, else null.
@@ -262,6 +270,7 @@ protected:
     int m_SpareFd;                  // listener's reserve for EMFILE; -1 when none
     unsigned char m_bAcceptPaused;  // listener not watched: out of descriptors
     uint32_t m_ServerHandle;        // m_pServer's channel handle
+    unsigned m_Refused;             // listener: connections refused since the last accept
 };
 
 // cUdpSocket: a datagram socket; watched for reading as soon as it exists.
@@ -320,7 +329,8 @@ public:
     ~cTcpServer() override { cTcpServer::Close(); }
 
     // Opens an IPv4 stream socket, SO_REUSEADDR on, binds to the local
-    // address and listens with a backlog of 5. Returns the last step's
+    // address and listens with the backlog (5 unless SetBacklog said
+    // otherwise). Returns the last step's
     // result: a descriptor or -1 when the socket could not be made, the bind
     // result when binding failed, else listen()'s result (0).
     int Run()
@@ -333,9 +343,13 @@ public:
         SetSockOpt(SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         result = Bind();
         if (result == 0)
-            result = Listen(5);
+            result = Listen(m_Backlog);
         return result;
     }
+
+    // The listen backlog of the next Run(); values below 1 mean 5.
+    void SetBacklog(int backlog) { m_Backlog = backlog > 0 ? backlog : 5; }
+    int GetBacklog() const { return m_Backlog; }
 
     cTcpSocket* NewSocket() override
     {
@@ -373,6 +387,7 @@ public:
 private:
     std::list<cTcpSocket*> m_Clients;   // owned
     bool m_bClosing;                    // Close() is deleting the clients
+    int m_Backlog = 5;                  // listen backlog of Run
 };
 
 }  // namespace orvo

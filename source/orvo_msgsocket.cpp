@@ -11,6 +11,7 @@
 
 #include "orvo_handle.h"
 #include "orvo_service.h"
+#include "orvo_time.h"
 #include "orvo_trace.h"
 
 namespace orvo {
@@ -260,7 +261,10 @@ ORVO_HOT int cFrameReader::Feed(const void* data, int size, tHandler handler, vo
 // ----------------------------------------------------------- cTpktTcpSocket
 
 cTpktTcpSocket::cTpktTcpSocket(cService* service, cStateMachine* statem)
-    : cTcpSocket(service, statem, nullptr), m_SendBuffer(kFrameBufferSize)
+    : cTcpSocket(service, statem, nullptr),
+      m_SendBuffer(kFrameBufferSize),
+      m_Created(static_cast<uint32_t>(GetMsecClockCoarse())),
+      m_RecvSince(m_Created)
 {
     SetWriteReadyMsg(0);
 }
@@ -273,13 +277,18 @@ cTpktTcpSocket::~cTpktTcpSocket()
 ORVO_HOT void cTpktTcpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
                                   int size)
 {
-    static_cast<cTpktTcpSocket*>(ctx)->OnPacketRead(type, payload, size);
+    cTpktTcpSocket* self = static_cast<cTpktTcpSocket*>(ctx);
+    self->m_bHeard = true;
+    self->OnPacketRead(type, payload, size);
 }
 
 ORVO_HOT int cTpktTcpSocket::OnRead(const void* data, int size)
 {
-    if (m_RecvBuffer.Feed(data, size, &cTpktTcpSocket::FrameHandler, this) ==
-        cFrameReader::FEED_BROKEN) {
+    const bool wasEmpty = m_RecvBuffer.size() == 0;
+    const int fed = m_RecvBuffer.Feed(data, size, &cTpktTcpSocket::FrameHandler, this);
+    if (wasEmpty && m_RecvBuffer.size() > 0)
+        m_RecvSince = static_cast<uint32_t>(GetMsecClockCoarse());
+    if (fed == cFrameReader::FEED_BROKEN) {
         ORVO_TRACE(UnitORVO, ERROR,
                    FormatString("cTpktTcpSocket::OnRead error: frame length %u outside %i..%i, "
                                 "stream broken, closing %s",
@@ -299,6 +308,7 @@ void cTpktTcpSocket::OnWrite()
             int written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
             if (written > 0)
                 m_SendBuffer.popfront(static_cast<unsigned long>(written));
+            NoteSendProgress(false, written);
             // OnSelectWrite re-registers: write readiness only while bytes wait.
             SetWritePending(m_SendBuffer.size() > 0);
             lock.Release();
@@ -347,8 +357,9 @@ ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int
         AssembleFrame(frame, type, static_cast<uint32_t>(total), pieces, 3);
 
     cFrameLockGuard lock;
+    const bool wasEmpty = m_SendBuffer.size() == 0;
     int written;
-    if (direct && m_SendBuffer.size() == 0 && !IsWritePending()) {
+    if (direct && wasEmpty && !IsWritePending()) {
         // Nothing waits: write the frame as it is, keep what did not go out.
         written = rawWrite(frame, static_cast<int>(total));
         const long long sent = written > 0 ? written : 0;
@@ -370,15 +381,19 @@ ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int
         QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 3);
         // Frames already waiting for writability go out with the flush; writing
         // now would only meet a full socket again.
-        if (IsWritePending())
+        if (IsWritePending()) {
+            NoteSendProgress(wasEmpty, 0);
             return static_cast<int>(total);
+        }
         written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
         if (written > 0)
             m_SendBuffer.popfront(static_cast<unsigned long>(written));
     }
     const bool waiting = m_SendBuffer.size() > 0;
-    if (waiting)
+    if (waiting) {
         SetWritePending(true);
+        NoteSendProgress(wasEmpty, written);
+    }
     lock.Release();
     const int saved = errno;
     // Bytes that wait need write readiness whatever made the connection
@@ -399,6 +414,37 @@ unsigned long cTpktTcpSocket::GetSendQueued()
 {
     cFrameLockGuard lock;
     return m_SendBuffer.size();
+}
+
+void cTpktTcpSocket::NoteSendProgress(bool wasEmpty, int written)
+{
+    if (wasEmpty || written > 0)
+        m_SendSince.store(static_cast<uint32_t>(GetMsecClockCoarse()), std::memory_order_relaxed);
+}
+
+unsigned long cTpktTcpSocket::GetOwedMs(long long now, const char** what)
+{
+    const uint32_t at = static_cast<uint32_t>(now);
+    unsigned long owed = 0;
+    const char* why = "";
+    if (m_RecvBuffer.size() > 0) {
+        owed = at - m_RecvSince;
+        why = "an unfinished frame";
+    } else if (!m_bHeard) {
+        owed = at - m_Created;
+        why = "no complete frame";
+    }
+    if (GetSendQueued() > 0) {
+        const unsigned long send = at - m_SendSince.load(std::memory_order_relaxed);
+        if (send > owed) {
+            owed = send;
+            why = "answers it does not read";
+        }
+    }
+    if (what != nullptr)
+        *what = why;
+    // A clock read before the marks were set gives a wrapped difference.
+    return owed > 0x7FFFFFFFul ? 0 : owed;
 }
 
 unsigned long cTpktTcpSocket::GetBufferMemory()

@@ -164,7 +164,38 @@ struct sInstallHooks {
     }
 } gInstallHooks;
 
+bool IsControlType(unsigned long type)
+{
+    return type >= MSG_TRACE_ON && type <= MSG_SERVICE_INFO;
+}
+
+// How often the idle timer looks: about four times per limit, within
+// 50 ms .. 5 s.
+unsigned long IdleSweepInterval(unsigned long idleMs)
+{
+    const unsigned long quarter = idleMs / 4;
+    return quarter < 50 ? 50 : quarter > 5000 ? 5000 : quarter;
+}
+
 }  // namespace
+
+// The idle timer of a service: re-arms itself and closes the sap's
+// connections that owe progress for too long. No message is posted.
+class cIdleSweep : public cTimer {
+public:
+    cIdleSweep(cService* service, unsigned long interval)
+        : cTimer(service, false, nullptr), m_Interval(interval)
+    {
+        SetObjName("idleSweep");
+        Start(m_Interval, 0);
+    }
+    void OnExec() override
+    {
+        Start(m_Interval, 0);
+        GetService()->CloseIdleConnections();
+    }
+    unsigned long m_Interval;
+};
 
 // ---- Process-wide set-up ------------------------------------------------------
 
@@ -267,6 +298,7 @@ bool cService::Init(const std::string& name, cSocketAddr sap)
 
     m_pSapSocket = new cTcpServer<cMsgTcpSocket>(this, sap, nullptr);
     m_pSapSocket->SetObjName("sapSocket");
+    m_pSapSocket->SetBacklog(GetSapBacklog());
     if (m_pSapSocket->Run() < 0)
         ORVO_TRACE(UnitORVO, ERROR,
                    FormatString("cService::Init: sap socket %s failed: %s", sap.ToString().c_str(),
@@ -284,6 +316,10 @@ bool cService::Init(const std::string& name, cSocketAddr sap)
     m_pInternalSocket = internal;
     m_pSendLock->Leave();
 
+    if (!m_bIdleTimeoutSet)
+        m_IdleTimeoutMs = GetConfig()->GetFirstPar("idle-timeout-ms").GetUInt();
+    ArmIdleSweep();
+
     const std::string sapText = m_pSapSocket->GetLocalAddress().ToString();
     if (!m_bThreadService) {
         ORVO_TRACE(UnitORVO, ALL,
@@ -300,6 +336,8 @@ bool cService::Init(const std::string& name, cSocketAddr sap)
 
 void cService::CloseSockets()
 {
+    delete m_pIdleSweep;
+    m_pIdleSweep = nullptr;
     // Accepted connections waiting for deletion go first: closing the sap
     // socket deletes every client it still lists.
     RunDeferredDeletion();
@@ -437,6 +475,8 @@ ORVO_HOT void cService::OnMsg(cMsg& msg)
             ch->SetPeerId(id);
         }
     }
+    if (IsControlType(msg.GetType()) && !ControlAllowed(msg))
+        return;
     if (msg.GetType() == MSG_IN_RECORD) {
         // The carried message is delivered as it is, never unpacked again.
         const cRecord rec(msg.GetRecord());
@@ -597,6 +637,122 @@ void cService::OnChannelClosed(cMsg& msg)
         SnoopRemoveChannel(ch);
         UnRegisterTraceChannel(ch);
     }
+}
+
+// ---- Limits for hostile peers ------------------------------------------------------
+
+void cService::SetControlAccess(const cControlAccess& policy)
+{
+    m_ControlAccess = policy;
+    m_bControlAccessSet = true;
+}
+
+bool cService::SetControlAccess(const std::string& text)
+{
+    cControlAccess policy;
+    std::string error;
+    if (!policy.Parse(text, &error)) {
+        ORVO_TRACE(UnitORVO, ERROR, "cService::SetControlAccess: " + error);
+        return false;
+    }
+    SetControlAccess(policy);
+    return true;
+}
+
+cControlAccess cService::GetControlAccess()
+{
+    if (m_bControlAccessSet)
+        return m_ControlAccess;
+    const cRecordPar par = GetConfig()->GetFirstPar("control-access");
+    const std::string text = par.IsValid() ? par.GetString() : std::string();
+    if (text != m_ConfigAccessText) {
+        std::string error;
+        if (!m_ConfigAccess.Parse(text, &error)) {
+            // A typing error in a security setting must not open the door.
+            m_ConfigAccess = cControlAccess::None();
+            ORVO_TRACE(UnitORVO, ERROR,
+                       "cService: configuration " + error + ", control messages refused");
+        }
+        m_ConfigAccessText = text;
+    }
+    return m_ConfigAccess;
+}
+
+bool cService::ControlAllowed(const cMsg& msg)
+{
+    const cChannel* ch = msg.GetChannel();
+    // The program's own messages, and those for a state machine (which the
+    // library does not act on), are not the policy's business.
+    if (ch == nullptr || msg.GetStatem() != nullptr)
+        return true;
+    const cControlAccess policy = GetControlAccess();
+    if (policy.GetMode() == CONTROL_ANY)
+        return true;
+    std::string why;
+    std::string from;
+    bool allowed;
+    if (const cSocket* socket = dynamic_cast<const cSocket*>(ch)) {
+        allowed = policy.Allows(socket->GetRemoteAddress(), &why);
+        from = socket->GetRemoteAddress().GetIPString();
+    } else {
+        allowed = policy.AllowsUnaddressed(&why);
+        from = ch->GetObjName();
+    }
+    if (!allowed)
+        ORVO_TRACE(UnitORVO, WARNING,
+                   FormatString("cService: control message 0x%lx from %s refused: %s",
+                                msg.GetType(), from.c_str(), why.c_str()));
+    return allowed;
+}
+
+int cService::GetSapBacklog() const
+{
+    if (m_SapBacklog > 0)
+        return m_SapBacklog;
+    const unsigned long configured = GetConfig()->GetFirstPar("sap-backlog").GetUInt();
+    return configured > 0 && configured <= 65535 ? static_cast<int>(configured) : 5;
+}
+
+void cService::SetIdleTimeout(unsigned long ms)
+{
+    m_IdleTimeoutMs = ms;
+    m_bIdleTimeoutSet = true;
+    if (m_pSapSocket != nullptr)
+        ArmIdleSweep();
+}
+
+void cService::ArmIdleSweep()
+{
+    delete m_pIdleSweep;
+    m_pIdleSweep = nullptr;
+    if (m_IdleTimeoutMs != 0 && m_pSapSocket != nullptr)
+        m_pIdleSweep = new cIdleSweep(this, IdleSweepInterval(m_IdleTimeoutMs));
+}
+
+int cService::CloseIdleConnections()
+{
+    if (m_pSapSocket == nullptr || m_IdleTimeoutMs == 0)
+        return 0;
+    const long long now = GetMsecClockCoarse();
+    // Collected first: closing queues messages but changes no list, still
+    // the walk stays clear of whatever the close does.
+    std::vector<cTpktTcpSocket*> idle;
+    for (cTcpSocket* client : m_pSapSocket->GetClients()) {
+        // The sap makes cMsgTcpSocket connections only.
+        cTpktTcpSocket* framed = static_cast<cTpktTcpSocket*>(client);
+        if (framed->GetFd() >= 0 && framed->GetOwedMs(now) >= m_IdleTimeoutMs)
+            idle.push_back(framed);
+    }
+    for (cTpktTcpSocket* framed : idle) {
+        const char* what = "";
+        const unsigned long owed = framed->GetOwedMs(now, &what);
+        ORVO_TRACE(UnitORVO, INFO,
+                   FormatString("cService: closing %s: %s for %lu ms",
+                                framed->GetRemoteAddress().ToString().c_str(), what, owed));
+        framed->OnClose();
+        framed->Close();
+    }
+    return static_cast<int>(idle.size());
 }
 
 // ---- Posting between services ---------------------------------------------------

@@ -193,7 +193,8 @@ cTcpSocket::cTcpSocket(cService* service, cStateMachine* statem, ssl_ctx_st* ctx
       m_pSsl(nullptr),
       m_SpareFd(-1),
       m_bAcceptPaused(0),
-      m_ServerHandle(0)
+      m_ServerHandle(0),
+      m_Refused(0)
 {
     SetWriteReadyMsg(1);
 }
@@ -313,8 +314,20 @@ void cTcpSocket::AcceptOne(int events)
             RefuseWithoutDescriptor();
         return;
     }
-    if (RefuseLargeFd(fd, "cTcpSocket::accept"))
+    if (fd >= FD_SETSIZE) {
+        // The select table ends there: refused, the listener goes on.
+        ::close(fd);
+        NoteRefused(FormatString("descriptor %i is not below FD_SETSIZE (%i)", fd,
+                                 static_cast<int>(FD_SETSIZE)).c_str());
         return;
+    }
+    if (m_Refused != 0) {
+        ORVO_TRACE(UnitORVO, WARNING,
+                   FormatString("cTcpSocket::accept: accepting again on %s, %u connections "
+                                "were refused",
+                                m_LocalAddr.ToString().c_str(), m_Refused));
+        m_Refused = 0;
+    }
 
     cTcpSocket* client = NewSocket();
     if (client == nullptr) {
@@ -349,9 +362,7 @@ void cTcpSocket::RefuseWithoutDescriptor()
         if (fd >= 0)
             ::close(fd);
         m_SpareFd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("cTcpSocket::accept: out of descriptors, connection refused on %s",
-                                m_LocalAddr.ToString().c_str()));
+        NoteRefused("out of descriptors");
         if (m_SpareFd >= 0)
             return;
     }
@@ -363,6 +374,17 @@ void cTcpSocket::RefuseWithoutDescriptor()
     ORVO_TRACE(UnitORVO, ERROR,
                FormatString("cTcpSocket::accept: out of descriptors, not accepting on %s for now",
                             m_LocalAddr.ToString().c_str()));
+}
+
+void cTcpSocket::NoteRefused(const char* why)
+{
+    // Said once per run of refusals: a crowd of peers knocking on a full
+    // table must not flood the log (the count comes with the recovery).
+    if (m_Refused++ == 0)
+        ORVO_TRACE(UnitORVO, ERROR,
+                   FormatString("cTcpSocket::accept: %s, refusing new connections on %s until "
+                                "descriptors come free",
+                                why, m_LocalAddr.ToString().c_str()));
 }
 
 void cTcpSocket::OnClose()

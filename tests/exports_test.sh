@@ -13,6 +13,7 @@ set -uo pipefail
 lib="$1"
 
 allowed="
+orvo_access: cControlAccess
 orvo_aes: cAES
 orvo_base64: cBase64
 orvo_blockfile: GetBlockFileErrorText cBlock cBlockFile cRecordFile
