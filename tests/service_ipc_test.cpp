@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
+#include <netinet/tcp.h>
 
 #include <algorithm>
 #include <string>
@@ -315,4 +316,118 @@ TEST_F(ServiceIpc, TracesOfAServiceUnitArriveAtTheMainService)
     r.GetFirstPar("service-id").GetUuid(id);
     EXPECT_EQ(id, main.GetServiceId());
     EXPECT_EQ(second.GetRecord().GetFirstPar("txt").GetString(), "from a worker");
+}
+
+namespace {
+
+// Non-blocking connects to addr; after the kernel had time, how many of them
+// are established (the service's loop does not run, so only those the
+// listen backlog holds complete).
+int EstablishedOf(const cSocketAddr& addr, int tries)
+{
+    std::vector<int> fds;
+    for (int i = 0; i < tries; ++i) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+        (void)::connect(fd, addr.GetSockAddr(), sizeof(sockaddr_in));
+        fds.push_back(fd);
+    }
+    ::usleep(300 * 1000);
+    int established = 0;
+    for (int fd : fds) {
+        tcp_info info{};
+        socklen_t len = sizeof info;
+        if (::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &len) == 0 && info.tcpi_state == TCP_ESTABLISHED)
+            ++established;
+        ::close(fd);
+    }
+    return established;
+}
+
+}  // namespace
+
+TEST_F(ServiceIpc, SapBacklogDefaultsToFiveAndFollowsTheCallOrTheConfiguration)
+{
+    // The kernel completes backlog + 1 connections nobody accepts yet.
+    struct {
+        int call;
+        unsigned config;
+        int backlog;
+    } cases[] = {{0, 0, 5}, {2, 0, 2}, {0, 9, 9}, {3, 9, 3}};
+    for (const auto& c : cases) {
+        if (c.config != 0)
+            GetConfig()->SetUIntPar("sap-backlog", c.config);
+        cTestService svc;
+        svc.SetSapBacklog(c.call);
+        svc.Init("backlog", kLoopback);
+        GetConfig()->DeletePar("sap-backlog");
+        EXPECT_EQ(svc.GetSapSocket()->GetBacklog(), c.backlog);
+        EXPECT_EQ(EstablishedOf(svc.GetSapAddress(), c.backlog + 6), c.backlog + 1)
+            << "call " << c.call << ", configuration " << c.config;
+    }
+}
+
+TEST_F(ServiceIpc, IdleLimitClosesConnectionsThatOweProgressOnly)
+{
+    cTestService svc;
+    svc.SetIdleTimeout(300);
+    svc.Init("idle", kLoopback);
+    const cSocketAddr sap = svc.GetSapAddress();
+    auto connectTo = [&sap](int rcvbuf) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (rcvbuf != 0)
+            ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvbuf, sizeof rcvbuf);
+        EXPECT_EQ(::connect(fd, sap.GetSockAddr(), sizeof(sockaddr_in)), 0);
+        return fd;
+    };
+    auto frameOf = [](unsigned long type) {
+        std::string payload;
+        cMsg(type).Serialize(0, payload);
+        const uint32_t n = uint32_t(payload.size() + 6);
+        return std::string{4, 0, char(n), char(n >> 8), char(n >> 16), char(n >> 24)} + payload;
+    };
+    const std::string hello = frameOf(0x7e0101), nonReader = frameOf(0x7e0102);
+
+    const int partial = connectTo(0);           // one byte of a frame, then nothing
+    ASSERT_EQ(::send(partial, hello.data(), 1, 0), 1);
+    const int silent = connectTo(0);            // nothing at all
+    const int quiet = connectTo(0);             // a whole frame, then quiet: owes nothing
+    ASSERT_EQ(::send(quiet, hello.data(), hello.size(), 0), ssize_t(hello.size()));
+    const int deaf = connectTo(4096);           // never reads what it asked for
+    ASSERT_EQ(::send(deaf, nonReader.data(), nonReader.size(), 0), ssize_t(nonReader.size()));
+
+    // Answers for the non-reader until they wait in its send buffer.
+    cMsg asked = svc.WaitSyncMsg(kWaitMs, 0x7e0102);
+    ASSERT_EQ(asked.GetType(), 0x7e0102u);
+    cMsgTcpSocket* toDeaf = static_cast<cMsgTcpSocket*>(asked.GetChannel());
+    cMsg big(0x7e0103);
+    big.GetRecord().AppendDataPar("pad", std::string(100000, 'p').data(), 100000);
+    for (int i = 0; i < 200 && toDeaf->GetSendQueued() == 0; ++i)
+        toDeaf->Send(big);
+    ASSERT_GT(toDeaf->GetSendQueued(), 0u);
+
+    // Three closes within the limit and its sweep, the quiet one stays.
+    std::vector<cChannel*> closed;
+    const long long start = GetMsecClock();
+    while (closed.size() < 3 && GetMsecClock() - start < (long long)kWaitMs) {
+        cMsg m = svc.WaitSyncMsg(100, MSG_SOCKET_CLOSED);
+        if (m == MSG_SOCKET_CLOSED)
+            closed.push_back(m.GetChannel());
+    }
+    EXPECT_EQ(closed.size(), 3u);
+    EXPECT_GE(GetMsecClock() - start, 200) << "not before the limit";
+    svc.WaitSyncMsg(500, MSG_SOCKET_CLOSED);   // a further 500 ms: nobody else goes
+    EXPECT_EQ(svc.GetSapSocket()->GetClients().size(), 1u);
+
+    char buf[4096];
+    for (int fd : {partial, silent}) {   // the service's announcement, then the end
+        ssize_t n;
+        while ((n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT)) > 0) {
+        }
+        EXPECT_EQ(n, 0) << "closed by the service";
+    }
+    // The quiet one still talks.
+    ASSERT_EQ(::send(quiet, hello.data(), hello.size(), 0), ssize_t(hello.size()));
+    EXPECT_EQ(svc.WaitSyncMsg(kWaitMs, 0x7e0101).GetType(), 0x7e0101u);
+    for (int fd : {partial, silent, quiet, deaf})
+        ::close(fd);
 }
