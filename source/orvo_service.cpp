@@ -496,7 +496,12 @@ ORVO_HOT void cService::Deliver(cMsg& msg)
         if (m_MsgQ.size() > m_QueueLimit) {
             ORVO_TRACE(UnitORVO, ERROR, "cService::m_msgQ overload; msg=" + msg.ToString());
             // Deliberately all of them: a queue this long means the program
-            // no longer keeps up, and old requests are stale.
+            // no longer keeps up, and old requests are stale. A dropped close
+            // message still ends its connection's life: the socket the
+            // framework owns goes at the next GetMessage, as if handed out
+            // (else a crowd of closing peers would leak their sockets).
+            for (size_t i = 0; i < m_MsgQ.size(); ++i)
+                PostHdl(m_MsgQ.at(i).GetChannel(), m_MsgQ.at(i).GetType());
             m_MsgQ.clear();
         }
         return;

@@ -28,6 +28,7 @@
 #include "orvo_time.h"
 #include "orvo_timer.h"
 #include "orvo_trace.h"
+#include "hostile_peers.h"
 #include "test_helpers.h"
 
 using namespace orvo;
@@ -236,4 +237,95 @@ TEST(Stress, SendersTracesAndSnoopOnOneServiceLoseAndDuplicateNothing)
     // The viewer saw both kinds of copies while the senders ran.
     EXPECT_NE(std::count(viewed.begin(), viewed.end(), MSG_TRACE_OUTPUT), 0);
     EXPECT_NE(std::count(viewed.begin(), viewed.end(), MSG_SNOOP_REPORT), 0);
+}
+
+// Hostile peers against an echo service in a child process: a flood of
+// undecodable frames, a peer that never reads its answers, a thousand
+// connections that each hold one byte of a frame, and more connections than
+// the descriptor table takes. The good client's round trips go on
+// throughout, the table's refusals are traced once, and when the peers
+// leave the service's descriptors and heap return to (near) their start.
+TEST(Stress, HostilePeersLeaveTheServiceWorkingAndItsMemoryReturns)
+{
+    hostile::RaiseFdLimit(4096);
+    char logPath[] = "/tmp/orvo-hostile-XXXXXX";
+    const int logFd = ::mkstemp(logPath);
+    ASSERT_GE(logFd, 0);
+    ::close(logFd);
+    const orvo_test::sChild child = orvo_test::StartChild([&logPath](int toParent) {
+        if (std::freopen(logPath, "w", stdout) == nullptr)
+            return 2;
+        SetTraceLevel(UnitORVO, ERROR);
+        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+        return hostile::RunEchoService(toParent);
+    }, 180);
+    const unsigned short port = orvo_test::Receive(child.pipe);
+    ASSERT_NE(port, 0);
+
+    hostile::cGoodClient good(port);
+    ASSERT_TRUE(good.IsOpen());
+    ASSERT_GT(good.RoundTrip(), 0);
+    const hostile::sStats start = good.Stats();
+    ASSERT_GT(start.fds, 0);
+
+    const int deaf = hostile::OpenNonReader(port, 60);
+    hostile::SendMalformed(port, 5000, 10, 50);
+    EXPECT_GT(good.RoundTrip(), 0) << "after the malformed frames";
+
+    std::vector<int> partial = hostile::OpenPartial(port, 1000, 1);
+    EXPECT_EQ(partial.size(), 1000u);
+    // Until the service took them all (it accepts one per readiness).
+    auto settle = [&good](long least) {
+        hostile::sStats s = good.Stats(), before;
+        for (const long long until = GetMsecClock() + 30000;
+             GetMsecClock() < until && (s.clients < least || s.clients != before.clients);) {
+            ::usleep(200 * 1000);
+            before = s;
+            s = good.Stats();
+        }
+        return s;
+    };
+    EXPECT_GE(settle(1000).clients, 1000);
+    EXPECT_GT(good.RoundTrip(), 0) << "with a thousand unfinished frames";
+    // Beyond the table: refused, the rest undisturbed.
+    std::vector<int> extra = hostile::OpenPartial(port, 60, 1);
+    const hostile::sStats busy = settle(1000);
+    EXPECT_GT(good.RoundTrip(), 0) << "with the table full";
+    EXPECT_LE(busy.fds, 1024);
+    EXPECT_LT(busy.heap - start.heap, 20l << 20) << "a thousand partial frames cost little";
+
+    hostile::CloseAll(partial);
+    hostile::CloseAll(extra);
+    ::close(deaf);
+    // The peers' closes arrive; the figures settle near the start.
+    hostile::sStats end;
+    for (const long long until = GetMsecClock() + 30000; GetMsecClock() < until;) {
+        end = good.Stats();
+        if (end.clients == start.clients && end.fds <= start.fds + 1 &&
+            end.heap <= start.heap + start.heap / 10 + (256 << 10))
+            break;
+        ::usleep(100 * 1000);
+    }
+    EXPECT_EQ(end.clients, start.clients);
+    EXPECT_LE(end.fds, start.fds + 1);
+    EXPECT_LE(end.heap, start.heap + start.heap / 10 + (256 << 10))
+        << "heap in use at start " << start.heap << ", at the end " << end.heap;
+    // A new connection is taken again.
+    hostile::cGoodClient later(port);
+    EXPECT_GT(later.RoundTrip(), 0);
+
+    ASSERT_TRUE(hostile::SendAll(hostile::Connect(port), hostile::FrameOf(cMsg(hostile::kQuit))));
+    EXPECT_EQ(orvo_test::EndChild(child), 0);
+    std::string log;
+    if (FILE* f = std::fopen(logPath, "r")) {
+        char buf[4096];
+        for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
+            log.append(buf, n);
+        std::fclose(f);
+    }
+    ::unlink(logPath);
+    size_t refusals = 0;
+    for (size_t at = 0; (at = log.find("refusing new connections", at)) != std::string::npos; ++at)
+        ++refusals;
+    EXPECT_EQ(refusals, 1u) << log.substr(0, 2000);
 }
