@@ -346,6 +346,13 @@ public:
         m_BaseAt = std::min(60.0, m_Seconds / 3.0);
         m_SampleMs = static_cast<unsigned long>(std::max(1000.0, std::min(5000.0, m_Seconds * 1000.0 / 60)));
         m_Window = std::max(m_SampleMs / 1000.0 * 2.5, 5.0);
+        // Sized once: a vector that doubles mid-run shows as growth of this
+        // process's own memory.
+        const size_t samples = static_cast<size_t>(m_Seconds * 1000.0 / m_SampleMs) + 16;
+        for (sProc& p : m_Procs) {
+            p.rss.reserve(samples);
+            p.fds.reserve(samples);
+        }
     }
 
     int Run()
