@@ -240,7 +240,8 @@ public:
 
     // Who may send the control messages 0x7000 to 0x7007 (cControlAccess).
     // Checked when a message arrives through a channel and names no state
-    // machine; a refused one is dropped, never answered, never queued, with
+    // machine (one carried in 0x3004 is judged by the channel the wrapper
+    // came through); a refused one is dropped, never answered, never queued, with
     // a WARNING trace "cService: control message 0x%lx from <address>
     // refused: <why>". Messages a program hands to OnMsg itself (no
     // channel) are never checked. A policy set here wins; otherwise the
@@ -371,9 +372,10 @@ private:
     void OnSnoopOff(cMsg& msg);
     void OnServiceInfoRequest(cMsg& msg);
     void OnChannelClosed(cMsg& msg);
-    // False (with the WARNING trace) when msg is a control message from a
-    // peer the control access policy refuses.
-    bool ControlAllowed(const cMsg& msg);
+    // False (with the WARNING trace) when a control message of type that
+    // arrived through ch (null: posted by the program) comes from a peer the
+    // control access policy refuses.
+    bool ControlAllowed(unsigned long type, const cChannel* ch);
     // Starts, re-times or stops the idle timer from m_IdleTimeoutMs.
     void ArmIdleSweep();
 

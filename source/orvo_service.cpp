@@ -475,13 +475,20 @@ ORVO_HOT void cService::OnMsg(cMsg& msg)
             ch->SetPeerId(id);
         }
     }
-    if (IsControlType(msg.GetType()) && !ControlAllowed(msg))
+    // Messages for a state machine are not the library's to act on.
+    if (IsControlType(msg.GetType()) && msg.GetStatem() == nullptr &&
+        !ControlAllowed(msg.GetType(), msg.GetChannel()))
         return;
     if (msg.GetType() == MSG_IN_RECORD) {
         // The carried message is delivered as it is, never unpacked again.
         const cRecord rec(msg.GetRecord());
         cMsg inner;
         inner.FromRecord(rec);
+        // A wrapped control message is judged by the channel the wrapper
+        // came through, whatever channel its record names.
+        if (IsControlType(inner.GetType()) && inner.GetStatem() == nullptr &&
+            !ControlAllowed(inner.GetType(), msg.GetChannel()))
+            return;
         Deliver(inner);
         return;
     }
@@ -683,12 +690,10 @@ cControlAccess cService::GetControlAccess()
     return m_ConfigAccess;
 }
 
-bool cService::ControlAllowed(const cMsg& msg)
+bool cService::ControlAllowed(unsigned long type, const cChannel* ch)
 {
-    const cChannel* ch = msg.GetChannel();
-    // The program's own messages, and those for a state machine (which the
-    // library does not act on), are not the policy's business.
-    if (ch == nullptr || msg.GetStatem() != nullptr)
+    // The program's own messages are not the policy's business.
+    if (ch == nullptr)
         return true;
     const cControlAccess policy = GetControlAccess();
     if (policy.GetMode() == CONTROL_ANY)
@@ -705,8 +710,8 @@ bool cService::ControlAllowed(const cMsg& msg)
     }
     if (!allowed)
         ORVO_TRACE(UnitORVO, WARNING,
-                   FormatString("cService: control message 0x%lx from %s refused: %s",
-                                msg.GetType(), from.c_str(), why.c_str()));
+                   FormatString("cService: control message 0x%lx from %s refused: %s", type,
+                                from.c_str(), why.c_str()));
     return allowed;
 }
 

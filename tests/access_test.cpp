@@ -195,6 +195,22 @@ TEST(ControlAccess, RefusedAddressGetsNoAnswerAndTheTraceSaysWhy)
                                 "in the control access list"));
     EXPECT_TRUE(AskServiceInfo(svc, "127.0.0.2", traces, "from 127.0.0.2 refused"));
 
+    // A control message wrapped in 0x3004 is judged by the channel it came
+    // through: a trace-off from the refused address leaves the levels alone.
+    {
+        const int fd = ConnectFrom("127.0.0.1", svc.GetSapAddress());
+        ASSERT_GE(fd, 0);
+        cMsg wrap(MSG_IN_RECORD);
+        cMsg(MSG_TRACE_OFF).ToRecord(wrap.GetRecord());
+        ASSERT_TRUE(SendFrame(fd, wrap));
+        for (const long long end = GetMsecClock() + 20000;
+             GetMsecClock() < end && !traces.Saw("control message 0x7001 from 127.0.0.1 refused");)
+            svc.WaitSyncMsg(20, 0x7e7e7e);
+        EXPECT_TRUE(traces.Saw("control message 0x7001 from 127.0.0.1 refused"));
+        EXPECT_EQ(UnitORVO->GetLevel(), WARNING);
+        ::close(fd);
+    }
+
     // Other messages from a refused address still reach the program.
     const int fd = ConnectFrom("127.0.0.1", svc.GetSapAddress());
     ASSERT_GE(fd, 0);
