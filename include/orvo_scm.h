@@ -13,7 +13,11 @@
 //
 // PreDispatchMessage sees every message before the program does; it consumes
 // the SCM protocol messages and passes everything else on to
-// cService::PreDispatchMessage:
+// cService::PreDispatchMessage. The SCM protocol (0x10001, 0x10002, 0x10004,
+// 0x10007, 0x10008, 0x10015, 0x1012c, 0x10141) is acted on only when the
+// message's channel is the SCM socket; the same types from any other channel
+// (a client on the sap, an internal sender) go on to the base dispatch and
+// the program like any application message:
 //
 //   0x4002 from the SCM socket  send 0x10000                       consumed
 //   0x4000 from the SCM socket  "can't connect to SCM; exit service",
@@ -186,6 +190,10 @@ public:
     // Id of the configuration request waiting for its answer (invalid when
     // none).
     const cUuid& GetPendingConfigId() const { return m_PendingConfig; }
+    // How many configuration answers (0x10004) this service has taken as its
+    // own; it changes only when an answer is accepted, so a late duplicate or
+    // an answer about another service leaves it as it is.
+    unsigned long GetConfigAnswersTaken() const { return m_ConfigAnswersTaken; }
     uint64_t GetBcTimeLost() const { return m_BcTimeLost; }
     uint32_t GetMsgQSize() const { return m_MsgQSize; }
     const std::string& GetScmHealth() const { return m_ScmHealth; }
@@ -207,6 +215,7 @@ private:
     cMsgTcpSocket* m_pScmSocket;    // owned; null without an SCM
     std::string m_ServiceTech;      // "unknown" until SetServiceTech
     cUuid m_PendingConfig;          // id of the pending 0x10003
+    unsigned long m_ConfigAnswersTaken = 0;
     uint64_t m_BcTimeLost;          // ".system.bc-timelost"
     uint32_t m_MsgQSize;            // ".system.msgQsize"
     std::string m_ScmHealth;        // last "scm-health"

@@ -513,6 +513,30 @@ TEST_F(Scm, SetConfigurationFromScm)
     }
 }
 
+// The library's own units are set by the names the service publishes for them
+// ("orvo", "default") as well as by their map keys.
+TEST_F(Scm, TraceLevelsOfBuiltInUnits)
+{
+    Register();
+    UnitORVO->SetObjName("orvo");
+    UnitDefault->SetObjName("default");
+    const eLEVEL orvoLevel = eLEVEL(UnitORVO->GetLevel()), defaultLevel = eLEVEL(UnitDefault->GetLevel());
+    cRecord debug, warn, trace, config;
+    debug.AppendTextPar("trace-level", "DEBUG");
+    warn.AppendTextPar("trace-level", "WARNING");
+    trace.AppendRecordPar("orvo", debug);
+    trace.AppendRecordPar("UnitDefault", warn);
+    config.AppendRecordPar("trace", trace);
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), config, 1), tid)));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(UnitORVO->GetLevel(), DEBUG);
+    EXPECT_EQ(UnitDefault->GetLevel(), WARNING);
+    SetTraceLevel(UnitORVO, orvoLevel);
+    SetTraceLevel(UnitDefault, defaultLevel);
+}
+
 // A refused registration: the reason traced, 0x1005 handed to the program.
 TEST_F(Scm, RegistrationRefused)
 {
@@ -603,6 +627,32 @@ TEST_F(Scm, SocketEventsOfOtherChannels)
     SpinFor(100);
     EXPECT_EQ(CountHanded(MSG_INTERRUPT_REQUEST), 0u);
     EXPECT_TRUE(Silent(scm.fd, 0));
+}
+
+// A client on the sap that speaks the SCM protocol is an ordinary client: its
+// configuration push and its "syntax error" reach the program and change nothing.
+TEST_F(Scm, ScmProtocolFromAnotherPeerIsApplicationTraffic)
+{
+    Register();
+    const std::string before = GetConfig()->ToString();
+    cPeer client;
+    client.fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(svc.GetSapAddress().GetPort());
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_TRUE(client.Announce("intruder"));
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(client.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), SampleConfig(), 1), tid)));
+    ASSERT_TRUE(client.Send(Msg(MSG_SCM_SYNTAX_ERROR)));
+    EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetTid(), tid);
+    EXPECT_NE(Handed(MSG_SCM_SYNTAX_ERROR).GetType(), 0u);
+    EXPECT_EQ(GetConfig()->ToString(), before);
+    SpinFor(300);
+    for (cMsg m; Readable(client.fd, 0) && (m = Next(client.fd)).GetType() != 0;)
+        EXPECT_NE(m.GetType(), MSG_SCM_SETCONFIG_ACK);
 }
 
 // Every request carries its keys; ids are fresh where the caller gives none.
@@ -747,6 +797,23 @@ void FatalToStdout()
 {
     SetTraceLevel(UnitORVO, FATAL);
     SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+}
+
+// An "scm-sap" that is no address is reported and ends like a refused connect.
+TEST_F(Scm, MalformedScmSapEndsLikeARefusedConnect)
+{
+    for (const char* sap : {"garbage", "127.0.0.1", "1.2.3"}) {
+        std::string out;
+        EXPECT_EQ(orvo_test::RunInChild([&] {
+                      FatalToStdout();
+                      SetTraceLevel(UnitORVO, ERROR);
+                      GetConfig()->AppendTextPar("scm-sap", sap);
+                      svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), "log");
+                      return QuietLoop(svc);
+                  }, &out, false, 60), 0) << sap;
+        EXPECT_NE(out.find("malformed SCM-SAP '" + std::string(sap) + "'"), std::string::npos) << out;
+        EXPECT_NE(out.find("]: can't connect to SCM; exit service\n"), std::string::npos) << out;
+    }
 }
 
 TEST_F(Scm, LossOfTheScmEndsTheProcess)
@@ -1105,6 +1172,93 @@ TEST_F(Scm, TechnologyConnection)
     for (size_t p = 0; (p = out.find("connection info for tech", p)) != std::string::npos; ++p)
         ++infos;
     EXPECT_EQ(infos, 4u);
+}
+
+// A link whose owner has taken its configuration and asked the SCM once.
+class TechLink : public Scm {
+protected:
+    void LookedUp()
+    {
+        pending = Register();
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+        ExpectLookUp();
+    }
+    void ExpectLookUp()
+    {
+        EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_NOTIFICATION_REQUEST);
+        EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SERVICE_INFO_REQUEST);
+    }
+    void Announce(const std::string& sap)
+    {
+        EXPECT_EQ(io.ProcessMsg(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(sap, {"meter"}, true))), 1);
+    }
+    cUuid pending;
+    cTechLink io{&svc, "meter"};
+};
+
+// Late duplicates and answers about other services do not start another look-up.
+TEST_F(TechLink, OnlyTheOwnAcceptedConfigAnswerStartsTheLookUp)
+{
+    LookedUp();
+    cUuid other;
+    other.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), other), other)));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+    EXPECT_TRUE(Silent(scm.fd, 200));
+}
+
+// A failed connect ends closed: OnClose, and a new look-up 5 s later.
+TEST_F(TechLink, FailedConnectEndsClosedWithARetry)
+{
+    LookedUp();
+    Announce("127.0.0.1:" + std::to_string(DeadPort()));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CONNECT_FAILED)), 1);
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_FALSE(io.IsConnected());
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+    gClockOffset += 5100;
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_HEALTH_TIMEOUT)), 1);
+    ExpectLookUp();
+}
+
+// A SAP that is no address: traced, closed, retried by the health timer.
+TEST_F(TechLink, MalformedSapIsTracedAndEndsClosed)
+{
+    LookedUp();
+    const eLEVEL level = UnitORVO->GetLevel();
+    const eOUTPUT output = UnitORVO->GetOutput();
+    SetTraceLevel(UnitORVO, ERROR);
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    Announce("garbage");
+    const std::string out = testing::internal::GetCapturedStdout();
+    SetTraceLevel(UnitORVO, level);
+    SetTraceOut(UnitORVO, output);
+    EXPECT_NE(out.find("malformed sap 'garbage' of tech 'meter'"), std::string::npos) << out;
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+}
+
+// Events still queued for the old connection are dropped on reconnect: one
+// OnConnect for the new link.
+TEST_F(TechLink, ReconnectDropsTheOldConnectionsEvents)
+{
+    LookedUp();
+    cMsg stale(MSG_SOCKET_CONNECTED, &io.GetSocket(), nullptr);
+    svc.OnMsg(stale);
+    cPeer tech;
+    Announce(tech.Sap());
+    ASSERT_TRUE(tech.Accept());
+    ASSERT_TRUE(tech.Announce("metersvc"));
+    cMsg up = Handed(MSG_SOCKET_CONNECTED);
+    EXPECT_EQ(io.ProcessMsg(up), 1);
+    SpinFor(200);
+    EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECTED), 0u);
+    EXPECT_EQ(io.connects, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
 }
 
 }  // namespace
