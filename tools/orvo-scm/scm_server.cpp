@@ -174,6 +174,19 @@ void cScmServer::Reply(cMsg& request, unsigned long type, const cRecord& record)
     request.GetChannel()->Send(answer);
 }
 
+// orvo-scm keeps its configuration in its file and no logs of its own: a
+// configuration push or a log request from a service is answered with 0x10017
+// and a "reason", so the sender's synchronous call ends at once.
+void cScmServer::RefuseRequest(cMsg& msg)
+{
+    cRecord reason;
+    reason.AppendTextPar("reason", msg.GetType() == MSG_SCM_SETCONFIG
+                                       ? "configuration is set by the SCM's file"
+                                       : "no logs kept by this SCM");
+    Trace(INFO, FormatString("request 0x%lx refused", msg.GetType()));
+    Reply(msg, MSG_SCM_SETCONFIG_NACK, reason);
+}
+
 void cScmServer::SendTo(tService& service, cMsg& msg)
 {
     if (service.channel != nullptr && service.channel->Send(msg) < 0)
@@ -195,6 +208,10 @@ void cScmServer::Handle(cMsg& msg)
     case MSG_SCM_STORE_RECORD: OnStoreRecord(msg); break;
     case MSG_SCM_GET_STORED_RECORD: OnFetchRecord(msg); break;
     case MSG_SCM_TRACE_LOG: OnServiceTrace(msg); break;
+    case MSG_SCM_SETCONFIG:
+    case MSG_SCM_LOG_REQUEST:
+    case MSG_SCM_LOG_FETCH:
+    case MSG_SCM_LOG_DELETE: RefuseRequest(msg); break;
     case MSG_SOCKET_CLOSED: OnClosed(msg); break;
     case MSG_SOCKET_ACCEPTED:
     case MSG_SOCKET_CONNECTED: break;   // a service's socket announcing itself
@@ -276,7 +293,11 @@ void cScmServer::OnConfigRequest(cMsg& msg)
     answer.AppendRecordPar("config", ConfigOf(*s));
     Reply(msg, MSG_SCM_GETCONFIG_ACK, answer);
     Trace(INFO, "configuration sent to '" + s->name + "'");
-    SendHealth(*s, "running");
+    // The health goes to whoever asked: a request by name or id for another
+    // service must not reach that service.
+    tService* requester = m_Registry.ByChannel(msg.GetChannel());
+    if (requester != nullptr)
+        SendHealth(*requester, "running");
 }
 
 void cScmServer::SendHealth(tService& service, const char* health)

@@ -46,6 +46,7 @@ private:
     bool SetUp();
     void Handle(orvo::cMsg& msg);
     void Reply(orvo::cMsg& request, unsigned long type, const orvo::cRecord& record);
+    void RefuseRequest(orvo::cMsg& request);
     void SendTo(tService& service, orvo::cMsg& msg);
     // 0x10141 with "scm-health": "running" after the configuration answer,
     // "stopping" when orvo-scm begins to stop.

@@ -223,6 +223,37 @@ TEST_F(OrvoScm, FindsServicesByNameAndTechnologyAndNotifiesSubscribers)
     EXPECT_TRUE(client.ReceiveType(msg, 0x1001A, kWait));
 }
 
+// A configuration asked for by another service's name: the answer and the
+// health go to the asker only; pushes and log requests from a service are
+// refused with 0x10017 rather than left unanswered.
+TEST_F(OrvoScm, AnswersTheAskerAndRefusesWhatItDoesNotServe)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, kAlphaJson));
+    cUuid alphaId, betaId;
+    alphaId.Create();
+    betaId.Create();
+    cScmClient alpha, beta;
+    cMsg msg;
+    Register(alpha, scm, alphaId, "alpha", cRecord());
+    ASSERT_TRUE(alpha.ReceiveType(msg, 0x10141, kWait));
+    Register(beta, scm, betaId, "beta", cRecord());
+    ASSERT_TRUE(beta.ReceiveType(msg, 0x10141, kWait));
+
+    ASSERT_TRUE(beta.Send(Request(0x10003, "service-name", "alpha")));
+    ASSERT_TRUE(beta.ReceiveType(msg, 0x10004, kWait));
+    ASSERT_TRUE(beta.ReceiveType(msg, 0x10141, kWait));
+    EXPECT_FALSE(alpha.ReceiveType(msg, 0x10141, 500));
+
+    for (unsigned long type : {0x10015ul, 0x1019Aul, 0x1019Dul, 0x101A0ul}) {
+        cMsg request = Request(type);
+        ASSERT_TRUE(beta.Send(request));
+        ASSERT_TRUE(beta.ReceiveType(msg, 0x10017, kWait)) << std::hex << type;
+        EXPECT_EQ(msg.GetTid(), request.GetTid());
+        EXPECT_FALSE(msg.GetRecord().GetFirstPar("reason").GetString().empty());
+    }
+}
+
 TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
 {
     cScmProcess scm;
