@@ -28,6 +28,8 @@
 //                               exit(1)
 //   0x10001                     fresh pending id, send 0x10003     consumed
 //   0x10002                     refusal traced, 0x1005 to OnMsg    consumed
+//                               (0x1005 is a stop message: the loop ends
+//                               and with it, in the usual main, the process)
 //   0x10004                     configuration taken when it answers the
 //                               pending request for this service's
 //                               root ("path" empty), else ignored  passed on
@@ -36,6 +38,11 @@
 //   0x10015                     valid "path": configuration changed, 0x10016
 //                               back, record = "old-config"        passed on
 //                               otherwise 0x10017 back              passed on
+//                               A partial change ("full-config" not true)
+//                               that holds no record to put in place of the
+//                               addressed record would only delete it: it
+//                               is refused with 0x10017 and the
+//                               configuration stays as it was.
 //   0x10141                     "scm-health" kept                  consumed
 //
 // The SCM's watchdog trigger (MSG_SCM_WDT, record "seq-no") reaches the
@@ -115,7 +122,8 @@ public:
     // does not own. The service still registers: it keeps its configuration,
     // watchdog and outgoing links.
     bool Init(const std::string& name, cSocketAddr sap, const std::string& failureAction);
-    // Init(name, sap, kDefaultFailureAction).
+    // Init(name, sap, kDefaultFailureAction): the short form's failure
+    // action is "restart".
     bool Init(const std::string& name, cSocketAddr sap) override;
     // Init(name, empty sap (the configuration's "port"), failureAction).
     bool Init(const std::string& name, const std::string& failureAction);
@@ -139,7 +147,11 @@ public:
                    const cRecord& config) const;
     // 0x10015, fresh message id: "service-name", "broadcast" true.
     int SetConfigReady(const char* service) const;
-    // SetConfig with a config record of the one value name at path.
+    // SetConfig with a config record of the one value name at path. A
+    // change replaces the addressed record by the records it holds, so this
+    // one-value shape can only delete; a service built on this library
+    // refuses it (0x10017) and orvo-scm refuses every push from a service.
+    // To change one value, send the addressed record whole with SetConfig.
     int SetConfigUInt(const char* service, const cRecordPath& path, const char* name,
                       unsigned int value) const;
     int SetConfigBool(const char* service, const cRecordPath& path, const char* name,

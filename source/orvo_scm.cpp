@@ -339,6 +339,15 @@ void cScmService::ApplyConfig(const cRecord& config, const char* logPrefix)
 }
 
 // A configuration change pushed by the SCM; false when it is refused.
+// True when changing config at path gave the same as removing what path
+// addresses, and that removal takes something away: the change held no
+// record to put in place of the target.
+static bool WouldOnlyRemove(const cRecord& config, const cRecordPath& path, const cRecord& changed)
+{
+    const cRecord removed = ChangeRecord(config, path, cRecord(), "", true);
+    return removed.ToString() == changed.ToString() && removed.ToString() != config.ToString();
+}
+
 bool cScmService::OnSetConfig(cMsg& msg)
 {
     const cRecord& r = msg.GetRecord();
@@ -358,12 +367,20 @@ bool cScmService::OnSetConfig(cMsg& msg)
     ORVO_TRACE(UnitORVO, INFO, "change " + path.ToString());
     const bool full = TypedPar(r, "full-config", RECORD_BOOL).GetBool();
 
+    cRecord changed = full ? change : ChangeRecord(*GetConfig(), path, change, "", true);
+    if (!full && WouldOnlyRemove(*GetConfig(), path, changed)) {
+        // A change without a record to put in place would delete the
+        // addressed record: refused, so no sender loses data unknowingly.
+        ORVO_TRACE(UnitORVO, ERROR, "change " + path.ToString() + " refused: it would remove the target");
+        cMsg nack(MSG_SCM_SETCONFIG_NACK);
+        nack.SetTid(msg.GetTid());
+        if (back != nullptr)
+            back->Send(nack);
+        return false;
+    }
     cRecord old;
     old.AppendRecordPar("old-config", *GetConfig());
-    if (full)
-        *GetConfig() = change;
-    else
-        *GetConfig() = ChangeRecord(*GetConfig(), path, change, "", true);
+    *GetConfig() = changed;
     ApplyConfig(*GetConfig(), "SCM_SETCONFIG_ACK ");
 
     cMsg ack(MSG_SCM_SETCONFIG_ACK);

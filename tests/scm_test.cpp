@@ -513,6 +513,27 @@ TEST_F(Scm, SetConfigurationFromScm)
     }
 }
 
+// A partial push that holds no record for its target would only delete it:
+// refused, nothing lost. The one-value request forms have exactly that shape.
+TEST_F(Scm, PartialPushThatWouldOnlyDeleteIsRefused)
+{
+    Register();
+    cRecord inner, start;
+    inner.AppendUIntPar("x", 1);
+    inner.AppendUIntPar("y", 2);
+    start.AppendRecordPar("a", inner);
+    *GetConfig() = start;
+    cRecord plain;
+    plain.AppendUIntPar("v", 3);
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), plain, 0), tid)));
+    cMsg nack = Next(scm.fd);
+    EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK);
+    EXPECT_EQ(nack.GetTid(), tid);
+    EXPECT_EQ(GetConfig()->ToString(), start.ToString());
+}
+
 // The library's own units are set by the names the service publishes for them
 // ("orvo", "default") as well as by their map keys.
 TEST_F(Scm, TraceLevelsOfBuiltInUnits)
