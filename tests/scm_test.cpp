@@ -289,6 +289,21 @@ protected:
         return r;
     }
 
+    // What UnitORVO traces at level and above while step runs.
+    static std::string OrvoTraces(eLEVEL level, const std::function<void()>& step)
+    {
+        const eLEVEL before = UnitORVO->GetLevel();
+        const eOUTPUT output = UnitORVO->GetOutput();
+        SetTraceLevel(UnitORVO, level);
+        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+        testing::internal::CaptureStdout();
+        step();
+        const std::string out = testing::internal::GetCapturedStdout();
+        SetTraceLevel(UnitORVO, before);
+        SetTraceOut(UnitORVO, output);
+        return out;
+    }
+
     cTestScmService svc;
     cPeer scm;
     cTimer* tick = nullptr;
@@ -774,15 +789,7 @@ TEST_F(Scm, FailedSendsAreTraced)
 // traffic. Each Init form adds the "system" defaults with its failure action.
 TEST_F(Scm, InitFormsAndNoScm)
 {
-    const eLEVEL level = UnitORVO->GetLevel();
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceLevel(UnitORVO, FATAL);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    svc.Init("alone", "reboot");
-    const std::string out = testing::internal::GetCapturedStdout();
-    SetTraceLevel(UnitORVO, level);
-    SetTraceOut(UnitORVO, output);
+    const std::string out = OrvoTraces(FATAL, [&] { svc.Init("alone", "reboot"); });
     const std::string text = "Can't connect SCM, missing SCM-SAP destination addr in config";
     ASSERT_NE(out.find(text), std::string::npos);
     EXPECT_EQ(out.find(text, out.find(text) + 1), std::string::npos);
@@ -1249,15 +1256,7 @@ TEST_F(TechLink, FailedConnectEndsClosedWithARetry)
 TEST_F(TechLink, MalformedSapIsTracedAndEndsClosed)
 {
     LookedUp();
-    const eLEVEL level = UnitORVO->GetLevel();
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceLevel(UnitORVO, ERROR);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    Announce("garbage");
-    const std::string out = testing::internal::GetCapturedStdout();
-    SetTraceLevel(UnitORVO, level);
-    SetTraceOut(UnitORVO, output);
+    const std::string out = OrvoTraces(ERROR, [&] { Announce("garbage"); });
     EXPECT_NE(out.find("malformed sap 'garbage' of tech 'meter'"), std::string::npos) << out;
     EXPECT_EQ(io.closes, 1);
     EXPECT_TRUE(io.GetHealthTimer().IsRunning());
