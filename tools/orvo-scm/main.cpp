@@ -23,6 +23,7 @@ tArg gArgs[] = {
     {"-wdt-ms", "watchdog trigger period in ms", "5000", OnArg_Int},
     {"-poll-ms", "how often the JSON file is checked for changes, ms", "1000", OnArg_Int},
     {"-restart-ms", "delay before a service that ended is started again, ms", "1000", OnArg_Int},
+    {"-shared-tech", "a technology may be offered by several services", nullptr, OnArg_Bool},
     {"-debug", "trace library internals too", nullptr, OnArg_Bool},
     {nullptr, nullptr, nullptr, nullptr}};
 
@@ -48,6 +49,7 @@ int main(int argc, char** argv)
     options.wdtPeriodMs = Positive("wdt-ms", options.wdtPeriodMs);
     options.pollMs = Positive("poll-ms", options.pollMs);
     options.restartDelayMs = Positive("restart-ms", options.restartDelayMs);
+    options.sharedTech = config.GetFirstPar("shared-tech").GetBool();
     if (config.GetFirstPar("debug").GetBool())
         SetTraceLevel(UnitORVO, DEBUG);
     if (options.configPath.empty()) {

@@ -93,7 +93,7 @@ std::string Bytes(const cRecord& r)
 }  // namespace
 
 cScmServer::cScmServer(const tScmOptions& options)
-    : m_Options(options), m_bStopping(false), m_bDone(false)
+    : m_Options(options), m_Registry(options.sharedTech), m_bStopping(false), m_bDone(false)
 {
 }
 
@@ -415,14 +415,21 @@ void cScmServer::OnSetServiceTech(cMsg& msg)
     tService* s = m_Registry.ByChannel(msg.GetChannel());
     if (s == nullptr)
         return;
-    s->techs.clear();
+    std::vector<std::string> offered;
     cRecordPar p = msg.GetRecord().GetFirstPar("service-tech", RECORD_TEXT, RECORD_SEL_TYPE);
     for (bool ok = p.IsValid(); ok; ok = msg.GetRecord().SeekNextPar(p, "service-tech", RECORD_TEXT, RECORD_SEL_TYPE))
-        s->techs.push_back(p.GetString());
+        offered.push_back(p.GetString());
+    // A second offer of a technology would let any local process that
+    // connects take over look-ups meant for the service that offers it.
+    for (const std::string& t : m_Registry.Offer(*s, offered))
+        Trace(WARNING, "'" + s->name + "' offers " + t + ": refused, '" + m_Registry.ByTech(t)->name +
+                           "' offers it (-shared-tech allows both)");
     std::string list;
     for (const std::string& t : s->techs)
         list += (list.empty() ? "" : ", ") + t;
     Trace(INFO, "'" + s->name + "' offers " + (list.empty() ? "nothing" : list));
+    if (s->techs.empty())
+        return;
     cRecord note;
     note.AppendTextPar("command", "add-technology");
     const cRecord info = cRegistry::InfoRecord(*s);

@@ -30,6 +30,7 @@ struct tScmOptions {
     unsigned long pollMs = 1000;
     unsigned long restartDelayMs = 1000;
     unsigned long stopGraceMs = 5000;
+    bool sharedTech = false;      // several services may offer one technology
 };
 
 class cScmServer : public orvo::cService {

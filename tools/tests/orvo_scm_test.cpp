@@ -219,6 +219,65 @@ TEST_F(OrvoScm, FindsServicesByNameAndTechnologyAndNotifiesSubscribers)
     EXPECT_TRUE(client.ReceiveType(msg, 0x1001A, kWait));
 }
 
+// Look-ups of a technology answer the service that offered it first while
+// that one is connected; a second offer is refused unless -shared-tech; a
+// closed connection forgets the registration and its offers.
+TEST_F(OrvoScm, ATechnologyBelongsToItsFirstOfferWhileConnected)
+{
+    const auto offer = [](cScmClient& c, const cUuid& id, const char* tech) {
+        cMsg m = Request(0x1001B);
+        m.GetRecord().AppendUuidPar("service-id", id);
+        m.GetRecord().AppendTextPar("service-tech", tech);
+        EXPECT_TRUE(c.Send(m));
+    };
+    // The name of the service a look-up of "meter" gives; "" when unknown.
+    const auto lookUp = [](cScmClient& c) {
+        cMsg m;
+        EXPECT_TRUE(c.Send(Request(0x10018, "service-tech", "meter")));
+        while (c.Receive(m, kWait)) {
+            if (m.GetType() == 0x10019)
+                return Sub(m.GetRecord(), "service").GetFirstPar("name").GetString();
+            if (m.GetType() == 0x1001A)
+                return std::string();
+        }
+        return std::string("no answer");
+    };
+    for (const bool shared : {false, true}) {
+        SCOPED_TRACE(shared ? "-shared-tech" : "default");
+        cScmProcess scm;
+        ASSERT_TRUE(StartScm(scm, R"({"services": {}})",
+                             shared ? std::vector<std::string>{"-shared-tech"} : std::vector<std::string>{}));
+        cUuid zetaId, alphaId, askerId;
+        zetaId.Create();
+        alphaId.Create();
+        askerId.Create();
+        cScmClient zeta, alpha, asker;
+        // "zeta" offers first: name order must not decide.
+        Register(zeta, scm, zetaId, "zeta", cRecord());
+        Register(alpha, scm, alphaId, "alpha", cRecord());
+        Register(asker, scm, askerId, "asker", cRecord());
+        offer(zeta, zetaId, "meter");
+        ASSERT_TRUE(scm.WaitFor("'zeta' offers meter", kWait));
+        offer(alpha, alphaId, "meter");
+        ASSERT_TRUE(scm.WaitFor(shared ? "'alpha' offers meter" : "'alpha' offers meter: refused, 'zeta' offers it",
+                                kWait));
+        EXPECT_EQ(lookUp(asker), "zeta");
+
+        zeta.Close();
+        ASSERT_TRUE(scm.WaitFor("'zeta' disconnected", kWait));
+        EXPECT_EQ(lookUp(asker), shared ? "alpha" : "");
+
+        // Forgotten: zeta registers anew and offers again; the first offer
+        // still connected keeps the look-ups.
+        cScmClient back;
+        Register(back, scm, zetaId, "zeta", cRecord());
+        const size_t mark = scm.OutputSize();
+        offer(back, zetaId, "meter");
+        ASSERT_TRUE(scm.WaitFor("'zeta' offers meter", kWait, mark));
+        EXPECT_EQ(lookUp(asker), shared ? "alpha" : "zeta");
+    }
+}
+
 // A configuration asked for by another service's name: the answer and the
 // health go to the asker only; pushes and log requests from a service are
 // refused with 0x10017 rather than left unanswered.
