@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -58,6 +59,22 @@ bool ParseEntry(const std::string& name, const tJson& j, tServiceEntry& e, std::
     return true;
 }
 
+// The 1-based line of the key "name" inside the "services" object of text;
+// 0 when it cannot be found (a name written with escapes).
+int LineOfService(const std::string& text, const std::string& name)
+{
+    const size_t services = text.find("\"services\"");
+    if (services == std::string::npos)
+        return 0;
+    const std::string quoted = "\"" + name + "\"";
+    for (size_t at = text.find(quoted, services + 10); at != std::string::npos; at = text.find(quoted, at + 1)) {
+        const size_t colon = text.find_first_not_of(" \t\r\n", at + quoted.size());
+        if (colon != std::string::npos && text[colon] == ':')
+            return 1 + static_cast<int>(std::count(text.begin(), text.begin() + static_cast<long>(at), '\n'));
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error)
@@ -77,8 +94,13 @@ bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error)
             return false;
         }
         tServiceEntry e;
-        if (!ParseEntry(it.key(), it.value(), e, error))
+        if (!ParseEntry(it.key(), it.value(), e, error)) {
+            // The parser keeps no places: the entry's line is looked up in the text.
+            const int line = LineOfService(text, it.key());
+            if (line > 0)
+                error = "line " + std::to_string(line) + ": " + error;
             return false;
+        }
         loaded.services.push_back(e);
     }
     file = loaded;

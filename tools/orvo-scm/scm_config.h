@@ -27,7 +27,9 @@ struct tScmFile {
 };
 
 // Reads and checks the file; false with a message naming the place of the
-// first fault (the previous contents stay in use then).
+// first fault, its line (the parser's "line L, column C" for a syntax error,
+// "line L: " before the entry for a wrong entry) and the reason; file is
+// left as it was then.
 bool LoadScmFile(const std::string& path, tScmFile& file, std::string& error);
 bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error);
 

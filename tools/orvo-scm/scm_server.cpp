@@ -360,7 +360,7 @@ void cScmServer::PollFile()
     tScmFile fresh;
     std::string error;
     if (!LoadScmFile(m_Options.configPath, fresh, error)) {
-        Trace(ERROR, "configuration file not taken: " + error);
+        Trace(ERROR, "configuration file not taken: " + error + " (the running configuration is kept)");
         return;
     }
     const tScmFile old = m_File;

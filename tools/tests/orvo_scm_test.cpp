@@ -99,6 +99,12 @@ TEST_F(OrvoScm, RefusesATakenPortABadAddressAndUnknownOptions)
         EXPECT_EQ(out.find("listening on"), std::string::npos) << out;
     }
     close(taken);
+    // A wrong file at start: its line and the reason, status 2.
+    cScmProcess scm;
+    EXPECT_FALSE(StartScm(scm, "{\"services\": {\n \"alpha\": {\"start\": true}}}"));
+    EXPECT_EQ(scm.Exit(kWait), 2);
+    EXPECT_NE(scm.Output().find(": line 2: services.alpha: \"start\" needs a \"command\""), std::string::npos)
+        << scm.Output();
 }
 
 TEST_F(OrvoScm, RegistersRefusesASecondLiveNameAndServesTheConfiguration)
@@ -331,13 +337,20 @@ TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
     ASSERT_TRUE(alpha.Send(done));
     EXPECT_TRUE(scm.WaitFor("'alpha' applied the pushed configuration", kWait));
 
-    // A broken file is not taken: nothing is pushed, the old one stays.
+    // A broken file is not taken: its line and the reason are reported,
+    // nothing is pushed, the running configuration is still served.
     size_t mark = scm.OutputSize();
-    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": -9}]}}})");
+    WriteFile(m_Dir.File(), "{\"services\": {\n\"alpha\": {\"config\": [{\"name\": \"level\", \"type\": \"uint\", \"value\": -9}]}}}");
     ASSERT_TRUE(scm.WaitFor("configuration file not taken", kWait, mark));
-    EXPECT_TRUE(scm.WaitFor("uint value must be an integer", kWait, mark));
+    EXPECT_TRUE(scm.WaitFor("line 2: services.alpha.config: element 0 \"level\": uint value must be an integer",
+                            kWait, mark));
+    EXPECT_TRUE(scm.WaitFor("(the running configuration is kept)", kWait, mark));
     cMsg msg;
     EXPECT_FALSE(alpha.ReceiveType(msg, 0x10015, 500));
+    cMsg ask = Request(0x10003, "service-name", "alpha");
+    ASSERT_TRUE(alpha.Send(ask));
+    ASSERT_TRUE(alpha.ReceiveType(msg, 0x10004, kWait));
+    EXPECT_EQ(Sub(msg.GetRecord(), "config").GetFirstPar("level").GetUInt(), 9u);
 
     // A refusal is reported as such.
     mark = scm.OutputSize();

@@ -43,6 +43,10 @@ TEST(ScmFile, RefusesMalformedFilesAndKeepsThePreviousContents)
         {R"({"services": {"a": {"config": [{"name": "n", "type": "uint", "value": -1}]}}})",
          "services.a.config: element 0 \"n\": uint value must be"},
         {R"({"services": {)", "parse error"},
+        // Wrong entries and syntax errors name their line.
+        {"{\"services\": {\n  \"ok\": {},\n  \"bad\": {\"start\": 1}}}", "line 3: services.bad: unknown key"},
+        {"{\"services\": {\"a\": {},\n \"b\": {\"config\": [{\"name\": \"b\"}]}}}", "line 2: services.b.config:"},
+        {"{\"services\": {\n  \"a\": {}\n  \"b\": {}}}", "parse error at line 3, column"},
     };
     for (const auto& c : cases) {
         tScmFile file;
