@@ -32,7 +32,8 @@ const unsigned kNotifyTechnology = 2;
 enum eRegisterResult {
     REGISTER_OK = 0,
     REGISTER_REFUSED_MALFORMED = 1,   // reason 1: keys missing or of the wrong type
-    REGISTER_REFUSED_TAKEN = 2        // reason 2: the name is registered and connected
+    REGISTER_REFUSED_TAKEN = 2,       // reason 2: the name is registered and connected
+    REGISTER_REFUSED_ORIGIN = 3       // reason 3: not a process orvo-scm started (-only-children)
 };
 
 class cRegistry {

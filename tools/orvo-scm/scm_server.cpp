@@ -1,5 +1,6 @@
 // scm_server.cpp - the message handling of orvo-scm.
 #include "scm_server.h"
+#include "scm_origin.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -243,10 +244,21 @@ void cScmServer::Handle(cMsg& msg)
 
 // ---- registration and configuration -------------------------------------
 
+bool cScmServer::FromOwnChild(const cMsg& msg, std::string& why) const
+{
+    const unsigned long inode = msg.GetChannel() != nullptr ? PeerSocketInode(msg.GetChannel()->GetFd()) : 0;
+    if (inode != 0 && HolderAmong(m_pSupervisor->RunningPids(), inode) > 0)
+        return true;
+    why = inode == 0 ? "the connection's other end is no local process" : "not a process started by this SCM";
+    return false;
+}
+
 void cScmServer::OnRegister(cMsg& msg)
 {
     std::string why;
-    const eRegisterResult result = m_Registry.Register(msg.GetRecord(), msg.GetChannel(), why);
+    const eRegisterResult result = m_Options.onlyChildren && !FromOwnChild(msg, why)
+                                       ? REGISTER_REFUSED_ORIGIN
+                                       : m_Registry.Register(msg.GetRecord(), msg.GetChannel(), why);
     const std::string name = Text(msg.GetRecord(), "name");
     if (result != REGISTER_OK) {
         cRecord refusal;

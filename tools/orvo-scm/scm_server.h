@@ -31,6 +31,7 @@ struct tScmOptions {
     unsigned long restartDelayMs = 1000;
     unsigned long stopGraceMs = 5000;
     bool sharedTech = false;      // several services may offer one technology
+    bool onlyChildren = false;    // registrations only from the children it started
 };
 
 class cScmServer : public orvo::cService {
@@ -54,6 +55,9 @@ private:
     void SendHealth(tService& service, const char* health);
 
     void OnRegister(orvo::cMsg& msg);
+    // With onlyChildren: whether the connection of msg comes from a child
+    // orvo-scm started; why gets the refusal's text.
+    bool FromOwnChild(const orvo::cMsg& msg, std::string& why) const;
     void OnConfigRequest(orvo::cMsg& msg);
     void OnReady(orvo::cMsg& msg);
     void OnServiceInfoRequest(orvo::cMsg& msg);

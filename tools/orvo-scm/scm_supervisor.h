@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <orvo_process.h>
 
@@ -39,6 +40,8 @@ public:
     // SIGKILL to every child still running.
     void KillAll();
     bool AnyRunning() const;
+    // The pids of the children running now.
+    std::vector<int> RunningPids() const;
 
 private:
     struct tChild {

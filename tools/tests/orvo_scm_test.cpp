@@ -436,6 +436,29 @@ TEST_F(OrvoScm, StoredRecordsOutliveARestart)
 }
 
 
+// With -only-children a registration is taken only over a connection that
+// a process orvo-scm started holds: its own child registers, this test's
+// process (same user, same host) is refused with reason 3.
+TEST_F(OrvoScm, OnlyChildrenRefusesOtherProcesses)
+{
+    const std::string fake = EnvOr("ORVO_FAKE_SERVICE", "scm_fake_service");
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {"kid": {"start": true, "command": ")" + fake + R"( {scm-sap} kid"}}})",
+                         {"-only-children"}));
+    EXPECT_GT(RegisteredPid(scm, "kid", 0), 0);
+    cScmClient outsider;
+    ASSERT_TRUE(outsider.Connect(scm.Port()));
+    cUuid id;
+    id.Create();
+    cMsg msg;
+    ASSERT_TRUE(outsider.Send(RegisterMsg(id, "outsider", getpid(), cRecord())));
+    ASSERT_TRUE(outsider.ReceiveType(msg, 0x10002, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("reason").GetSInt(), 3);
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("sub-reason").GetString(), "not a process started by this SCM");
+    EXPECT_TRUE(scm.WaitFor("registration of 'outsider' refused", kWait));
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+}
+
 TEST_F(OrvoScm, StartsItsServicesRestartsThemAndStopsThemOnSigterm)
 {
     const std::string fake = EnvOr("ORVO_FAKE_SERVICE", "scm_fake_service");
