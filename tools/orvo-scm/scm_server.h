@@ -80,6 +80,9 @@ private:
 
     orvo::cRecord ConfigOf(const tService& service) const;
     orvo::cRecord SystemPar(const tService& service) const;
+    // Whether the named service sends its traces to the SCM now (its
+    // "trace.log-scm"), as the configuration it was given says.
+    bool LogsToScm(const std::string& name);
 
     tScmOptions m_Options;
     std::string m_Sap;                 // the address services reach us at
@@ -89,6 +92,7 @@ private:
     cWatchdogBook m_Watchdog;
     cRecordStore m_Store;
     std::unique_ptr<cSupervisor> m_pSupervisor;
+    std::map<std::string, bool> m_LogsToScm;            // by service name
     std::map<orvo::cUuid, std::string> m_PendingPush;   // 0x10015 tid -> service
     std::map<std::string, std::unique_ptr<orvo::cTimer>> m_RestartTimers;
     std::unique_ptr<orvo::cTimer> m_pWdtTimer, m_pPollTimer, m_pStopTimer;
