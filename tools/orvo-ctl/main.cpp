@@ -1,0 +1,502 @@
+// orvo-ctl: the operator's command for liborvo devices. One command with
+// subcommands; human output by default, --json for scripts. Exit status 0 on
+// success, 1 on failure, 2 on a usage error.
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <orvo_blockfile.h>
+#include <orvo_crc.h>
+#include <orvo_sharedmem.h>
+#include <orvo_init.h>
+#include <orvo_record.h>
+#include <orvo_time.h>
+
+#include "record_json.h"
+
+using namespace orvo;
+using orvo_tools::tJson;
+
+namespace {
+
+const char* const kVersion = "orvo-ctl 1.0";
+
+enum { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2 };
+
+volatile std::sig_atomic_t g_Stop = 0;
+void OnSignal(int) { g_Stop = 1; }
+
+const char* const kMainHelp =
+    "Usage: orvo-ctl COMMAND [ARGUMENTS] [--json]\n"
+    "Looks at and controls the services of a liborvo device.\n"
+    "\n"
+    "Commands:\n"
+    "  journal FILE [--tail N] [--since TIME] [--verify] [--follow]\n"
+    "                      print the blocks of a record or block file\n"
+    "  eeprom [FILE]       decode the EEPROM pattern, checking every item's CRC\n"
+    "  statusw [get | set BIT | clear BIT]\n"
+    "                      read or change the status word\n"
+    "\n"
+    "Options:\n"
+    "  --json              machine-readable output (records in their JSON form)\n"
+    "  -h, --help          this text; COMMAND --help describes one command\n"
+    "  --version           the version\n"
+    "\n"
+    "Exit status: 0 on success, 1 on failure, 2 on a usage error.\n";
+
+const char* const kJournalHelp =
+    "Usage: orvo-ctl journal FILE [--tail N] [--since TIME] [--verify] [--follow] [--json]\n"
+    "Prints the blocks of a record or block file, oldest first, with index,\n"
+    "creation time (local time), bstime and the record in its text form. The\n"
+    "file is opened read-only and never changed.\n"
+    "\n"
+    "  --tail N      only the newest N blocks\n"
+    "  --since TIME  only blocks created at or after TIME: \"YYYY-MM-DD hh:mm:ss\"\n"
+    "                (local time) or @SECONDS since the epoch\n"
+    "  --verify      check every block's CRC and the chain; names the first\n"
+    "                damaged block and exits with 1 when the file is damaged\n"
+    "  --follow      keep printing blocks as they are appended, until Ctrl-C\n";
+
+int Usage(const std::string& message)
+{
+    std::fprintf(stderr, "orvo-ctl: %s (orvo-ctl --help lists the commands)\n", message.c_str());
+    return EXIT_USAGE;
+}
+
+std::string LocalTime(long long ms)
+{
+    time_t sec = static_cast<time_t>(ms / 1000);
+    struct tm tm;
+    localtime_r(&sec, &tm);
+    char buf[64];
+    std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S", &tm);
+    char out[80];
+    std::snprintf(out, sizeof out, "%s.%03lld", buf, ms % 1000);
+    return out;
+}
+
+// "YYYY-MM-DD hh:mm:ss" in local time, "YYYY-MM-DD", or "@seconds".
+bool ParseTime(const std::string& text, long long& ms)
+{
+    if (!text.empty() && text[0] == '@') {
+        char* end = nullptr;
+        long long sec = std::strtoll(text.c_str() + 1, &end, 10);
+        if (end == text.c_str() + 1 || *end)
+            return false;
+        ms = sec * 1000;
+        return true;
+    }
+    struct tm tm;
+    std::memset(&tm, 0, sizeof tm);
+    const char* end = strptime(text.c_str(), "%Y-%m-%d %H:%M:%S", &tm);
+    if (!end || *end) {
+        std::memset(&tm, 0, sizeof tm);
+        end = strptime(text.c_str(), "%Y-%m-%d", &tm);
+        if (!end || *end)
+            return false;
+    }
+    tm.tm_isdst = -1;
+    time_t t = mktime(&tm);
+    if (t == static_cast<time_t>(-1))
+        return false;
+    ms = static_cast<long long>(t) * 1000;
+    return true;
+}
+
+bool ParseCount(const std::string& text, unsigned long& n)
+{
+    char* end = nullptr;
+    if (text.empty() || text[0] == '-')
+        return false;
+    n = std::strtoul(text.c_str(), &end, 10);
+    return *end == 0;
+}
+
+struct tJournalArgs {
+    std::string file;
+    bool tail = false;
+    unsigned long tailCount = 0;
+    bool since = false;
+    long long sinceMs = 0;
+    bool verify = false;
+    bool follow = false;
+    bool json = false;
+};
+
+// Prints one block; false when its CRC or position is bad.
+bool PrintBlock(cBlockFile& file, unsigned long index, const tJournalArgs& a, tJson* jsonOut,
+                std::string& error)
+{
+    void* data = nullptr;
+    unsigned long size = 0;
+    cTime ctime;
+    unsigned long long bstime = 0;
+    int rc = file.GetAt(index, data, size, ctime, bstime);
+    if (rc != BLOCKFILE_OK && rc != BLOCKFILE_CRC_ERR) {
+        error = "block " + std::to_string(index) + ": " + GetBlockFileErrorText(rc);
+        return false;
+    }
+    long long ms = ctime.ToMilliSeconds();
+    if (a.since && ms < a.sinceMs)
+        return rc == BLOCKFILE_OK || ((error = "block " + std::to_string(index) + ": " +
+                                                GetBlockFileErrorText(rc)), false);
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    if (jsonOut) {
+        tJson j;
+        j["index"] = index;
+        j["ctime"] = ms;
+        j["bstime"] = bstime;
+        j["size"] = size;
+        j["crc_ok"] = rc == BLOCKFILE_OK;
+        j["record"] = orvo_tools::RecordBytesToJson(bytes, size);
+        jsonOut->push_back(j);
+    } else {
+        cRecord record;
+        std::string text;
+        if (size > 0) {
+            record.Create(reinterpret_cast<const char*>(bytes), static_cast<int>(size));
+            text = record.ToString();
+        }
+        std::printf("%6lu  %s  %12llu  %s%s\n", index, LocalTime(ms).c_str(), bstime,
+                    rc == BLOCKFILE_OK ? "" : "[CRC ERROR] ", text.c_str());
+    }
+    if (rc != BLOCKFILE_OK) {
+        error = "block " + std::to_string(index) + ": " + GetBlockFileErrorText(rc);
+        return false;
+    }
+    return true;
+}
+
+int Journal(const std::vector<std::string>& args, bool json)
+{
+    tJournalArgs a;
+    a.json = json;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& w = args[i];
+        if (w == "--help" || w == "-h") {
+            std::fputs(kJournalHelp, stdout);
+            return EXIT_OK;
+        } else if (w == "--tail" || w == "--since") {
+            if (i + 1 >= args.size())
+                return Usage("journal: " + w + " needs a value");
+            const std::string& v = args[++i];
+            if (w == "--tail") {
+                a.tail = true;
+                if (!ParseCount(v, a.tailCount))
+                    return Usage("journal: --tail wants a count, not '" + v + "'");
+            } else {
+                a.since = true;
+                if (!ParseTime(v, a.sinceMs))
+                    return Usage("journal: --since wants \"YYYY-MM-DD hh:mm:ss\" or @SECONDS, not '" + v + "'");
+            }
+        } else if (w == "--verify") {
+            a.verify = true;
+        } else if (w == "--follow") {
+            a.follow = true;
+        } else if (!w.empty() && w[0] == '-') {
+            return Usage("journal: unknown option '" + w + "'");
+        } else if (a.file.empty()) {
+            a.file = w;
+        } else {
+            return Usage("journal: one FILE only");
+        }
+    }
+    if (a.file.empty())
+        return Usage("journal: FILE missing");
+
+    cBlockFile file;
+    if (!file.OpenReadOnly(a.file)) {
+        std::fprintf(stderr, "orvo-ctl: cannot read journal %s%s%s\n", a.file.c_str(),
+                     file.GetDamage().empty() ? "" : ": ", file.GetDamage().c_str());
+        return EXIT_FAIL;
+    }
+    unsigned long count = file.Count();
+    unsigned long first = a.tail && a.tailCount < count ? count - a.tailCount : 0;
+    tJson blocks = tJson::array();
+    std::vector<std::string> damage;
+    if (!json && !a.verify)
+        std::printf("%6s  %-23s  %12s  %s\n", "INDEX", "CREATED", "BSTIME", "RECORD");
+    for (unsigned long i = a.verify ? 0 : first; i < count; ++i) {
+        std::string error;
+        bool show = i >= first && !a.verify;
+        if (show) {
+            if (!PrintBlock(file, i, a, json ? &blocks : nullptr, error))
+                damage.push_back(error);
+        } else {
+            void* data;
+            unsigned long size;
+            cTime ctime;
+            unsigned long long bstime;
+            int rc = file.GetAt(i, data, size, ctime, bstime);
+            if (rc != BLOCKFILE_OK)
+                damage.push_back("block " + std::to_string(i) + ": " + GetBlockFileErrorText(rc));
+        }
+    }
+    if (!file.GetDamage().empty())
+        damage.push_back(file.GetDamage());
+
+    if (a.verify) {
+        if (json) {
+            tJson out;
+            out["file"] = a.file;
+            out["blocks"] = count;
+            out["ok"] = damage.empty();
+            out["damage"] = damage;
+            std::printf("%s\n", out.dump(2).c_str());
+        } else if (damage.empty()) {
+            std::printf("%s: %lu blocks, every CRC and the chain intact\n", a.file.c_str(), count);
+        } else {
+            std::printf("%s: %lu readable blocks, DAMAGED\n", a.file.c_str(), count);
+            for (const auto& d : damage)
+                std::printf("  %s\n", d.c_str());
+        }
+        return damage.empty() ? EXIT_OK : EXIT_FAIL;
+    }
+    if (json) {
+        tJson out;
+        out["file"] = a.file;
+        out["count"] = count;
+        out["blocks"] = blocks;
+        out["damage"] = damage;
+        std::printf("%s\n", out.dump(2).c_str());
+    } else {
+        for (const auto& d : damage)
+            std::fprintf(stderr, "orvo-ctl: %s: %s\n", a.file.c_str(), d.c_str());
+    }
+    std::fflush(stdout);
+    if (!a.follow)
+        return damage.empty() ? EXIT_OK : EXIT_FAIL;
+
+    // Follow: reread the file and print what was appended since.
+    std::signal(SIGINT, OnSignal);
+    std::signal(SIGTERM, OnSignal);
+    long long lastMs = 0;
+    {
+        void* data; unsigned long size; cTime ct; unsigned long long bs;
+        if (count > 0 && file.GetAt(count - 1, data, size, ct, bs) != BLOCKFILE_INVALID)
+            lastMs = ct.ToMilliSeconds();
+    }
+    unsigned long lastCount = count;
+    while (!g_Stop) {
+        usleep(300 * 1000);
+        cBlockFile again;
+        if (!again.OpenReadOnly(a.file))
+            continue;
+        unsigned long n = again.Count();
+        // A ring keeps its count: new blocks are those created after the last one printed.
+        unsigned long start = n > lastCount ? lastCount : n;
+        while (start > 0) {
+            void* data; unsigned long size; cTime ct; unsigned long long bs;
+            if (again.GetAt(start - 1, data, size, ct, bs) == BLOCKFILE_INVALID ||
+                ct.ToMilliSeconds() <= lastMs)
+                break;
+            --start;
+        }
+        for (unsigned long i = start; i < n; ++i) {
+            tJson one = tJson::array();
+            std::string error;
+            PrintBlock(again, i, a, json ? &one : nullptr, error);
+            if (json && !one.empty())
+                std::printf("%s\n", one[0].dump().c_str());
+            void* data; unsigned long size; cTime ct; unsigned long long bs;
+            if (again.GetAt(i, data, size, ct, bs) != BLOCKFILE_INVALID)
+                lastMs = ct.ToMilliSeconds();
+        }
+        lastCount = n;
+        std::fflush(stdout);
+    }
+    return EXIT_OK;
+}
+
+const char* const kEepromHelp =
+    "Usage: orvo-ctl eeprom [FILE] [--json]\n"
+    "Decodes the EEPROM pattern item by item and checks each item's CRC. FILE\n"
+    "defaults to $ORVO_EEPROM_DEVICE, then /dev/eeprom0. Exits with 1 when an\n"
+    "item's CRC does not match or the device cannot be read.\n";
+
+const char* const kStatuswHelp =
+    "Usage: orvo-ctl statusw [get | set BIT | clear BIT] [--json]\n"
+    "Prints the status word (get, the default) or sets or clears one bit\n"
+    "(0 to 63) and prints the new value.\n";
+
+struct tEepromItem {
+    const char* name;
+    long offset;
+    unsigned int size;
+    bool integer;  // little-endian unsigned number, otherwise text
+};
+
+// The device's identity and counters: each item followed by its CRC.
+const tEepromItem kEepromItems[] = {
+    {"version", 0, 1, true},          {"osc", 3, 4, true},
+    {"bootcount", 9, 4, true},        {"hardware-id", 15, 6, false},
+    {"software-id", 23, 6, false},    {"serial-number", 31, 16, false},
+    {"production-date", 49, 8, false}, {"hardware-version", 59, 5, false},
+    {"mac-eth0", 66, 17, false},      {"mac-eth1", 85, 17, false},
+    {"key", 104, 12, false},          {"flag", 118, 3, false},
+    {"oem", 123, 48, false},          {"wbus-address", 173, 16, false},
+    {"password-hash", 191, 32, false},
+};
+
+int Eeprom(const std::vector<std::string>& args, bool json)
+{
+    std::string path;
+    for (const auto& w : args) {
+        if (w == "--help" || w == "-h") {
+            std::fputs(kEepromHelp, stdout);
+            return EXIT_OK;
+        }
+        if (!w.empty() && w[0] == '-')
+            return Usage("eeprom: unknown option '" + w + "'");
+        if (!path.empty())
+            return Usage("eeprom: one FILE only");
+        path = w;
+    }
+    if (path.empty()) {
+        const char* env = std::getenv("ORVO_EEPROM_DEVICE");
+        path = env && *env ? env : "/dev/eeprom0";
+    }
+    unsigned char image[512];
+    int fd = open(path.c_str(), O_RDONLY);
+    ssize_t got = fd < 0 ? -1 : pread(fd, image, sizeof image, 0);
+    if (fd >= 0)
+        close(fd);
+    if (got != static_cast<ssize_t>(sizeof image)) {
+        std::fprintf(stderr, "orvo-ctl: cannot read 512 bytes of EEPROM %s: %s\n", path.c_str(),
+                     got < 0 ? std::strerror(errno) : "file too short");
+        return EXIT_FAIL;
+    }
+    tJson items = tJson::array();
+    int bad = 0;
+    if (!json)
+        std::printf("%-17s %6s %4s  %-4s %s\n", "ITEM", "OFFSET", "SIZE", "CRC", "VALUE");
+    for (const auto& it : kEepromItems) {
+        const char* p = reinterpret_cast<const char*>(image + it.offset);
+        bool crcOk = verifyCRC16(p, static_cast<int>(it.size + 2));
+        bad += crcOk ? 0 : 1;
+        std::string text;
+        unsigned long long number = 0;
+        if (it.integer) {
+            for (unsigned int i = it.size; i-- > 0;)
+                number = number << 8 | image[it.offset + i];
+            text = std::to_string(number);
+        } else {
+            text.assign(p, strnlen(p, it.size));
+        }
+        if (json) {
+            tJson j;
+            j["item"] = it.name;
+            j["offset"] = it.offset;
+            j["size"] = it.size;
+            j["crc_ok"] = crcOk;
+            if (it.integer)
+                j["value"] = number;
+            else
+                j["value"] = text;
+            items.push_back(j);
+        } else {
+            std::printf("%-17s %6ld %4u  %-4s %s\n", it.name, it.offset, it.size,
+                        crcOk ? "ok" : "BAD", text.c_str());
+        }
+    }
+    if (json) {
+        tJson out;
+        out["device"] = path;
+        out["ok"] = bad == 0;
+        out["items"] = items;
+        std::printf("%s\n", out.dump(2).c_str());
+    } else if (bad) {
+        std::printf("%d item(s) with a bad CRC\n", bad);
+    }
+    return bad ? EXIT_FAIL : EXIT_OK;
+}
+
+int Statusw(const std::vector<std::string>& args, bool json)
+{
+    for (const auto& w : args)
+        if (w == "--help" || w == "-h") {
+            std::fputs(kStatuswHelp, stdout);
+            return EXIT_OK;
+        }
+    std::string action = args.empty() ? "get" : args[0];
+    unsigned long bit = 0;
+    if (action == "get") {
+        if (args.size() > 1)
+            return Usage("statusw: get takes no argument");
+    } else if (action == "set" || action == "clear") {
+        if (args.size() != 2 || !ParseCount(args[1], bit) || bit > 63)
+            return Usage("statusw: " + action + " wants one BIT from 0 to 63");
+    } else {
+        return Usage("statusw: unknown action '" + action + "'");
+    }
+    if (action != "get") {
+        unsigned long long mask = 1ULL << bit;
+        bool ok = action == "set" ? ModifyStatusW(mask, ~0ULL) : ModifyStatusW(0, ~mask);
+        if (!ok) {
+            std::fprintf(stderr, "orvo-ctl: cannot open the status word\n");
+            return EXIT_FAIL;
+        }
+    }
+    unsigned long long value = GetStatusW();
+    if (json) {
+        tJson out;
+        out["statusw"] = value;
+        tJson bits = tJson::array();
+        for (int i = 0; i < 64; ++i)
+            if (value >> i & 1)
+                bits.push_back(i);
+        out["bits"] = bits;
+        std::printf("%s\n", out.dump(2).c_str());
+    } else {
+        std::printf("statusw 0x%016llx", value);
+        const char* sep = "  bits:";
+        for (int i = 0; i < 64; ++i)
+            if (value >> i & 1) {
+                std::printf("%s %d", sep, i);
+                sep = ",";
+            }
+        std::printf("\n");
+    }
+    return EXIT_OK;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    orvoInit(ERROR, OUTPUT_STDOUT, false);
+    std::vector<std::string> args;
+    bool json = false;
+    for (int i = 1; i < argc; ++i) {
+        std::string w = argv[i];
+        if (w == "--json")
+            json = true;
+        else
+            args.push_back(w);
+    }
+    if (args.empty())
+        return Usage("COMMAND missing");
+    const std::string command = args[0];
+    args.erase(args.begin());
+    if (command == "--help" || command == "-h") {
+        std::fputs(kMainHelp, stdout);
+        return EXIT_OK;
+    }
+    if (command == "--version") {
+        std::printf("%s\n", kVersion);
+        return EXIT_OK;
+    }
+    if (command == "journal")
+        return Journal(args, json);
+    if (command == "eeprom")
+        return Eeprom(args, json);
+    if (command == "statusw")
+        return Statusw(args, json);
+    return Usage("unknown command '" + command + "'");
+}

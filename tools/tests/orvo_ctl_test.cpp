@@ -1,0 +1,197 @@
+// orvo-ctl as a real process: journals written by the library (and damaged on
+// purpose), their human and JSON output and the exit statuses.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include <orvo_blockfile.h>
+#include <orvo_record.h>
+#include <orvo_time.h>
+
+#include "record_json.h"
+
+using namespace orvo;
+using orvo_tools::tJson;
+
+namespace {
+
+struct tRun {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+
+std::string Slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Runs orvo-ctl with args (shell words, already quoted where needed).
+tRun Ctl(const std::string& args)
+{
+    const char* bin = std::getenv("ORVO_CTL_BIN");
+    std::string errFile = "/tmp/orvo_ctl_test_err." + std::to_string(getpid());
+    std::string cmd = std::string("timeout 60 '") + (bin ? bin : "orvo-ctl") + "' " + args + " 2>" + errFile;
+    tRun r;
+    FILE* p = popen(cmd.c_str(), "r");
+    if (!p)
+        return r;
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
+        r.out.append(buf, n);
+    int st = pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    r.err = Slurp(errFile);
+    unlink(errFile.c_str());
+    return r;
+}
+
+tJson Parsed(const std::string& text)
+{
+    tJson j;
+    std::string error;
+    EXPECT_TRUE(orvo_tools::ParseJson(text, j, error)) << error << "\n" << text;
+    return j;
+}
+
+class OrvoCtlJournal : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char tmpl[] = "/tmp/orvo_ctl_test.XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        m_Dir = tmpl;
+        m_File = m_Dir + "/journal.rec";
+        cRecordFile file;
+        ASSERT_TRUE(file.Open(m_File, true));
+        for (int i = 0; i < 5; ++i) {
+            cRecord r;
+            r.AppendTextPar("meter", "m1");
+            r.AppendUIntPar("value", 1000 + i);
+            cTime t;
+            t.FromSeconds(1700000000UL + 3600UL * i, true);
+            ASSERT_EQ(file.Append(r, t, 100 + i), BLOCKFILE_OK);
+            m_BlockSize = 26 + static_cast<long>(r.GetSize());
+        }
+        file.Close();
+    }
+    void TearDown() override { std::system(("rm -rf '" + m_Dir + "'").c_str()); }
+
+    // Overwrites bytes of block index's header (offset 0..25) or payload (26..).
+    void Damage(int index, long offset, const std::string& bytes)
+    {
+        FILE* f = std::fopen(m_File.c_str(), "r+b");
+        ASSERT_NE(f, nullptr);
+        std::fseek(f, 17 + index * m_BlockSize + offset, SEEK_SET);
+        std::fwrite(bytes.data(), 1, bytes.size(), f);
+        std::fclose(f);
+    }
+
+    std::string m_Dir, m_File;
+    long m_BlockSize = 0;
+};
+
+TEST_F(OrvoCtlJournal, PrintsEveryBlockAsTextAndLosslessJson)
+{
+    tRun human = Ctl("journal " + m_File);
+    EXPECT_EQ(human.status, 0) << human.err;
+    EXPECT_NE(human.out.find("INDEX"), std::string::npos) << human.out;
+    EXPECT_NE(human.out.find("value=1000"), std::string::npos) << human.out;
+    EXPECT_NE(human.out.find("value=1004"), std::string::npos) << human.out;
+
+    tJson j = Parsed(Ctl("journal " + m_File + " --json").out);
+    ASSERT_EQ(j["blocks"].size(), 5u);
+    EXPECT_EQ(j["blocks"][3]["bstime"], 103);
+    EXPECT_EQ(j["blocks"][3]["ctime"], (1700000000LL + 3 * 3600) * 1000);
+    cRecord back;
+    std::string error;
+    ASSERT_TRUE(orvo_tools::JsonToRecord(j["blocks"][3]["record"], back, error)) << error;
+    EXPECT_EQ(std::string(back.GetFirstPar("value").GetText()), "1003");
+}
+
+TEST_F(OrvoCtlJournal, TailAndSinceSelectBlocks)
+{
+    struct { std::string args; std::vector<int> bstimes; } cases[] = {
+        {"--tail 2", {103, 104}},
+        {"--tail 0", {}},
+        {"--tail 99", {100, 101, 102, 103, 104}},
+        {"--since @" + std::to_string(1700000000 + 2 * 3600), {102, 103, 104}},
+        {"--tail 1 --since @1700000000", {104}},
+    };
+    for (const auto& c : cases) {
+        tRun r = Ctl("journal " + m_File + " --json " + c.args);
+        ASSERT_EQ(r.status, 0) << c.args << r.err;
+        tJson j = Parsed(r.out);
+        std::vector<int> got;
+        for (const auto& b : j["blocks"])
+            got.push_back(b["bstime"].get<int>());
+        EXPECT_EQ(got, c.bstimes) << c.args;
+    }
+}
+
+TEST_F(OrvoCtlJournal, VerifyNamesTheDamagedBlockAndFails)
+{
+    tRun ok = Ctl("journal --verify " + m_File);
+    EXPECT_EQ(ok.status, 0) << ok.out << ok.err;
+
+    Damage(2, 26 + 3, "\xAA\x55");  // payload of block 2: its CRC no longer matches
+    tRun bad = Ctl("journal --verify " + m_File);
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_NE(bad.out.find("block 2"), std::string::npos) << bad.out;
+    EXPECT_EQ(bad.out.find("block 1:"), std::string::npos) << bad.out;
+
+    tJson j = Parsed(Ctl("journal --verify --json " + m_File).out);
+    EXPECT_EQ(j["ok"], false);
+    ASSERT_EQ(j["damage"].size(), 1u);
+    EXPECT_NE(j["damage"][0].get<std::string>().find("block 2"), std::string::npos);
+
+    // Reading stays possible and flags the block; the file itself is unchanged.
+    std::string before = Slurp(m_File);
+    tRun read = Ctl("journal " + m_File);
+    EXPECT_EQ(read.status, 1);
+    EXPECT_NE(read.out.find("value=1004"), std::string::npos) << read.out;
+    EXPECT_EQ(Slurp(m_File), before);
+}
+
+TEST_F(OrvoCtlJournal, VerifyReportsABrokenChain)
+{
+    Damage(3, 0, std::string(26, '\0'));  // a zeroed block header ends the chain
+    tRun r = Ctl("journal --verify " + m_File);
+    EXPECT_EQ(r.status, 1) << r.out;
+    EXPECT_NE(r.out.find("block 3"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("3 readable blocks"), std::string::npos) << r.out;
+}
+
+TEST(OrvoCtl, UsageErrorsAndMissingFiles)
+{
+    struct { std::string args; int status; } cases[] = {
+        {"", 2},
+        {"nosuchcommand", 2},
+        {"journal", 2},
+        {"journal /tmp/x --tail", 2},
+        {"journal /tmp/x --tail abc", 2},
+        {"journal /tmp/x --since yesterday", 2},
+        {"journal /tmp/x --bogus", 2},
+        {"journal /nonexistent/orvo_ctl_test.rec", 1},
+        {"--help", 0},
+        {"journal --help", 0},
+        {"--version", 0},
+    };
+    for (const auto& c : cases) {
+        tRun r = Ctl(c.args);
+        EXPECT_EQ(r.status, c.status) << "orvo-ctl " << c.args << "\n" << r.err;
+        if (c.status == 2) {
+            EXPECT_NE(r.err.find("orvo-ctl"), std::string::npos) << c.args;
+        }
+    }
+}
+
+}  // namespace
