@@ -248,7 +248,7 @@ int Journal(const std::vector<std::string>& args, bool json)
             out["blocks"] = count;
             out["ok"] = damage.empty();
             out["damage"] = damage;
-            std::printf("%s\n", out.dump(2).c_str());
+            std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
         } else if (damage.empty()) {
             std::printf("%s: %lu blocks, every CRC and the chain intact\n", a.file.c_str(), count);
         } else {
@@ -264,7 +264,7 @@ int Journal(const std::vector<std::string>& args, bool json)
         out["count"] = count;
         out["blocks"] = blocks;
         out["damage"] = damage;
-        std::printf("%s\n", out.dump(2).c_str());
+        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
     } else {
         for (const auto& d : damage)
             std::fprintf(stderr, "orvo-ctl: %s: %s\n", a.file.c_str(), d.c_str());
@@ -303,7 +303,7 @@ int Journal(const std::vector<std::string>& args, bool json)
             std::string error;
             PrintBlock(again, i, a, json ? &one : nullptr, error);
             if (json && !one.empty())
-                std::printf("%s\n", one[0].dump().c_str());
+                std::printf("%s\n", one[0].dump(-1, ' ', false, tJson::error_handler_t::replace).c_str());
             void* data; unsigned long size; cTime ct; unsigned long long bs;
             if (again.GetAt(i, data, size, ct, bs) != BLOCKFILE_INVALID)
                 lastMs = ct.ToMilliSeconds();
@@ -387,7 +387,10 @@ int Eeprom(const std::vector<std::string>& args, bool json)
                 number = number << 8 | image[it.offset + i];
             text = std::to_string(number);
         } else {
-            text.assign(p, strnlen(p, it.size));
+            // Unwritten items are 0xFF: printable characters only, the
+            // bytes themselves go to --json as hexadecimal.
+            for (size_t i = 0; i < strnlen(p, it.size); ++i)
+                text += p[i] >= 0x20 && p[i] < 0x7F ? p[i] : '?';
         }
         if (json) {
             tJson j;
@@ -395,6 +398,13 @@ int Eeprom(const std::vector<std::string>& args, bool json)
             j["offset"] = it.offset;
             j["size"] = it.size;
             j["crc_ok"] = crcOk;
+            char hex[3];
+            std::string bytes;
+            for (unsigned int i = 0; i < it.size; ++i) {
+                std::snprintf(hex, sizeof hex, "%02x", image[it.offset + i]);
+                bytes += hex;
+            }
+            j["hex"] = bytes;
             if (it.integer)
                 j["value"] = number;
             else
@@ -410,7 +420,7 @@ int Eeprom(const std::vector<std::string>& args, bool json)
         out["device"] = path;
         out["ok"] = bad == 0;
         out["items"] = items;
-        std::printf("%s\n", out.dump(2).c_str());
+        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
     } else if (bad) {
         std::printf("%d item(s) with a bad CRC\n", bad);
     }
@@ -452,7 +462,7 @@ int Statusw(const std::vector<std::string>& args, bool json)
             if (value >> i & 1)
                 bits.push_back(i);
         out["bits"] = bits;
-        std::printf("%s\n", out.dump(2).c_str());
+        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
     } else {
         std::printf("statusw 0x%016llx", value);
         const char* sep = "  bits:";

@@ -8,9 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <map>
 #include <string>
 
 #include <orvo_blockfile.h>
+#include <orvo_eeprom.h>
 #include <orvo_record.h>
 #include <orvo_time.h>
 
@@ -170,6 +172,58 @@ TEST_F(OrvoCtlJournal, VerifyReportsABrokenChain)
     EXPECT_NE(r.out.find("3 readable blocks"), std::string::npos) << r.out;
 }
 
+// An EEPROM image written through the library, read back item by item; a
+// damaged item is named and makes the command fail.
+TEST(OrvoCtlEeprom, DecodesItemsAndFlagsBadCrc)
+{
+    std::string image = "/tmp/orvo_ctl_test_eeprom." + std::to_string(getpid());
+    {
+        std::ofstream out(image, std::ios::binary);
+        out << std::string(512, '\xFF');
+    }
+    setenv("ORVO_EEPROM_DEVICE", image.c_str(), 1);
+    {
+        cEEPROM_Pattern pattern;
+        ASSERT_TRUE(pattern.setVersion(3));
+        ASSERT_TRUE(pattern.setBootCount(70000));
+        ASSERT_TRUE(pattern.setSerialNumber("SN-0042"));
+        ASSERT_TRUE(pattern.setMacEth0("00:1a:2B:3c:4D:5e"));
+    }
+    tRun human = Ctl("eeprom");  // the device named by ORVO_EEPROM_DEVICE
+    EXPECT_NE(human.out.find("SN-0042"), std::string::npos) << human.out;
+    EXPECT_NE(human.out.find("70000"), std::string::npos) << human.out;
+    EXPECT_EQ(human.status, 1) << "never-written items carry no valid CRC";
+
+    tJson j = Parsed(Ctl("eeprom --json " + image).out);
+    std::map<std::string, tJson> items;
+    for (const auto& it : j["items"])
+        items[it["item"].get<std::string>()] = it;
+    EXPECT_EQ(items["version"]["value"], 3);
+    EXPECT_EQ(items["version"]["crc_ok"], true);
+    EXPECT_EQ(items["bootcount"]["value"], 70000);
+    EXPECT_EQ(items["mac-eth0"]["value"], "00:1a:2B:3c:4D:5e");
+    EXPECT_EQ(items["serial-number"]["crc_ok"], true);
+    EXPECT_EQ(items["oem"]["crc_ok"], false);
+
+    {
+        FILE* f = std::fopen(image.c_str(), "r+b");
+        ASSERT_NE(f, nullptr);
+        std::fseek(f, 31, SEEK_SET);  // first byte of the serial number
+        std::fputc('X', f);
+        std::fclose(f);
+    }
+    j = Parsed(Ctl("eeprom --json " + image).out);
+    for (const auto& it : j["items"]) {
+        if (it["item"] == "serial-number") {
+            EXPECT_EQ(it["crc_ok"], false);
+            EXPECT_EQ(it["value"], "XN-0042");
+        }
+    }
+    EXPECT_EQ(Ctl("eeprom /nonexistent/eeprom").status, 1);
+    unsetenv("ORVO_EEPROM_DEVICE");
+    unlink(image.c_str());
+}
+
 TEST(OrvoCtl, UsageErrorsAndMissingFiles)
 {
     struct { std::string args; int status; } cases[] = {
@@ -184,6 +238,12 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"--help", 0},
         {"journal --help", 0},
         {"--version", 0},
+        {"eeprom a b", 2},
+        {"eeprom --bogus", 2},
+        {"statusw set", 2},
+        {"statusw set 64", 2},
+        {"statusw flip 1", 2},
+        {"statusw --help", 0},
     };
     for (const auto& c : cases) {
         tRun r = Ctl(c.args);
