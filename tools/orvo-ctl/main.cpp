@@ -18,6 +18,7 @@
 #include <orvo_record.h>
 #include <orvo_time.h>
 
+#include "ctl_client.h"
 #include "record_json.h"
 
 using namespace orvo;
@@ -42,8 +43,13 @@ const char* const kMainHelp =
     "  eeprom [FILE]       decode the EEPROM pattern, checking every item's CRC\n"
     "  statusw [get | set BIT | clear BIT]\n"
     "                      read or change the status word\n"
+    "  info SERVICE        the service information of a running service\n"
+    "\n"
+    "SERVICE is host:port (a service's sap) or a name looked up through the SCM.\n"
     "\n"
     "Options:\n"
+    "  --scm ADDR          the SCM's address (default 127.0.0.1:47000)\n"
+    "  --timeout MS        how long to wait for an answer (default 5000)\n"
     "  --json              machine-readable output (records in their JSON form)\n"
     "  -h, --help          this text; COMMAND --help describes one command\n"
     "  --version           the version\n"
@@ -476,6 +482,147 @@ int Statusw(const std::vector<std::string>& args, bool json)
     return EXIT_OK;
 }
 
+const char* const kInfoHelp =
+    "Usage: orvo-ctl info SERVICE [--scm ADDR] [--timeout MS] [--json]\n"
+    "Asks a running service for its information (name, sap, service id, trace\n"
+    "units and configuration). SERVICE is host:port or a name the SCM knows.\n";
+
+struct tNetOptions {
+    std::string scm = "127.0.0.1:47000";
+    int timeoutMs = 5000;
+};
+
+// The sap "host:port" of service: itself when it has a colon, otherwise what
+// the SCM answers for the name. Prints the reason and returns false.
+bool ResolveService(const std::string& service, const tNetOptions& net, std::string& sap)
+{
+    if (service.find(':') != std::string::npos) {
+        sap = service;
+        return true;
+    }
+    orvo_ctl::cCtlClient scm;
+    std::string error;
+    if (!scm.Connect(net.scm, net.timeoutMs, error)) {
+        std::fprintf(stderr, "orvo-ctl: the SCM at %s is not reachable: %s\n", net.scm.c_str(), error.c_str());
+        return false;
+    }
+    cMsg request = orvo_ctl::Request(0x10018);
+    request.GetRecord().AppendTextPar("service-name", service);
+    cMsg answer;
+    bool timedOut = false;
+    if (!scm.Send(request) || !scm.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut)) {
+        if (timedOut)
+            std::fprintf(stderr, "orvo-ctl: the SCM at %s did not answer within %d ms\n", net.scm.c_str(), net.timeoutMs);
+        else
+            std::fprintf(stderr, "orvo-ctl: the SCM at %s closed the connection\n", net.scm.c_str());
+        return false;
+    }
+    if (answer.GetType() != 0x10019) {
+        std::fprintf(stderr, "orvo-ctl: unknown service '%s'\n", service.c_str());
+        return false;
+    }
+    cRecord entry;
+    answer.GetRecord().GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(entry);
+    const char* text = entry.GetFirstPar("sap").GetText();
+    sap = text ? text : "";
+    if (sap.find(':') == std::string::npos) {
+        std::fprintf(stderr, "orvo-ctl: the SCM knows no sap for '%s'\n", service.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Takes --scm and --timeout out of args; false on a usage error (printed).
+bool TakeNetOptions(std::vector<std::string>& args, tNetOptions& net, const char* command)
+{
+    for (size_t i = 0; i < args.size();) {
+        if (args[i] != "--scm" && args[i] != "--timeout") {
+            ++i;
+            continue;
+        }
+        if (i + 1 >= args.size()) {
+            Usage(std::string(command) + ": " + args[i] + " needs a value");
+            return false;
+        }
+        if (args[i] == "--scm") {
+            net.scm = args[i + 1];
+        } else {
+            unsigned long ms = 0;
+            if (!ParseCount(args[i + 1], ms) || ms == 0 || ms > 3600000) {
+                Usage(std::string(command) + ": --timeout wants milliseconds, not '" + args[i + 1] + "'");
+                return false;
+            }
+            net.timeoutMs = static_cast<int>(ms);
+        }
+        args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
+    }
+    return true;
+}
+
+int Info(std::vector<std::string> args, bool json)
+{
+    tNetOptions net;
+    for (const auto& w : args)
+        if (w == "--help" || w == "-h") {
+            std::fputs(kInfoHelp, stdout);
+            return EXIT_OK;
+        }
+    if (!TakeNetOptions(args, net, "info"))
+        return EXIT_USAGE;
+    for (const auto& w : args)
+        if (!w.empty() && w[0] == '-')
+            return Usage("info: unknown option '" + w + "'");
+    if (args.size() != 1)
+        return Usage("info: one SERVICE wanted");
+    std::string sap;
+    if (!ResolveService(args[0], net, sap))
+        return EXIT_FAIL;
+    orvo_ctl::cCtlClient client;
+    std::string error;
+    if (!client.Connect(sap, net.timeoutMs, error)) {
+        std::fprintf(stderr, "orvo-ctl: %s\n", error.c_str());
+        return EXIT_FAIL;
+    }
+    cMsg request = orvo_ctl::Request(0x7006);
+    cMsg answer;
+    bool timedOut = false;
+    if (!client.Send(request) || !client.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut) ||
+        answer.GetType() != 0x7007) {
+        std::fprintf(stderr, "orvo-ctl: the service at %s %s\n", sap.c_str(),
+                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
+                              : "gave no service information");
+        return EXIT_FAIL;
+    }
+    const cRecord& r = answer.GetRecord();
+    if (json) {
+        tJson out;
+        out["type"] = "0x7007";
+        out["record"] = orvo_tools::RecordToJson(r);
+        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+        return EXIT_OK;
+    }
+    auto text = [&](const char* name) {
+        const char* t = r.GetFirstPar(name).GetText();
+        return std::string(t ? t : "");
+    };
+    std::printf("%-11s %s\n", "name:", text("name").c_str());
+    std::printf("%-11s %s\n", "sap:", text("sap").c_str());
+    std::printf("%-11s %s\n", "service-id:", text("service-id").c_str());
+    cRecord units, config;
+    r.GetFirstPar("units", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(units);
+    r.GetFirstPar("config", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(config);
+    std::printf("\n%-24s %s\n", "UNIT", "LEVEL");
+    for (cRecordPar u = units.GetFirstPar(); u.IsValid(); units.SeekNextPar(u)) {
+        cRecord unit;
+        u.GetRecord(unit);
+        const char* name = unit.GetFirstPar("name").GetText();
+        const char* level = unit.GetFirstPar("level").GetText();
+        std::printf("%-24s %s\n", name ? name : "", level ? level : "");
+    }
+    std::printf("\nconfiguration:\n%s", config.ToString2(1).c_str());
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -504,6 +651,8 @@ int main(int argc, char** argv)
     }
     if (command == "journal")
         return Journal(args, json);
+    if (command == "info")
+        return Info(args, json);
     if (command == "eeprom")
         return Eeprom(args, json);
     if (command == "statusw")
