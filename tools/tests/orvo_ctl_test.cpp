@@ -2,6 +2,8 @@
 // purpose), their human and JSON output and the exit statuses.
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@
 #include <orvo_time.h>
 
 #include "record_json.h"
+#include "scm_process.h"
 
 using namespace orvo;
 using orvo_tools::tJson;
@@ -224,6 +227,65 @@ TEST(OrvoCtlEeprom, DecodesItemsAndFlagsBadCrc)
     unlink(image.c_str());
 }
 
+// orvo-scm starting the example meter service: info by name through the SCM
+// and by host:port, and the failures an operator meets.
+TEST(OrvoCtlServices, InfoByNameAndAddress)
+{
+    const std::string examples = orvo_test::EnvOr("ORVO_EXAMPLES_DIR", "examples");
+    orvo_test::cScmTestDir dir;
+    orvo_test::cScmProcess scm;
+    ASSERT_TRUE(dir.StartScm(scm, R"({"services": {"meter": {"start": true, "command": ")" + examples +
+                                      R"(/meter_service -scm-sap {scm-sap}"}}})"));
+    ASSERT_GT(orvo_test::RegisteredPid(scm, "meter", 0), 0);
+    const std::string scmAddr = "127.0.0.1:" + std::to_string(scm.Port());
+
+    tRun human = Ctl("info meter --scm " + scmAddr);
+    ASSERT_EQ(human.status, 0) << human.err;
+    EXPECT_NE(human.out.find("name:       meter"), std::string::npos) << human.out;
+    EXPECT_NE(human.out.find("UnitORVO"), std::string::npos) << human.out;
+    EXPECT_NE(human.out.find("scm-sap <text>"), std::string::npos) << human.out;
+
+    tRun byAddr = Ctl("--json info " + scmAddr);  // orvo-scm answers for itself
+    ASSERT_EQ(byAddr.status, 0) << byAddr.err;
+    cRecord info;
+    std::string error;
+    ASSERT_TRUE(orvo_tools::JsonToRecord(Parsed(byAddr.out)["record"], info, error)) << error;
+    EXPECT_EQ(std::string(info.GetFirstPar("name").GetText()), "orvo-scm");
+    EXPECT_EQ(std::string(info.GetFirstPar("sap").GetText()), scmAddr);
+
+    struct { std::string args; std::string message; } failures[] = {
+        {"info nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
+        {"info meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
+    };
+    for (const auto& f : failures) {
+        tRun r = Ctl(f.args);
+        EXPECT_EQ(r.status, 1) << f.args;
+        EXPECT_NE(r.err.find(f.message), std::string::npos) << f.args << ": " << r.err;
+    }
+    EXPECT_EQ(scm.Terminate(10000), 0);
+}
+
+// A peer that accepts connections and never answers: a clear time-out.
+TEST(OrvoCtlServices, SilentPeerTimesOut)
+{
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_EQ(listen(fd, 4), 0);
+    ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    const std::string addr = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
+    tRun service = Ctl("info " + addr + " --timeout 300");
+    EXPECT_EQ(service.status, 1);
+    EXPECT_NE(service.err.find("did not answer within 300 ms"), std::string::npos) << service.err;
+    tRun viaScm = Ctl("info meter --timeout 300 --scm " + addr);
+    EXPECT_EQ(viaScm.status, 1);
+    EXPECT_NE(viaScm.err.find("SCM at " + addr + " did not answer"), std::string::npos) << viaScm.err;
+    close(fd);
+}
+
 TEST(OrvoCtl, UsageErrorsAndMissingFiles)
 {
     struct { std::string args; int status; } cases[] = {
@@ -239,6 +301,12 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"journal --help", 0},
         {"--version", 0},
         {"eeprom a b", 2},
+        {"info", 2},
+        {"info a b", 2},
+        {"info x --timeout", 2},
+        {"info x --timeout 0", 2},
+        {"info x --bogus", 2},
+        {"info --help", 0},
         {"eeprom --bogus", 2},
         {"statusw set", 2},
         {"statusw set 64", 2},
