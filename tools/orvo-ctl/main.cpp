@@ -19,6 +19,7 @@
 #include <orvo_time.h>
 
 #include "ctl_client.h"
+#include "scm_list.h"
 #include "record_json.h"
 
 using namespace orvo;
@@ -43,6 +44,7 @@ const char* const kMainHelp =
     "  eeprom [FILE]       decode the EEPROM pattern, checking every item's CRC\n"
     "  statusw [get | set BIT | clear BIT]\n"
     "                      read or change the status word\n"
+    "  list                the services registered with the SCM\n"
     "  info SERVICE        the service information of a running service\n"
     "\n"
     "SERVICE is host:port (a service's sap) or a name looked up through the SCM.\n"
@@ -623,6 +625,63 @@ int Info(std::vector<std::string> args, bool json)
     return EXIT_OK;
 }
 
+const char* const kListHelp =
+    "Usage: orvo-ctl list [--scm ADDR] [--timeout MS] [--json]\n"
+    "Lists the services registered with the SCM: name, pid, sap, state and\n"
+    "technologies.\n";
+
+int List(std::vector<std::string> args, bool json)
+{
+    tNetOptions net;
+    for (const auto& w : args)
+        if (w == "--help" || w == "-h") {
+            std::fputs(kListHelp, stdout);
+            return EXIT_OK;
+        }
+    if (!TakeNetOptions(args, net, "list"))
+        return EXIT_USAGE;
+    if (!args.empty())
+        return Usage("list: unexpected '" + args[0] + "'");
+    orvo_ctl::cCtlClient scm;
+    std::string error;
+    if (!scm.Connect(net.scm, net.timeoutMs, error)) {
+        std::fprintf(stderr, "orvo-ctl: the SCM at %s is not reachable: %s\n", net.scm.c_str(), error.c_str());
+        return EXIT_FAIL;
+    }
+    cMsg request = orvo_ctl::Request(orvo_scm::kMsgServiceListRequest);
+    cMsg answer;
+    bool timedOut = false;
+    if (!scm.Send(request) || !scm.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut) ||
+        answer.GetType() != orvo_scm::kMsgServiceListAnswer) {
+        std::fprintf(stderr, "orvo-ctl: the SCM at %s %s\n", net.scm.c_str(),
+                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
+                              : "gave no service list");
+        return EXIT_FAIL;
+    }
+    const cRecord& r = answer.GetRecord();
+    if (json) {
+        tJson out;
+        out["type"] = "0x10201";
+        out["record"] = orvo_tools::RecordToJson(r);
+        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+        return EXIT_OK;
+    }
+    std::printf("%-20s %7s  %-21s %-12s %s\n", "NAME", "PID", "SAP", "STATE", "TECHNOLOGIES");
+    cRecordPar p = r.GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE);
+    for (bool ok = p.IsValid(); ok; ok = r.SeekNextPar(p, "service", RECORD_RECORD, RECORD_SEL_TYPE)) {
+        cRecord s, tech;
+        p.GetRecord(s);
+        s.GetFirstPar("tech", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(tech);
+        std::string techs;
+        for (cRecordPar t = tech.GetFirstPar(); t.IsValid(); tech.SeekNextPar(t))
+            techs += (techs.empty() ? "" : ",") + t.GetString();
+        std::printf("%-20s %7s  %-21s %-12s %s\n", s.GetFirstPar("name").GetString().c_str(),
+                    s.GetFirstPar("pid").GetString().c_str(), s.GetFirstPar("sap").GetString().c_str(),
+                    s.GetFirstPar("state").GetString().c_str(), techs.c_str());
+    }
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -651,6 +710,8 @@ int main(int argc, char** argv)
     }
     if (command == "journal")
         return Journal(args, json);
+    if (command == "list")
+        return List(args, json);
     if (command == "info")
         return Info(args, json);
     if (command == "eeprom")

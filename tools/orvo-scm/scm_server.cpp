@@ -1,5 +1,6 @@
 // scm_server.cpp - the message handling of orvo-scm.
 #include "scm_server.h"
+#include "scm_list.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -190,6 +191,7 @@ void cScmServer::Handle(cMsg& msg)
     case MSG_SCM_SETCONFIG_ACK: OnSetConfigAnswer(msg, true); break;
     case MSG_SCM_SETCONFIG_NACK: OnSetConfigAnswer(msg, false); break;
     case MSG_SCM_SERVICE_INFO_REQUEST: OnServiceInfoRequest(msg); break;
+    case kMsgServiceListRequest: OnServiceListRequest(msg); break;
     case MSG_SCM_SET_SERVICE_TECH: OnSetServiceTech(msg); break;
     case MSG_SCM_NOTIFICATION_REQUEST: OnNotificationRequest(msg); break;
     case MSG_SCM_STORE_RECORD: OnStoreRecord(msg); break;
@@ -387,6 +389,20 @@ void cScmServer::OnServiceInfoRequest(cMsg& msg)
     else
         unknown.AppendTextPar("service-tech", byTech.GetString());
     Reply(msg, MSG_SCM_TECH_UNKNOWN, unknown);
+}
+
+// orvo-ctl list: one "service" sub-record per registered service, as in a
+// service information answer, with "state" "connected" or "disconnected".
+void cScmServer::OnServiceListRequest(cMsg& msg)
+{
+    cRecord list;
+    for (const tService* s : m_Registry.All()) {
+        cRecord entry;
+        cRegistry::InfoRecord(*s).GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(entry);
+        entry.AppendTextPar("state", s->channel != nullptr ? "connected" : "disconnected");
+        list.AppendRecordPar("service", entry);
+    }
+    Reply(msg, kMsgServiceListAnswer, list);
 }
 
 void cScmServer::OnSetServiceTech(cMsg& msg)

@@ -55,6 +55,7 @@ private:
     void OnConfigRequest(orvo::cMsg& msg);
     void OnReady(orvo::cMsg& msg);
     void OnServiceInfoRequest(orvo::cMsg& msg);
+    void OnServiceListRequest(orvo::cMsg& msg);
     void OnSetServiceTech(orvo::cMsg& msg);
     void OnNotificationRequest(orvo::cMsg& msg);
     void OnWdtAnswer(orvo::cMsg& msg);

@@ -229,7 +229,7 @@ TEST(OrvoCtlEeprom, DecodesItemsAndFlagsBadCrc)
 
 // orvo-scm starting the example meter service: info by name through the SCM
 // and by host:port, and the failures an operator meets.
-TEST(OrvoCtlServices, InfoByNameAndAddress)
+TEST(OrvoCtlServices, ListAndInfoByNameAndAddress)
 {
     const std::string examples = orvo_test::EnvOr("ORVO_EXAMPLES_DIR", "examples");
     orvo_test::cScmTestDir dir;
@@ -253,7 +253,23 @@ TEST(OrvoCtlServices, InfoByNameAndAddress)
     EXPECT_EQ(std::string(info.GetFirstPar("name").GetText()), "orvo-scm");
     EXPECT_EQ(std::string(info.GetFirstPar("sap").GetText()), scmAddr);
 
+    tRun list = Ctl("list --scm " + scmAddr);
+    ASSERT_EQ(list.status, 0) << list.err;
+    EXPECT_NE(list.out.find("NAME"), std::string::npos) << list.out;
+    EXPECT_NE(list.out.find("connected"), std::string::npos) << list.out;
+    tJson listed = Parsed(Ctl("list --json --scm " + scmAddr).out);
+    cRecord services;
+    ASSERT_TRUE(orvo_tools::JsonToRecord(listed["record"], services, error)) << error;
+    ASSERT_EQ(services.GetParCount("service"), 1) << listed.dump();
+    cRecord meter;
+    services.GetFirstPar("service").GetRecord(meter);
+    EXPECT_EQ(meter.GetFirstPar("name").GetString(), "meter");
+    EXPECT_EQ(meter.GetFirstPar("state").GetString(), "connected");
+    EXPECT_EQ(meter.GetFirstPar("pid").GetString(), std::to_string(orvo_test::RegisteredPid(scm, "meter", 0)));
+    EXPECT_NE(list.out.find(meter.GetFirstPar("sap").GetString()), std::string::npos) << list.out;
+
     struct { std::string args; std::string message; } failures[] = {
+        {"list --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
         {"info nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
         {"info meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
     };
@@ -280,6 +296,9 @@ TEST(OrvoCtlServices, SilentPeerTimesOut)
     tRun service = Ctl("info " + addr + " --timeout 300");
     EXPECT_EQ(service.status, 1);
     EXPECT_NE(service.err.find("did not answer within 300 ms"), std::string::npos) << service.err;
+    tRun listing = Ctl("list --timeout 300 --scm " + addr);
+    EXPECT_EQ(listing.status, 1);
+    EXPECT_NE(listing.err.find("did not answer within 300 ms"), std::string::npos) << listing.err;
     tRun viaScm = Ctl("info meter --timeout 300 --scm " + addr);
     EXPECT_EQ(viaScm.status, 1);
     EXPECT_NE(viaScm.err.find("SCM at " + addr + " did not answer"), std::string::npos) << viaScm.err;
@@ -302,6 +321,8 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"--version", 0},
         {"eeprom a b", 2},
         {"info", 2},
+        {"list extra", 2},
+        {"list --help", 0},
         {"info a b", 2},
         {"info x --timeout", 2},
         {"info x --timeout 0", 2},
