@@ -46,6 +46,8 @@ const char* const kMainHelp =
     "                      read or change the status word\n"
     "  list                the services registered with the SCM\n"
     "  info SERVICE        the service information of a running service\n"
+    "  send SERVICE TYPE [RECORD-JSON] [--wait]\n"
+    "                      send one message, optionally print its answer\n"
     "\n"
     "SERVICE is host:port (a service's sap) or a name looked up through the SCM.\n"
     "\n"
@@ -682,6 +684,85 @@ int List(std::vector<std::string> args, bool json)
     return EXIT_OK;
 }
 
+const char* const kSendHelp =
+    "Usage: orvo-ctl send SERVICE TYPE [RECORD-JSON] [--wait] [--scm ADDR] [--timeout MS] [--json]\n"
+    "Sends one message of TYPE (0x... or decimal) with a fresh transaction id\n"
+    "and the record RECORD-JSON (its JSON form; empty when left out) to\n"
+    "SERVICE. With --wait prints the answer with the same transaction id.\n"
+    "A RECORD-JSON that is not a record's JSON form is a usage error (2).\n";
+
+int Send(std::vector<std::string> args, bool json)
+{
+    tNetOptions net;
+    bool wait = false;
+    for (const auto& w : args)
+        if (w == "--help" || w == "-h") {
+            std::fputs(kSendHelp, stdout);
+            return EXIT_OK;
+        }
+    if (!TakeNetOptions(args, net, "send"))
+        return EXIT_USAGE;
+    std::vector<std::string> words;
+    for (const auto& w : args) {
+        if (w == "--wait")
+            wait = true;
+        else if (w.size() > 1 && w[0] == '-' && w[1] == '-')
+            return Usage("send: unknown option '" + w + "'");
+        else
+            words.push_back(w);
+    }
+    if (words.size() < 2 || words.size() > 3)
+        return Usage("send: SERVICE and TYPE wanted");
+    char* end = nullptr;
+    unsigned long type = std::strtoul(words[1].c_str(), &end, 0);
+    if (words[1].empty() || *end || words[1][0] == '-')
+        return Usage("send: TYPE '" + words[1] + "' is not a number");
+    cMsg msg = orvo_ctl::Request(type);
+    if (words.size() == 3) {
+        tJson j;
+        std::string error;
+        if (!orvo_tools::ParseJson(words[2], j, error) || !orvo_tools::JsonToRecord(j, msg.GetRecord(), error))
+            return Usage("send: RECORD-JSON: " + error);
+    }
+    std::string sap;
+    if (!ResolveService(words[0], net, sap))
+        return EXIT_FAIL;
+    orvo_ctl::cCtlClient client;
+    std::string error;
+    if (!client.Connect(sap, net.timeoutMs, error) || !client.Send(msg)) {
+        std::fprintf(stderr, "orvo-ctl: %s\n", error.empty() ? ("cannot send to " + sap).c_str() : error.c_str());
+        return EXIT_FAIL;
+    }
+    const std::string tid = msg.GetTid().ToString();
+    if (!wait) {
+        if (json)
+            std::printf("%s\n", tJson{{"tid", tid}}.dump(2).c_str());
+        else
+            std::printf("sent 0x%lx tid %s to %s\n", type, tid.c_str(), sap.c_str());
+        return EXIT_OK;
+    }
+    cMsg answer;
+    bool timedOut = false;
+    if (!client.ReceiveAnswer(answer, msg.GetTid(), net.timeoutMs, timedOut)) {
+        std::fprintf(stderr, "orvo-ctl: the service at %s %s\n", sap.c_str(),
+                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
+                              : "closed the connection without answering");
+        return EXIT_FAIL;
+    }
+    char typeText[32];
+    std::snprintf(typeText, sizeof typeText, "0x%lx", answer.GetType());
+    if (json) {
+        tJson out;
+        out["type"] = typeText;
+        out["tid"] = tid;
+        out["record"] = orvo_tools::RecordToJson(answer.GetRecord());
+        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+    } else {
+        std::printf("answer %s tid %s\n%s", typeText, tid.c_str(), answer.GetRecord().ToString2(1).c_str());
+    }
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -710,6 +791,8 @@ int main(int argc, char** argv)
     }
     if (command == "journal")
         return Journal(args, json);
+    if (command == "send")
+        return Send(args, json);
     if (command == "list")
         return List(args, json);
     if (command == "info")

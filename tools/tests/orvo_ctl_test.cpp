@@ -268,7 +268,23 @@ TEST(OrvoCtlServices, ListAndInfoByNameAndAddress)
     EXPECT_EQ(meter.GetFirstPar("pid").GetString(), std::to_string(orvo_test::RegisteredPid(scm, "meter", 0)));
     EXPECT_NE(list.out.find(meter.GetFirstPar("sap").GetString()), std::string::npos) << list.out;
 
+    // A request with a record, answered with the same tid.
+    tRun sent = Ctl("send " + scmAddr + " 0x10018 --wait --json "
+                    "'[{\"name\": \"service-name\", \"type\": \"text\", \"value\": \"meter\"}]'");
+    ASSERT_EQ(sent.status, 0) << sent.err;
+    tJson answer = Parsed(sent.out);
+    EXPECT_EQ(answer["type"], "0x10019");
+    cRecord found;
+    ASSERT_TRUE(orvo_tools::JsonToRecord(answer["record"], found, error)) << error;
+    EXPECT_EQ(found.GetFirstParByPath("service.name", ".").GetString(), "meter");
+    tRun sentHuman = Ctl("send meter 0x7006 --wait --scm " + scmAddr);
+    EXPECT_EQ(sentHuman.status, 0) << sentHuman.err;
+    EXPECT_NE(sentHuman.out.find("answer 0x7007"), std::string::npos) << sentHuman.out;
+    EXPECT_EQ(Ctl("send " + scmAddr + " 0x10018 '[{\"name\": '").status, 2);
+    EXPECT_EQ(Ctl("send " + scmAddr + " 0x10018 '{\"a\": 1}'").status, 2);
+
     struct { std::string args; std::string message; } failures[] = {
+        {"send nosuch 0x7006 --wait --scm " + scmAddr, "unknown service 'nosuch'"},
         {"list --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
         {"info nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
         {"info meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
@@ -322,6 +338,11 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"eeprom a b", 2},
         {"info", 2},
         {"list extra", 2},
+        {"send", 2},
+        {"send x", 2},
+        {"send x y", 2},
+        {"send x 1 --bogus", 2},
+        {"send --help", 0},
         {"list --help", 0},
         {"info a b", 2},
         {"info x --timeout", 2},
