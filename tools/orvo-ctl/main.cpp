@@ -27,7 +27,7 @@ using orvo_tools::tJson;
 
 namespace {
 
-const char* const kVersion = "orvo-ctl 1.0";
+const char* const kVersion = "orvo-ctl " ORVO_CTL_VERSION;
 
 enum { EXIT_OK = 0, EXIT_FAIL = 1, EXIT_USAGE = 2 };
 

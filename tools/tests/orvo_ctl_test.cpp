@@ -321,6 +321,35 @@ TEST(OrvoCtlServices, SilentPeerTimesOut)
     close(fd);
 }
 
+// The completion script offers the commands and each command's words.
+TEST(OrvoCtl, BashCompletion)
+{
+    const char* script = std::getenv("ORVO_CTL_COMPLETION");
+    ASSERT_NE(script, nullptr);
+    if (access("/usr/share/bash-completion/bash_completion", R_OK) != 0)
+        GTEST_SKIP() << "bash-completion not installed";
+    struct { std::string line; std::string want; } cases[] = {
+        {"orvo-ctl jo", "journal"},
+        {"orvo-ctl statusw ", "get set clear --json --help"},
+        {"orvo-ctl journal f --v", "--verify"},
+        {"orvo-ctl send x 1 --w", "--wait"},
+    };
+    for (const auto& c : cases) {
+        std::string cmd = "bash -c 'source /usr/share/bash-completion/bash_completion; source " +
+                          std::string(script) + "; COMP_LINE=\"" + c.line +
+                          "\"; read -ra COMP_WORDS <<< \"$COMP_LINE\"; "
+                          "[[ $COMP_LINE == *\" \" ]] && COMP_WORDS+=(\"\"); "
+                          "COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); COMP_POINT=${#COMP_LINE}; "
+                          "_orvo_ctl; echo \"${COMPREPLY[*]}\"'";
+        FILE* p = popen(cmd.c_str(), "r");
+        ASSERT_NE(p, nullptr);
+        char buf[512] = {0};
+        size_t n = fread(buf, 1, sizeof buf - 1, p);
+        pclose(p);
+        EXPECT_EQ(std::string(buf, n), c.want + "\n") << c.line;
+    }
+}
+
 TEST(OrvoCtl, UsageErrorsAndMissingFiles)
 {
     struct { std::string args; int status; } cases[] = {
