@@ -46,6 +46,8 @@ const char* const kMainHelp =
     "                      read or change the status word\n"
     "  list                the services registered with the SCM\n"
     "  info SERVICE        the service information of a running service\n"
+    "  config SERVICE [PATH]\n"
+    "                      the configuration the SCM holds for a service\n"
     "  send SERVICE TYPE [RECORD-JSON] [--wait]\n"
     "                      send one message, optionally print its answer\n"
     "\n"
@@ -763,6 +765,70 @@ int Send(std::vector<std::string> args, bool json)
     return EXIT_OK;
 }
 
+const char* const kConfigHelp =
+    "Usage: orvo-ctl config SERVICE [PATH] [--scm ADDR] [--timeout MS] [--json]\n"
+    "Prints the configuration the SCM holds for the registered service SERVICE,\n"
+    "or only the element at PATH (names separated by '.').\n";
+
+int Config(std::vector<std::string> args, bool json)
+{
+    tNetOptions net;
+    for (const auto& w : args)
+        if (w == "--help" || w == "-h") {
+            std::fputs(kConfigHelp, stdout);
+            return EXIT_OK;
+        }
+    if (!TakeNetOptions(args, net, "config"))
+        return EXIT_USAGE;
+    for (const auto& w : args)
+        if (!w.empty() && w[0] == '-')
+            return Usage("config: unknown option '" + w + "'");
+    if (args.empty() || args.size() > 2)
+        return Usage("config: SERVICE [PATH] wanted");
+    if (args.size() == 2 && args[1] == "set")
+        return Usage("config: set is not available in this version");
+    std::string sap;
+    if (args[0].find(':') != std::string::npos)
+        return Usage("config: SERVICE must be a name the SCM knows");
+    if (!ResolveService(args[0], net, sap))
+        return EXIT_FAIL;
+    orvo_ctl::cCtlClient scm;
+    std::string error;
+    if (!scm.Connect(net.scm, net.timeoutMs, error)) {
+        std::fprintf(stderr, "orvo-ctl: the SCM at %s is not reachable: %s\n", net.scm.c_str(), error.c_str());
+        return EXIT_FAIL;
+    }
+    cMsg request = orvo_ctl::Request(0x10003);
+    request.GetRecord().AppendTextPar("service-name", args[0]);
+    request.GetRecord().AppendTextPar("path", "");
+    cMsg answer;
+    bool timedOut = false;
+    if (!scm.Send(request) || !scm.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut) ||
+        answer.GetType() != 0x10004) {
+        std::fprintf(stderr, "orvo-ctl: the SCM at %s %s\n", net.scm.c_str(),
+                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
+                              : "gave no configuration");
+        return EXIT_FAIL;
+    }
+    cRecord config;
+    answer.GetRecord().GetFirstPar("config", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(config);
+    cRecord shown = config;
+    if (args.size() == 2) {
+        cRecordPar at = config.GetFirstParByPath(args[1].c_str(), ".");
+        if (!at.IsValid()) {
+            std::fprintf(stderr, "orvo-ctl: '%s' has no configuration element '%s'\n", args[0].c_str(), args[1].c_str());
+            return EXIT_FAIL;
+        }
+        shown = cRecord();
+        shown.AppendPar(at, 0, 0);
+    }
+    if (json)
+        std::printf("%s\n", orvo_tools::RecordToJson(shown).dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+    else
+        std::printf("%s", shown.ToString2().c_str());
+    return EXIT_OK;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -791,6 +857,8 @@ int main(int argc, char** argv)
     }
     if (command == "journal")
         return Journal(args, json);
+    if (command == "config")
+        return Config(args, json);
     if (command == "send")
         return Send(args, json);
     if (command == "list")

@@ -3,7 +3,7 @@ _orvo_ctl()
 {
     local cur prev words cword
     _init_completion || return
-    local commands="list info send journal eeprom statusw"
+    local commands="list info config send journal eeprom statusw"
     if [[ $cword -eq 1 ]]; then
         COMPREPLY=($(compgen -W "$commands --help --version --json" -- "$cur"))
         return
@@ -30,7 +30,7 @@ _orvo_ctl()
             fi ;;
         list)
             COMPREPLY=($(compgen -W "--scm --timeout --json --help" -- "$cur")) ;;
-        info|send)
+        info|send|config)
             local extra=""
             [[ ${words[1]} == send ]] && extra="--wait"
             if [[ $cur == -* ]]; then

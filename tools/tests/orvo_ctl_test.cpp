@@ -268,6 +268,14 @@ TEST(OrvoCtlServices, ListAndInfoByNameAndAddress)
     EXPECT_EQ(meter.GetFirstPar("pid").GetString(), std::to_string(orvo_test::RegisteredPid(scm, "meter", 0)));
     EXPECT_NE(list.out.find(meter.GetFirstPar("sap").GetString()), std::string::npos) << list.out;
 
+    tRun config = Ctl("config meter --scm " + scmAddr);
+    ASSERT_EQ(config.status, 0) << config.err;
+    EXPECT_NE(config.out.find("scm-sap <text>"), std::string::npos) << config.out;
+    tJson wdt = Parsed(Ctl("config meter system.wdt --json --scm " + scmAddr).out);
+    ASSERT_EQ(wdt.size(), 1u) << wdt.dump();
+    EXPECT_EQ(wdt[0]["name"], "wdt");
+    EXPECT_EQ(Ctl("config meter no.such.path --scm " + scmAddr).status, 1);
+
     // A request with a record, answered with the same tid.
     tRun sent = Ctl("send " + scmAddr + " 0x10018 --wait --json "
                     "'[{\"name\": \"service-name\", \"type\": \"text\", \"value\": \"meter\"}]'");
@@ -285,6 +293,7 @@ TEST(OrvoCtlServices, ListAndInfoByNameAndAddress)
 
     struct { std::string args; std::string message; } failures[] = {
         {"send nosuch 0x7006 --wait --scm " + scmAddr, "unknown service 'nosuch'"},
+        {"config nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
         {"list --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
         {"info nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
         {"info meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
@@ -368,6 +377,9 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"info", 2},
         {"list extra", 2},
         {"send", 2},
+        {"config", 2},
+        {"config a b c", 2},
+        {"config --help", 0},
         {"send x", 2},
         {"send x y", 2},
         {"send x 1 --bogus", 2},
