@@ -1,7 +1,8 @@
 # Thin wrapper over CMake. `make demo` builds the library and runs the record
 # tour example; `make test` installs what is missing and runs the whole suite
-# on the host, under AddressSanitizer + UndefinedBehaviorSanitizer and on
-# 32-bit ARM (qemu), then the install test and a short run of every fuzzer.
+# on the host (with the epoll and with the select wait), under AddressSanitizer
+# + UndefinedBehaviorSanitizer and on 32-bit ARM (qemu), then the install test
+# and a short run of every fuzzer.
 
 SHELL := /bin/bash
 JOBS ?= 2
@@ -25,13 +26,14 @@ FUZZ_SECONDS ?= 60
 HOST_DIR := $(BUILD)/host
 ASAN_DIR := $(BUILD)/asan
 TSAN_DIR := $(BUILD)/tsan
+SELECT_DIR := $(BUILD)/host-select
 ARM_DIR := $(BUILD)/arm
 FUZZ_DIR := $(BUILD)/fuzz
 BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
-.PHONY: all deps build demo test host-test install-test asan-build asan-test tsan-build tsan-test \
-        arm-sysroot arm-build arm-test fuzz-build fuzz bench-build bench-smoke bench install clean
+.PHONY: all deps build demo test host-test select-build select-test install-test asan-build asan-test tsan-build tsan-test \
+        arm-sysroot arm-build arm-test deb deb-amd64 deb-armhf deb-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench install clean
 
 all: build
 
@@ -55,6 +57,16 @@ test: deps
 host-test: build
 	cd $(HOST_DIR) && $(CTEST_RUN) -E '^install_test$$'
 
+# The host suite again with the service loops waiting in select() instead of
+# epoll (-DORVO_SELECT_WAIT=ON): both waits keep the same behaviour.
+select-build:
+	$(CMAKE) -S . -B $(SELECT_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_SANITIZE=OFF \
+	    -DORVO_SELECT_WAIT=ON
+	$(CMAKE) --build $(SELECT_DIR) -j$(JOBS)
+
+select-test: select-build
+	cd $(SELECT_DIR) && $(CTEST_RUN) -E '^install_test$$'
+
 install-test: build
 	cd $(HOST_DIR) && $(CTEST_RUN) -R '^install_test$$'
 
@@ -67,7 +79,7 @@ asan-test: asan-build
 
 # The tests whose code runs on several threads, built with ThreadSanitizer;
 # any report fails.
-TSAN_TESTS := ^(thread|msgthread|service|service_ipc|socket|msgsocket|timer|stress|scm|sharedmem|tls|uart)_test
+TSAN_TESTS := ^(thread|msgthread|service|service_ipc|socket|msgsocket|timer|stress|scm|sharedmem|tls|uart|wan)_test
 
 tsan-build:
 	$(CMAKE) -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_TSAN=ON \
@@ -98,6 +110,13 @@ fuzz-build:
 fuzz: fuzz-build
 	scripts/run-fuzz.sh $(FUZZ_DIR) $(FUZZ_SECONDS)
 
+# Long runs on the corpus kept in fuzz/corpus (grown and minimised; see
+# fuzz/README.md). Not part of make test.
+FUZZ_LONG_SECONDS ?= 600
+FUZZ_TARGETS ?=
+fuzz-long: fuzz-build
+	scripts/fuzz-long.sh $(FUZZ_DIR) $(FUZZ_LONG_SECONDS) $(FUZZ_TARGETS)
+
 bench-build:
 	$(CMAKE) -S . -B $(BENCH_DIR) -DCMAKE_BUILD_TYPE=Release \
 	    -DORVO_BUILD_BENCH=ON -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
@@ -108,10 +127,12 @@ bench-build:
 bench-smoke: bench-build
 	$(BENCH_DIR)/bench/record_bench --benchmark_min_time=0.01 --benchmark_repetitions=1
 	$(BENCH_DIR)/bench/ipc_bench --rr=1000 --oneway=20000
+	$(BENCH_DIR)/bench/loop_bench --rr=200 --rounds=1
 	$(BENCH_DIR)/bench/tls_bench --bytes=2000000 --handshakes=20 --seconds=1
 	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
 	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1
 	$(BENCH_DIR)/bench/crypto_bench --seconds=0.2 --rounds=1
+	$(BENCH_DIR)/bench/wan_bench --mb=20 --rounds=1 --starts=5 --pings=200
 
 bench: deps bench-build
 	@found=0; for b in $(BENCH_DIR)/bench/*_bench; do \
@@ -129,6 +150,53 @@ bench: deps bench-build
 STRIP ?= 1
 install: build
 	$(CMAKE) --install $(HOST_DIR) --prefix $(PREFIX) $(if $(filter 0,$(STRIP)),,--strip)
+
+# Debian packages for amd64 and armhf (liborvo3, liborvo-dev, orvo-tools of
+# each) in $(BUILD)/deb. The armhf library is built as a device ships it:
+# -Os with every function and object in its own section, unused ones dropped
+# by the linker, optimised for size across the whole library at link time,
+# stripped in the package (sizes in bench/README.md).
+DEB_AMD64_DIR := $(BUILD)/deb-amd64
+DEB_ARMHF_DIR := $(BUILD)/deb-armhf
+DEB_OUT := $(BUILD)/deb
+ARM_STRIP := arm-linux-gnueabihf-strip
+DEVICE_FLAGS := -Os -DNDEBUG -ffunction-sections -fdata-sections
+DEB_COMMON := -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_SKIP_INSTALL_RPATH=ON \
+    -DORVO_BUILD_TESTS=OFF -DORVO_BUILD_EXAMPLES=OFF
+
+deb-amd64:
+	$(CMAKE) -S . -B $(DEB_AMD64_DIR) -DCMAKE_BUILD_TYPE=Release $(DEB_COMMON)
+	$(CMAKE) --build $(DEB_AMD64_DIR) -j$(JOBS)
+	rm -f $(DEB_AMD64_DIR)/*.deb $(DEB_OUT)/*_amd64.deb
+	cd $(DEB_AMD64_DIR) && cpack -G DEB
+	mkdir -p $(DEB_OUT) && cp $(DEB_AMD64_DIR)/*.deb $(DEB_OUT)/
+
+# nlohmann-json is headers only: the armhf tools take the host's copy from a
+# directory of its own, so no other host header enters the cross build.
+deb-armhf: arm-sysroot
+	mkdir -p $(DEB_ARMHF_DIR)/json-include
+	ln -sfn /usr/include/nlohmann $(DEB_ARMHF_DIR)/json-include/nlohmann
+	$(CMAKE) -S . -B $(DEB_ARMHF_DIR) -DCMAKE_BUILD_TYPE=Release $(DEB_COMMON) \
+	    -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/arm-linux-gnueabihf.cmake \
+	    -DORVO_ARM_SYSROOT=$(ARM_SYSROOT) -DCMAKE_INSTALL_LIBDIR=lib/arm-linux-gnueabihf \
+	    -DCMAKE_INTERPROCEDURAL_OPTIMIZATION=ON \
+	    -DORVO_NLOHMANN_JSON_DIR=$(CURDIR)/$(DEB_ARMHF_DIR)/json-include \
+	    "-DCMAKE_C_FLAGS_RELEASE=$(DEVICE_FLAGS)" "-DCMAKE_CXX_FLAGS_RELEASE=$(DEVICE_FLAGS)" \
+	    -DCMAKE_SHARED_LINKER_FLAGS_RELEASE=-Wl,--gc-sections -DCMAKE_EXE_LINKER_FLAGS_RELEASE=-Wl,--gc-sections
+	$(CMAKE) --build $(DEB_ARMHF_DIR) -j$(JOBS)
+	rm -f $(DEB_ARMHF_DIR)/*.deb $(DEB_OUT)/*_armhf.deb
+	cd $(DEB_ARMHF_DIR) && cpack -G DEB
+	mkdir -p $(DEB_OUT) && cp $(DEB_ARMHF_DIR)/*.deb $(DEB_OUT)/
+	@$(ARM_STRIP) -o $(DEB_ARMHF_DIR)/liborvo.stripped $$(find $(DEB_ARMHF_DIR) -maxdepth 1 -name 'liborvo.so.3.*' -type f) \
+	    && echo "deb-armhf: stripped liborvo.so.3 is $$(stat -c %s $(DEB_ARMHF_DIR)/liborvo.stripped) bytes"
+
+deb: deb-amd64 deb-armhf
+	@ls -l $(DEB_OUT)/*.deb
+
+# Installs the amd64 packages into this machine (root), checks them, and
+# purges them again; see tests/deb_test.sh.
+deb-test: deb
+	tests/deb_test.sh $(DEB_OUT) $(CURDIR)
 
 clean:
 	rm -rf $(BUILD)

@@ -150,12 +150,6 @@ public:
     // only the local state changes.
     void UpdateSelect();
 
-    // Asks for write readiness from any thread. On the loop thread (or
-    // before the service's loop first ran) this is UpdateSelect(); on
-    // another thread it sets write pending, adds write readiness to the
-    // channel's registration and, with wakeLoop, wakes the loop so its next
-    // select sees it. The rest of the channel's state stays the loop's.
-    void WantWriteReady(bool wakeLoop = true);
 
     // Calls rawRead.
     int Read(void* buffer, int size);
@@ -201,6 +195,12 @@ public:
     uint32_t GetHandle() const { return m_Handle; }
 
 protected:
+    // Asks for write readiness from any thread. On the loop thread (or
+    // before the service's loop first ran) this is UpdateSelect(); on
+    // another thread it sets write pending, adds write readiness to the
+    // channel's registration and, with wakeLoop, wakes the loop so its next
+    // select sees it. The rest of the channel's state stays the loop's.
+    void WantWriteReady(bool wakeLoop = true);
     // For rawRead implementations: the 0 about to be returned means "call
     // again later", not end of stream (a TLS read that needs more input).
     void SetReadRetry() { m_bReadRetry = 1; }

@@ -59,16 +59,23 @@ struct sPeerInfo {
 // built-in units "orvo" (UnitORVO) and "default" (UnitDefault), seeds rand(),
 // sets up the services' global state, sets UnitORVO's level and output,
 // stores the "trace" sub-record (log-scm = true and each unit's trace-level)
-// and initialises libcurl. With resolveHw the MAC of the first of eth0..eth3
+// and initialises libcurl when the transfer library (liborvo-wan) is part of
+// the process (a process without it never loads libcurl; the transfer
+// library also starts libcurl by itself before its first transfer). With resolveHw the MAC of the first of eth0..eth3
 // that answers becomes the node address of new uuids; when none answers
 // UnitORVO traces "Can't resolved ifconfig from eth3" at ERROR. Always true.
 ORVO_API bool orvoInit(eLEVEL level, eOUTPUT output, bool resolveHw);
 
 // Tear-down: closes the shared-memory cells, clears the trace units and the
 // trace-channel list, releases the message-type texts, deletes the
-// configuration and ends libcurl. Then sleeps one second so that output
+// configuration and ends libcurl (when the transfer library started it). Then sleeps one second so that output
 // still in flight drains. Always true.
 ORVO_API bool orvoDeinit();
+
+// Used by the transfer library (liborvo-wan) when it is loaded: the
+// functions orvoInit and orvoDeinit call to start and end libcurl (null:
+// none). Programs do not call it.
+ORVO_API void orvoSetTransferHooks(void (*init)(), void (*deinit)());
 
 // Reads the command line into the configuration:
 //  - the executable name becomes argv[0]'s last path component, cut at its

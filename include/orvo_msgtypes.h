@@ -51,6 +51,10 @@ enum eMsgType : unsigned long {
     MSG_PROCESS_STARTED = 0x8001,
     MSG_PROCESS_ENDED = 0x8002,
 
+    // WAN transfers (orvo_wan.h)
+    MSG_WAN_PROGRESS = 0x9000,
+    MSG_WAN_DONE = 0x9001,
+
     // SCM protocol
     MSG_SCM_REGISTER = 0x10000,
     MSG_SCM_REGISTER_ACK = 0x10001,

@@ -30,8 +30,9 @@
 //
 // Thread safety: a service is used only by the thread that runs its loop,
 // except SendToInternal, which any thread may call to post into another
-// service (the send path is locked per sending service), AddWriteInterest
-// (senders of other threads), and the static stop-flag functions. No library
+// service (the send path is locked per sending service), the write interest
+// a framed socket's sender of another thread adds through its channel, and
+// the static stop-flag functions. No library
 // lock is held while a handler runs or a channel sends; the locks, their
 // order and the re-entrancy rules are described in docs/architecture.md.
 #pragma once
@@ -42,6 +43,7 @@
 #include <cstdint>
 #include <deque>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -63,6 +65,7 @@ class cMsgTcpSocket;
 class cMsgUdpSocket;
 template <class T> class cTcpServer;
 class cService;
+class cKernelWait;
 
 // Direction of a snoop report: 1 for messages received (handed out by
 // GetMessage, delivered to a state machine), 0 for messages sent.
@@ -165,23 +168,6 @@ public:
     int ChannelAsyncSelect(cChannel* channel, int events, void* ctx);
     // The events currently registered for fd (0 when none).
     int GetSelectEvents(int fd) const;
-    // True when fd is registered for channel with exactly events (and no
-    // context), so that registering it again would change nothing. Any
-    // thread, without the table lock: channels use it to skip the
-    // re-registration after each read.
-    bool IsRegisteredAs(int fd, const cChannel* channel, int events) const
-    {
-        return fd >= 0 && fd < kMaxSelect && (events & ~3) == 0 &&   // read and write only
-               m_RegisteredAs[fd].load(std::memory_order_relaxed) ==
-                   (reinterpret_cast<uintptr_t>(channel) | static_cast<uintptr_t>(events));
-    }
-    // Drops every entry that names channel, whatever its descriptor; a
-    // channel's destructor calls it so the loop never sees it again.
-    void ForgetChannel(cChannel* channel);
-    // Any thread: adds write readiness to channel's registration (when it
-    // is registered) and, with wakeLoop, wakes the loops so the next select
-    // sees it. Senders of other threads use it (cChannel::WantWriteReady).
-    void AddWriteInterest(cChannel* channel, bool wakeLoop);
     // True on the thread that last ran this service's loop, and before any
     // thread ran it.
     bool IsLoopThread() const;
@@ -281,6 +267,27 @@ protected:
     void SetThreadService(bool on) { m_bThreadService = on; }
 
 private:
+    // Channels keep their registration in step through these (cChannel
+    // only; not part of the API).
+    friend class cChannel;
+    // True when fd is registered for channel with exactly events (and no
+    // context), so that registering it again would change nothing. Any
+    // thread, without the table lock: channels use it to skip the
+    // re-registration after each read.
+    bool IsRegisteredAs(int fd, const cChannel* channel, int events) const
+    {
+        return fd >= 0 && fd < kMaxSelect && (events & ~3) == 0 &&   // read and write only
+               m_RegisteredAs[fd].load(std::memory_order_relaxed) ==
+                   (reinterpret_cast<uintptr_t>(channel) | static_cast<uintptr_t>(events));
+    }
+    // Drops every entry that names channel, whatever its descriptor; a
+    // channel's destructor calls it so the loop never sees it again.
+    void ForgetChannel(cChannel* channel);
+    // Any thread: adds write readiness to channel's registration (when it
+    // is registered) and, with wakeLoop, wakes the loops so the next select
+    // sees it. Senders of other threads use it (cChannel::WantWriteReady).
+    void AddWriteInterest(cChannel* channel, bool wakeLoop);
+
     struct sSelectEntry {
         int fd;                  // the descriptor
         cChannel* channel;       // null: free entry
@@ -293,27 +300,22 @@ private:
         uint32_t wait;           // non-zero: the WaitSyncMsg time-out of that number
     };
 
-    // One pass of ScheduleSelect: the sets select worked on, the
-    // registration number at its start and errno after it.
-    // Only the words of the sets up to the one holding descriptor top are
-    // copied (and meaningful); select reads no further.
+    // One pass of ScheduleSelect: the registration number at its start and
+    // errno after the wait.
     struct sSelectPass {
-        fd_set read, write, except;
-        int top;
         uint32_t seq;
         int error;
     };
-    // Copies the sets and waits in select (the wake-up descriptor included)
-    // with the nearest timer as time-out; select's result without the
-    // wake-up descriptor.
+    // Brings the kernel's interest in step with the table and waits (the
+    // wake-up descriptor included) with the nearest timer as time-out; the
+    // number of ready descriptors of the table, or -1.
     int WaitForEvents(sSelectPass& pass);
-    // Hands the ready descriptors of the pass to their channels.
-    void DispatchReady(sSelectPass& pass, int ready);
-    // The same when select reported one descriptor in one set.
-    void DispatchOne(sSelectPass& pass);
-    // Hands fd's readiness in pass to channel, or drops fd's entry when the
-    // channel has moved to another descriptor.
-    void HandOn(cChannel* channel, int fd, const sSelectPass& pass);
+    // Hands the ready descriptors of the pass to their channels, in table
+    // order.
+    void DispatchReady(const sSelectPass& pass);
+    // Hands events to channel, or drops fd's entry when the channel has
+    // moved to another descriptor.
+    void HandOn(cChannel* channel, int fd, int events);
     // Runs the handlers of the pending signals; true when any was pending.
     bool RunSignalHandlers();
     // A failed select: trace, full unregistration on EBADF, 0x1003.
@@ -380,6 +382,8 @@ private:
     mutable std::mutex m_TableLock;
     uint32_t m_SelectSeq;                    // last registration number given
     std::atomic<pid_t> m_LoopThread{0};      // thread that runs the loop; 0 before the first pass
+    // The kernel side of the wait (epoll, or select in a select build).
+    std::unique_ptr<cKernelWait> m_pWait;
     uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
     std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
 

@@ -2,7 +2,7 @@
 # Runs every libFuzzer target of a fuzz build for a fixed time each.
 #   scripts/run-fuzz.sh BUILD_DIR SECONDS
 # The corpus grows in BUILD_DIR/corpus/<target>; seeds from fuzz/seeds/<target>/
-# are read as well. A crash, a leak, a sanitizer report or an input that runs
+# and the kept corpus fuzz/corpus/<target>/ are read as well. A crash, a leak, a sanitizer report or an input that runs
 # longer than 10 s fails the run; the input is kept in BUILD_DIR/artifacts/.
 set -uo pipefail
 
@@ -26,6 +26,10 @@ for exe in "${targets[@]}"; do
     dirs=("$corpus")
     if [ -d "$root/fuzz/seeds/$name" ]; then
         dirs+=("$root/fuzz/seeds/$name")
+    fi
+    # The corpus long runs keep in the tree (read, never written here).
+    if [ -d "$root/fuzz/corpus/$name" ]; then
+        dirs+=("$root/fuzz/corpus/$name")
     fi
     log="$build/logs/$name.log"
     echo "fuzz: $name for ${seconds}s"

@@ -47,12 +47,15 @@ stage() {
 
 total_start=$SECONDS
 stage host host-test
+stage select select-test
 stage install install-test
 stage asan asan-test
 stage tsan tsan-test
 stage arm arm-test
 stage fuzz fuzz FUZZ_SECONDS="$fuzz_seconds"
 stage bench bench-smoke
+# Last: it installs the packages into /usr for a while (and purges them).
+stage deb deb-test
 
 passed=0
 failed=0

@@ -16,11 +16,11 @@ namespace blockfile_io {
 // pwrite(fd, data, len, pos) by default. A test installs its own before it
 // opens a file and puts the null pointer back afterwards.
 using tWrite = ssize_t (*)(int fd, const void* data, size_t len, off_t pos);
-ORVO_API extern tWrite Write;
+extern tWrite Write;
 
 // Open maps files up to this size to read their chain, and reads larger ones
 // through a window. Tests set 0 to take the window path.
-ORVO_API extern unsigned long long MapLimit;
+extern unsigned long long MapLimit;
 
 }  // namespace blockfile_io
 }  // namespace orvo

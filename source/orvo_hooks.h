@@ -32,25 +32,33 @@ namespace hooks {
 // (null: none). Fills id with its uuid and name with its object name and
 // returns true; returning false also means "no main service".
 using tMainServiceInfo = bool (*)(cUuid& id, std::string& name);
-ORVO_API extern tMainServiceInfo MainServiceInfo;
+extern tMainServiceInfo MainServiceInfo;
 
 // Hands msg to the main service's own handler:
 // cService::SendToInternal(main, main, msg). Null: no main service, the
 // message of an OUTPUT_SERVICE unit is dropped.
 using tMainServiceSend = void (*)(cMsg& msg);
-ORVO_API extern tMainServiceSend MainServiceSend;
+extern tMainServiceSend MainServiceSend;
 
 // Sends a trace message on a registered trace channel: sets the channel's
 // per-send flag (the one its constructor sets to 1) to 0, then calls the
 // channel's virtual Send(msg). The result is returned but not used. Null:
 // registered channels receive nothing.
 using tTraceChannelSend = int (*)(cChannel* ch, cMsg& msg);
-ORVO_API extern tTraceChannelSend TraceChannelSend;
+extern tTraceChannelSend TraceChannelSend;
 
 // cService::InitGlobal(): the services' process-wide signal handling, called
 // by orvoInit. Null: nothing to set up yet.
 using tServiceInitGlobal = void (*)();
-ORVO_API extern tServiceInitGlobal ServiceInitGlobal;
+extern tServiceInitGlobal ServiceInitGlobal;
+
+// libcurl's process-wide start-up and end, for orvoInit and orvoDeinit.
+// Installed by the transfer library (liborvo-wan) through
+// orvoSetTransferHooks when it is loaded; null: no transfer code in the
+// process, so libcurl is neither loaded nor started.
+using tWanGlobal = void (*)();
+extern tWanGlobal WanInit;
+extern tWanGlobal WanDeinit;
 
 }  // namespace hooks
 }  // namespace orvo

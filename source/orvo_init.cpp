@@ -1,7 +1,6 @@
 #define ORVO_SOURCE "orvo_init"
 #include "orvo_init.h"
 
-#include <curl/curl.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
@@ -23,6 +22,8 @@ namespace orvo {
 
 namespace hooks {
 tServiceInitGlobal ServiceInitGlobal = nullptr;
+tWanGlobal WanInit = nullptr;
+tWanGlobal WanDeinit = nullptr;
 }  // namespace hooks
 
 namespace {
@@ -39,16 +40,29 @@ std::string& ExeName()
 
 const int kArgFlags = 32;   // marks values from defaults or the command line
 
-// libcurl's process-wide state, shared with the web transfer code.
+// libcurl's process-wide state lives in the transfer library: only a
+// process that loaded it starts and ends libcurl.
 void curlInit()
 {
-    curl_global_init(CURL_GLOBAL_ALL);
+    if (hooks::WanInit)
+        hooks::WanInit();
 }
 
 void curlDeinit()
 {
-    curl_global_cleanup();
+    if (hooks::WanDeinit)
+        hooks::WanDeinit();
 }
+
+}  // namespace
+
+void orvoSetTransferHooks(void (*init)(), void (*deinit)())
+{
+    hooks::WanInit = init;
+    hooks::WanDeinit = deinit;
+}
+
+namespace {
 
 bool IsEndRow(const tArg& row)
 {

@@ -4,6 +4,7 @@
 // only; the queue, the service's own sockets and the control messages are
 // in orvo_service.cpp.
 #include "orvo_selectloop.h"
+#include "orvo_kernelwait.h"
 #include "orvo_threadid.h"
 
 #include <fcntl.h>
@@ -56,8 +57,11 @@ std::atomic<int> gWakeFd(-1);
 
 // A forked child would share the counter with its parent, and either could
 // swallow the other's wake-up; the child gets its own at the same number.
+std::atomic<unsigned> gForkGeneration(0);
+
 void RenewWakeFdInChild()
 {
+    gForkGeneration.fetch_add(1);
     const int old = gWakeFd.load();
     if (old < 0)
         return;
@@ -132,6 +136,11 @@ void Wake()
     WakeAll();
 }
 
+unsigned ForkGeneration()
+{
+    return gForkGeneration.load(std::memory_order_relaxed);
+}
+
 void ClearSignalTable()
 {
     for (int i = 0; i <= 65; ++i) {
@@ -194,6 +203,8 @@ void cService::EmptySelectTable()
     std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
     for (std::atomic<uintptr_t>& as : m_RegisteredAs)
         as.store(0, std::memory_order_relaxed);
+    if (m_pWait)
+        m_pWait->Reset();
 }
 
 static_assert(alignof(cChannel) >= 4, "m_RegisteredAs keeps two event bits in a channel's address");
@@ -264,14 +275,18 @@ ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx
     // the caller computed events; its request must not be lost here.
     if (reg && channel->GetFd() == fd && channel->IsWritePending())
         events |= SELECT_WRITE;
+    const int before = GetEventsLocked(fd);
     if (merge && index >= 0 && m_Select[index].channel == channel)
-        events |= GetEventsLocked(fd);
+        events |= before;
+    bool newOwner = false;
     if (reg) {
         sSelectEntry& e = m_Select[index];
         // A new owner of the entry: the pass that is running must not hand
         // it readiness that was seen for the previous owner.
-        if (e.channel != channel || e.fd != fd)
+        if (e.channel != channel || e.fd != fd) {
             e.seq = ++m_SelectSeq;
+            newOwner = true;
+        }
         e.fd = fd;
         e.channel = channel;
         e.ctx = ctx;
@@ -296,6 +311,9 @@ ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx
     else
         FD_CLR(fd, &m_ExceptSet);
     MirrorLocked(fd);
+    // The kernel learns of it at the start of the next pass.
+    if (newOwner || GetEventsLocked(fd) != before)
+        m_pWait->MarkDirty(fd, newOwner);
     return 1;
 }
 
@@ -353,6 +371,7 @@ void cService::ForgetChannel(cChannel* channel)
             FD_CLR(fd, &m_WriteSet);
             FD_CLR(fd, &m_ExceptSet);
             MirrorLocked(fd);
+            m_pWait->MarkDirty(fd, false);
         }
     }
 }
@@ -432,7 +451,7 @@ ORVO_HOT void cService::ScheduleSelect()
     sSelectPass pass;
     const int result = WaitForEvents(pass);
     if (result > 0)
-        DispatchReady(pass, result);
+        DispatchReady(pass);
     ScanTimers();
     // Interrupted by a signal of the table: its handlers ran, no error. Any
     // other failure, EINTR from a foreign signal included, is reported.
@@ -443,25 +462,6 @@ ORVO_HOT void cService::ScheduleSelect()
 }
 
 namespace {
-
-// Copies the words of a set that hold descriptors 0 to top. The first word
-// is copied on its own: a service rarely has descriptors above 63 (31 on
-// 32-bit targets), and a loop alone would become a library call.
-// Returns whether any descriptor is in the set.
-inline bool CopyWords(fd_set& to, const fd_set& from, int top)
-{
-    __fd_mask any = __FDS_BITS(&to)[0] = __FDS_BITS(&from)[0];
-    for (int w = 1; w <= top / NFDBITS; ++w)
-        any |= __FDS_BITS(&to)[w] = __FDS_BITS(&from)[w];
-    return any != 0;
-}
-
-inline void ZeroWords(fd_set& set, int top)
-{
-    __FDS_BITS(&set)[0] = 0;
-    for (int w = 1; w <= top / NFDBITS; ++w)
-        __FDS_BITS(&set)[w] = 0;
-}
 
 // The table lock on the loop's per-pass path, skipped while the process
 // has a single thread: then nobody else can change the table, and the two
@@ -494,135 +494,84 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
     // While the process is stopping it stays readable (every loop must see
     // the stop), so a wait that starts after the stop leaves it out.
     const int wake = gStop.load() ? -1 : gWakeFd.load();
-    int highest;
     int count;
-    bool waitWrite = false;
-    bool waitExcept = false;
+    bool synced;
     {
         cPassLock lock(m_TableLock);
-        highest = m_SelectHighest;
         count = m_SelectCount;
         pass.seq = m_SelectSeq;
-        if (count == 0)
-            highest = -1;
-        pass.top = std::max(std::max(highest, wake), 0);
-        if (count == 0) {
-            ZeroWords(pass.read, pass.top);
-            ZeroWords(pass.write, pass.top);
-            ZeroWords(pass.except, pass.top);
-        } else {
-            CopyWords(pass.read, m_ReadSet, pass.top);
-            waitWrite = CopyWords(pass.write, m_WriteSet, pass.top);
-            waitExcept = CopyWords(pass.except, m_ExceptSet, pass.top);
-        }
+        const cKernelWait::sTable table{&m_ReadSet, &m_WriteSet, &m_ExceptSet,
+                                        count == 0 ? -1 : m_SelectHighest};
+        synced = m_pWait->Sync(table, wake);
+    }
+    if (!synced) {
+        // A registered descriptor is no longer open (or the kernel refused
+        // the wait): the same failure as a select that found it.
+        pass.error = errno;
+        return -1;
     }
     // A signal already marked (its wake-up may have been drained by another
     // loop) is handled without waiting.
     const unsigned long idle = mHasSignal.load() ? 0 : ScheduleGetIdleTimeMs();
-    struct timeval tv;
-    tv.tv_sec = static_cast<time_t>(idle / 1000);
-    tv.tv_usec = static_cast<suseconds_t>((idle % 1000) * 1000);
-
-    if (wake >= 0)
-        FD_SET(wake, &pass.read);
-
-    // An empty set is passed as none: the kernel then neither copies it in
-    // nor back, which is measurable on a loop that passes a message at a time.
-    int result = ::select(std::max(highest, wake) + 1, &pass.read, waitWrite ? &pass.write : nullptr,
-                          waitExcept ? &pass.except : nullptr, &tv);
+    bool wokeUp = false;
+    int result = m_pWait->Wait(idle, wake, wokeUp);
     pass.error = errno;
 
     if (m_bTimeStamp)
         m_LastSelected.Now(true);
 
-    if (result > 0 && wake >= 0 && FD_ISSET(wake, &pass.read)) {
-        if (!gStop.load())
-            DrainWake();
-        FD_CLR(wake, &pass.read);
-        --result;
-    }
+    if (wokeUp && !gStop.load())
+        DrainWake();
     if (count == 0 && result > 0)
         result = 0;
     return result;
 }
 
-ORVO_HOT void cService::DispatchReady(sSelectPass& pass, int ready)
+ORVO_HOT void cService::DispatchReady(const sSelectPass& pass)
 {
-    if (ready == 1) {
-        DispatchOne(pass);
-        return;
-    }
-    // The table lock is held while looking for ready entries and given up
-    // around each handler (handlers register and unregister). The count is
-    // re-read on every step: handlers may register more. The walk ends once
-    // every descriptor select reported has been handed on.
-    int pending = ready;
-    std::unique_lock<std::mutex> lock(m_TableLock);
-    for (int i = 0; pending > 0 && i < m_SelectCount; ++i) {
-        const sSelectEntry& entry = m_Select[i];
-        // Registered after the select started: its descriptor's state in
-        // the copied sets belonged to someone else (and a descriptor above
-        // the copied words was not waited for).
-        if (entry.channel == nullptr || entry.seq > pass.seq || entry.fd > pass.top)
-            continue;
-        const int fd = entry.fd;
-        const bool readable = FD_ISSET(fd, &pass.read);
-        const bool writable = FD_ISSET(fd, &pass.write);
-        const bool exceptional = FD_ISSET(fd, &pass.except);
-        if (!readable && !writable && !exceptional)
-            continue;
-        // Each set counts once in select's result; a descriptor is handed on
-        // once.
-        pending -= int(readable) + int(writable) + int(exceptional);
-        cChannel* channel = entry.channel;
-        lock.unlock();
-        HandOn(channel, fd, pass);
-        FD_CLR(fd, &pass.read);
-        FD_CLR(fd, &pass.write);
-        FD_CLR(fd, &pass.except);
-        // After the last ready descriptor the walk is over: no lock round
-        // just to find that out (one per message on a busy connection).
-        if (pending == 0)
-            return;
-        lock.lock();
-    }
-}
-
-ORVO_HOT void cService::DispatchOne(sSelectPass& pass)
-{
-    // One descriptor in one set: the entry walk would find exactly the
-    // entry of that descriptor, so look it up directly.
-    int fd = -1;
-    for (int w = 0; w <= pass.top / NFDBITS; ++w) {
-        const unsigned long bits = static_cast<unsigned long>(__FDS_BITS(&pass.read)[w] |
-                                                              __FDS_BITS(&pass.write)[w] |
-                                                              __FDS_BITS(&pass.except)[w]);
-        if (bits != 0) {
-            fd = w * NFDBITS + __builtin_ctzl(bits);
-            break;
-        }
-    }
-    if (fd < 0)
-        return;
-    cChannel* channel;
+    // Ready descriptors go to their channels in table order, whatever order
+    // the kernel reported them in. Handlers may register, unregister and
+    // close: each entry is looked at again just before its hand-on, and one
+    // that changed owner since the wait began (a newer registration number)
+    // gets nothing.
+    // The list is taken out of the kernel wait for the walk: a handler that
+    // waits (WaitSyncMsg) runs passes of its own, which refill the wait's.
+    std::vector<cKernelWait::sReady> ready;
+    ready.swap(m_pWait->Ready());
     {
         cPassLock lock(m_TableLock);
-        const int index = m_SlotOfFd[fd];
-        if (index < 0 || index >= m_SelectCount)
-            return;
-        const sSelectEntry& entry = m_Select[index];
-        if (entry.fd != fd || entry.channel == nullptr || entry.seq > pass.seq)
-            return;
-        channel = entry.channel;
+        for (cKernelWait::sReady& r : ready)
+            r.index = m_SlotOfFd[r.fd];
     }
-    HandOn(channel, fd, pass);
+    if (ready.size() > 1)
+        std::sort(ready.begin(), ready.end(),
+                  [](const cKernelWait::sReady& a, const cKernelWait::sReady& b) {
+                      return a.index < b.index;
+                  });
+    for (const cKernelWait::sReady& r : ready) {
+        if (r.index < 0)
+            continue;
+        cChannel* channel;
+        {
+            cPassLock lock(m_TableLock);
+            const sSelectEntry& entry = m_Select[r.index];
+            if (r.index >= m_SelectCount || entry.fd != r.fd || entry.channel == nullptr ||
+                entry.seq > pass.seq)
+                continue;
+            channel = entry.channel;
+        }
+        HandOn(channel, r.fd, r.events);
+    }
+    // Its storage goes back, so the next pass allocates nothing.
+    ready.clear();
+    m_pWait->Ready().swap(ready);
 }
 
-ORVO_HOT void cService::HandOn(cChannel* channel, int fd, const sSelectPass& pass)
+ORVO_HOT void cService::HandOn(cChannel* channel, int fd, int events)
 {
+    // Exception readiness alone still reaches the channel, as OnSelect(0).
     if (channel->GetFd() == fd)
-        channel->OnSelect((FD_ISSET(fd, &pass.read) ? SELECT_READ : 0) |
-                          (FD_ISSET(fd, &pass.write) ? SELECT_WRITE : 0));
+        channel->OnSelect(events & (SELECT_READ | SELECT_WRITE));
     else
         ChannelAsyncSelect(fd, 0, nullptr, nullptr);
 }

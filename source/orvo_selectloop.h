@@ -13,6 +13,9 @@ namespace loop {
 void EnsureWakeFd();
 // Makes every loop's select return.
 void Wake();
+// Counts the forks this process came out of (as a child); a loop that sees
+// it change makes its own kernel wait instead of sharing its parent's.
+unsigned ForkGeneration();
 // Forgets every signal handler and pending mark.
 void ClearSignalTable();
 

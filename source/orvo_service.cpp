@@ -28,6 +28,7 @@
 #include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_selectloop.h"
+#include "orvo_kernelwait.h"
 #include "orvo_snoop.h"
 #include "orvo_socket.h"
 #include "orvo_statem.h"
@@ -171,7 +172,8 @@ cService::cService()
       m_TimelostMs(8000),
       m_QueueLimit(200),
       m_pSendLock(new cCriticalSection()),
-      m_SelectSeq(0)
+      m_SelectSeq(0),
+      m_pWait(new cKernelWait())
 {
     ClearSelectTable();
     // Senders of other threads wake the loop through it, Init or not.
@@ -469,6 +471,28 @@ ORVO_HOT bool cService::PreDispatchMessage(cMsg& msg)
     }
 }
 
+namespace {
+
+// A name that is no unit gets an empty map entry, which listings skip, but
+// only up to this many empty entries: a peer that sends made-up names must
+// not grow the map (and every later walk of it) without end.
+constexpr size_t kMaxEmptyUnitEntries = 256;
+
+cUnit* UnitForTraceOn(const std::string& name)
+{
+    auto it = mUnits->find(name);
+    if (it != mUnits->end())
+        return it->second;
+    size_t empty = 0;
+    for (const auto& entry : *mUnits)
+        empty += entry.second == nullptr;
+    if (empty < kMaxEmptyUnitEntries)
+        mUnits->emplace(name, nullptr);
+    return nullptr;
+}
+
+}  // namespace
+
 void cService::OnTraceOn(cMsg& msg)
 {
     cRecord units;
@@ -482,8 +506,7 @@ void cService::OnTraceOn(cMsg& msg)
             cRecordPar level = entry.GetFirstPar("level");
             if (!name.IsValid() || !level.IsValid())
                 continue;
-            // An unknown name gets an empty map entry, which listings skip.
-            SetTraceLevel((*mUnits)[name.GetString()], level.GetString());
+            SetTraceLevel(UnitForTraceOn(name.GetString()), level.GetString());
         }
     }
     if (msg.GetChannel() != nullptr)

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,10 +23,6 @@
 namespace orvo {
 
 namespace {
-
-// How long a TLS write may wait for the peer to take data before the
-// connection is given up (the loop is blocked meanwhile).
-const int kTlsWriteWaitMs = 5000;
 
 // OpenSSL's reason text of the most recent queued error (the queue is
 // emptied), or strerror of errno after a system call failure; "" when
@@ -401,30 +396,19 @@ ORVO_HOT int cTcpSocket::rawWrite(const void* data, int size)
     if (m_pSsl != nullptr) {
         if (size <= 0)
             return 0;
-        uint64_t waited = 0;
-        for (;;) {
-            result = SSL_write(m_pSsl, data, size);
-            if (result > 0)
-                break;
-            int err = SSL_get_error(m_pSsl, result);
-            if (err == SSL_ERROR_WANT_WRITE && waited < static_cast<uint64_t>(kTlsWriteWaitMs)) {
-                // The record must be retried with the same bytes; wait for
-                // room rather than spinning, but not for ever.
-                pollfd p = {m_fd, POLLOUT, 0};
-                ::poll(&p, 1, 10);
-                waited += 10;
-                continue;
-            }
-            if (err == SSL_ERROR_WANT_WRITE) {
-                ORVO_TRACE(UnitORVO, ERROR,
-                           FormatString("cTcpSocket: TLS peer %s takes no data, connection closed",
-                                        m_RemoteAddr.ToString().c_str()));
-                SetWriteFailed();
-                errno = ETIMEDOUT;
+        result = SSL_write(m_pSsl, data, size);
+        if (result <= 0) {
+            const int err = SSL_get_error(m_pSsl, result);
+            if (err == SSL_ERROR_WANT_WRITE || err == SSL_ERROR_WANT_READ) {
+                // The peer takes nothing now: nothing is waited for here (the
+                // writer may hold g_FrameLock). Like a full plain socket: the
+                // caller keeps the bytes queued and the loop waits for
+                // writability; the retry starts with the same bytes, from
+                // the queue (SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER).
+                errno = EAGAIN;
                 return -1;
             }
             std::printf("SSL_write failed: %s\n", TlsReason(err).c_str());
-            break;
         }
     } else {
         result = static_cast<int>(::send(m_fd, data, static_cast<size_t>(size), MSG_NOSIGNAL));
@@ -575,6 +559,9 @@ int cTcpSocket::InitSSL(std::string& reason)
         Close();
         return -1;
     }
+    // A write the peer could not take is retried from the send queue, whose
+    // front holds the same bytes at another address.
+    SSL_set_mode(m_pSsl, SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
     if (SSL_set_fd(m_pSsl, m_fd) != 1) {
         std::string text = TlsReason(0);
         if (!text.empty())

@@ -58,6 +58,9 @@ constexpr tMsgTypeName kNames[] = {
     {0x008000, "PROCESS_START_FAILED"},
     {0x008001, "PROCESS_STARTED"},
     {0x008002, "PROCESS_ENDED"},
+    // WAN transfers
+    {0x009000, "WAN_PROGRESS"},
+    {0x009001, "WAN_DONE"},
     // SCM protocol
     {0x010000, "SCM_REGISTER"},
     {0x010001, "SCM_REGISTER_ACK"},

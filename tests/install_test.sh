@@ -49,6 +49,19 @@ LD_LIBRARY_PATH="$libdir" ldd "$work/consumer-pc" | grep "$libdir/liborvo.so.3" 
     || fail "build of the consumer with -DDEBUG=1"
 LD_LIBRARY_PATH="$libdir" "$work/consumer-debug" >/dev/null || fail "consumer built with -DDEBUG=1 run"
 
+# libcurl is loaded only by programs that transfer (liborvo-wan).
+if readelf -d "$lib" | grep -q 'NEEDED.*libcurl'; then fail "liborvo links libcurl"; fi
+LD_LIBRARY_PATH="$libdir" ldd "$work/consumer-pc" | grep -q libcurl && fail "an orvo-only program loads libcurl"
+wanlib="$(find "$prefix" -name 'liborvo-wan.so.3.*' -type f | head -n1)"
+[ -n "$wanlib" ] || fail "no liborvo-wan.so.3.* under $prefix"
+readelf -d "$wanlib" | grep -q 'NEEDED.*libcurl' || fail "liborvo-wan does not link libcurl"
+wanflags="$(pkg-config --cflags --libs orvo-wan)"
+step "pkg-config orvo-wan: $wanflags"
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Werror "$consumer/wan_main.cpp" -o "$work/wan-consumer-pc" $wanflags \
+    || fail "pkg-config build of the transfer consumer"
+LD_LIBRARY_PATH="$libdir" "$work/wan-consumer-pc" || fail "pkg-config transfer consumer run"
+
 # The README's first service, built from the installed prefix with an rpath
 # (it must run without LD_LIBRARY_PATH), then run under the installed
 # orvo-scm next to a client that sends it one request.
@@ -94,5 +107,6 @@ cmake -S "$consumer" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$prefix" \
     || { cat "$work/cmake.log"; fail "find_package(orvo) configure"; }
 cmake --build "$work/cmake-build" >"$work/build.log" 2>&1 || { cat "$work/build.log"; fail "find_package(orvo) build"; }
 "$work/cmake-build/consumer" || fail "find_package(orvo) consumer run"
+"$work/cmake-build/wan_consumer" || fail "find_package(orvo) orvo::wan consumer run"
 
 step "passed"

@@ -553,14 +553,9 @@ TEST_F(Scm, RegistrationRefused)
 // other process's address.
 TEST_F(Scm, ASapThatCannotBeBoundIsRegisteredAsPortZero)
 {
-    const int taken = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(taken, 1), 0);
-    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    unsigned short takenPort = 0;
+    const int taken = orvo_test::ListenOnLoopback(takenPort);
+    ASSERT_GE(taken, 0);
     GetConfig()->AppendTextPar("scm-sap", scm.Sap());
     GetConfig()->AppendTextPar("ip", "127.0.0.1");
     const eLEVEL level = UnitORVO->GetLevel();
@@ -568,7 +563,7 @@ TEST_F(Scm, ASapThatCannotBeBoundIsRegisteredAsPortZero)
     SetTraceLevel(UnitORVO, ERROR);
     SetTraceOut(UnitORVO, OUTPUT_STDOUT);
     testing::internal::CaptureStdout();
-    svc.Init("tsvc", cSocketAddr("127.0.0.1", ntohs(a.sin_port)), "log");
+    svc.Init("tsvc", cSocketAddr("127.0.0.1", takenPort), "log");
     tick = new cTimer(&svc, true, nullptr);
     tick->Start(10, TICK);
     ASSERT_TRUE(scm.Accept());
@@ -582,7 +577,7 @@ TEST_F(Scm, ASapThatCannotBeBoundIsRegisteredAsPortZero)
     EXPECT_FALSE(svc.IsSapUp());
     ASSERT_EQ(reg.GetType(), MSG_SCM_REGISTER);
     EXPECT_EQ(reg.GetRecord().GetFirstPar("sap").GetString(), "127.0.0.1:0");
-    const std::string asked = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
+    const std::string asked = "127.0.0.1:" + std::to_string(takenPort);
     EXPECT_NE(out.find("cService::Init: sap socket " + asked + " failed: Address already in use"),
               std::string::npos)
         << out;

@@ -452,6 +452,20 @@ TEST_F(Service, ControlMessagesKeepTheListsInStep)
     ASSERT_TRUE(ch.sent.at(0).GetRecord().GetFirstPar("units").GetRecord(listed));
     EXPECT_TRUE(listed.GetFirstPar("UnitORVO").IsValid());
     EXPECT_FALSE(listed.GetFirstPar("NoSuchUnit").IsValid());
+    // Made-up names fill at most 256 empty entries; real units still work.
+    cRecord many, names;
+    for (int i = 0; i <= 1000; ++i) {
+        cRecord unit;
+        unit.AppendTextPar("name", i < 1000 ? "made-up-" + std::to_string(i) : std::string("UnitORVO"), 0);
+        unit.AppendTextPar("level", i < 1000 ? "ALL" : "WARNING", 0);
+        names.AppendRecordPar("u", unit, 0);
+    }
+    many.AppendRecordPar("units", names, 0);
+    const size_t before = mUnits->size();
+    run(MSG_TRACE_ON, many);
+    EXPECT_LE(mUnits->size(), before + 256);
+    EXPECT_GT(mUnits->size(), before);
+    EXPECT_EQ(UnitORVO->GetLevel(), WARNING);
 
     // Snoop: the report's keys in order; data messages are not reported.
     cUuid peerId;

@@ -1,6 +1,7 @@
 // Base sockets in a running service on 127.0.0.1: the event messages of a
 // connection's life, connect failure, datagrams, and descriptors the select
-// loop must never see (at or above FD_SETSIZE, none left at all). Tests that
+// loop must never see (at or above FD_SETSIZE, none left at all), a stalled
+// TLS peer that must not hold up other sockets' sends. Tests that
 // change the descriptor limit run in a child process with a time limit.
 #include <gtest/gtest.h>
 
@@ -10,10 +11,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <openssl/evp.h>
@@ -315,4 +319,137 @@ TEST(TcpSocket, FailedTlsAcceptIsReportedWithoutACloseMessage)
     EXPECT_TRUE(svc.GetSapSocket()->GetClients().empty());
     close(fd);
     SSL_CTX_free(ctx);
+}
+
+namespace {
+
+// Reads exactly n bytes through ssl (blocking); false on failure.
+bool SslReadAll(SSL* ssl, unsigned char* p, int n)
+{
+    while (n > 0) {
+        const int got = SSL_read(ssl, p, n);
+        if (got <= 0)
+            return false;
+        p += got;
+        n -= got;
+    }
+    return true;
+}
+
+}  // namespace
+
+// A TLS peer that stops reading stalls nobody but itself: a send to it that
+// the socket cannot take leaves the frames queued (no waiting under the
+// frame lock), a send on another framed socket from another thread meanwhile
+// completes at once, and once the peer reads again every queued frame
+// arrives whole, in order.
+TEST(TcpSocket, StalledTlsPeerDoesNotHoldUpSendsOnOtherSockets)
+{
+    SSL_CTX* serverCtx = ServerContext();
+    SSL_CTX* clientCtx = SSL_CTX_new(TLS_client_method());
+    ASSERT_NE(serverCtx, nullptr);
+    ASSERT_NE(clientCtx, nullptr);
+    cTestService svc;
+    svc.GetSapSocket()->SetSSL(serverCtx);
+
+    // The peer: a blocking TLS client with a small receive buffer.
+    const int fd = RawSocket();
+    int small = 4096;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ASSERT_EQ(connect(fd, svc.GetSapAddress().GetSockAddr(), sizeof(sockaddr_in)), 0);
+    SSL* peer = SSL_new(clientCtx);
+    SSL_set_fd(peer, fd);
+    std::atomic<int> handshake{0};
+    std::thread connector([&] { handshake = SSL_connect(peer) == 1 ? 1 : -1; });
+    const cMsg accepted = Await(svc, MSG_SOCKET_ACCEPTED);
+    ASSERT_EQ(accepted.GetType(), unsigned(MSG_SOCKET_ACCEPTED));
+    for (int i = 0; i < 2000 && handshake == 0; ++i)
+        Await(svc, 0x7FFFFF, nullptr, 5);   // passes until the handshake is through
+    connector.join();
+    ASSERT_EQ(handshake, 1);
+    ASSERT_EQ(svc.GetSapSocket()->GetClients().size(), 1u);
+    auto* tls = dynamic_cast<cMsgTcpSocket*>(svc.GetSapSocket()->GetClients().front());
+    ASSERT_NE(tls, nullptr);
+    tls->SetSockOpt(SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    cMsgTcpSocket other(&svc, nullptr);
+    other.Attach(pair[0]);
+
+    // Another thread sends small messages on the other socket while this one
+    // sends large ones to the stalled peer.
+    using tClock = std::chrono::steady_clock;
+    std::atomic<bool> go{false}, stop{false};
+    std::atomic<long long> slowestUs{0};
+    std::atomic<int> otherSent{0};
+    std::thread sender([&] {
+        while (!go)
+            std::this_thread::yield();
+        while (!stop) {
+            cMsg m(0x5A0010);
+            m.GetRecord().AppendUIntPar("n", 1);
+            const auto t0 = tClock::now();
+            if (other.Send(m) > 0)
+                ++otherSent;
+            const long long us =
+                std::chrono::duration_cast<std::chrono::microseconds>(tClock::now() - t0).count();
+            if (us > slowestUs)
+                slowestUs = us;
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
+    });
+    const std::string payload(60000, 'p');
+    int queuedFrames = 0;
+    go = true;
+    const auto t0 = tClock::now();
+    for (int i = 0; i < 4; ++i) {
+        cMsg big(0x5A0011);
+        big.GetRecord().AppendTextPar("p", payload, 0);
+        if (tls->Send(big) > 0)
+            ++queuedFrames;
+    }
+    const long long sendsTookMs =
+        std::chrono::duration_cast<std::chrono::milliseconds>(tClock::now() - t0).count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    stop = true;
+    sender.join();
+    EXPECT_LT(sendsTookMs, 1000) << "sends to the stalled peer waited";
+    EXPECT_LT(slowestUs.load(), 500000) << "a send on the other socket waited for the stalled peer";
+    EXPECT_GT(otherSent.load(), 0);
+    EXPECT_GE(queuedFrames, 2);
+    EXPECT_TRUE(tls->IsWritePending()) << "bytes wait for writability";
+
+    // The peer reads again: the loop flushes the queue; every large frame
+    // arrives whole (the peer identification comes first).
+    std::atomic<int> bigFrames{0};
+    std::atomic<bool> reading{true};
+    std::thread reader([&] {
+        std::vector<unsigned char> frame(kFrameMaxSize);
+        while (bigFrames < queuedFrames) {
+            if (!SslReadAll(peer, frame.data(), kFrameHeaderSize))
+                break;
+            const uint32_t n = uint32_t(frame[2]) | uint32_t(frame[3]) << 8 |
+                               uint32_t(frame[4]) << 16 | uint32_t(frame[5]) << 24;
+            if (n < uint32_t(kFrameHeaderSize) || n > frame.size() ||
+                !SslReadAll(peer, frame.data() + kFrameHeaderSize, int(n) - kFrameHeaderSize))
+                break;
+            if (std::string(reinterpret_cast<char*>(frame.data()), n).find(payload) != std::string::npos)
+                ++bigFrames;
+        }
+        reading = false;
+    });
+    for (int i = 0; i < 4000 && reading; ++i)
+        Await(svc, 0x7FFFFF, nullptr, 5);
+    shutdown(fd, SHUT_RDWR);
+    reader.join();
+    EXPECT_EQ(bigFrames.load(), queuedFrames);
+    EXPECT_FALSE(tls->IsWritePending());
+
+    other.Close();
+    close(pair[1]);
+    SSL_free(peer);
+    close(fd);
+    SSL_CTX_free(clientCtx);
+    SSL_CTX_free(serverCtx);
 }

@@ -3,6 +3,7 @@
 // pattern, and child process runners.
 #pragma once
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
@@ -25,6 +26,26 @@
 #include "orvo_statem.h"
 
 namespace orvo_test {
+
+// A TCP socket listening on 127.0.0.1 at a port the system picked: the port
+// another program then finds taken. Returns the descriptor (-1 on failure)
+// and sets port.
+inline int ListenOnLoopback(unsigned short& port)
+{
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(fd, 1) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+        if (fd >= 0)
+            ::close(fd);
+        return -1;
+    }
+    port = ntohs(a.sin_port);
+    return fd;
+}
 
 // A service without a thread of its own: the test calls its loop functions.
 struct cTestService : orvo::cService {

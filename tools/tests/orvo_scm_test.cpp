@@ -15,6 +15,7 @@
 #include <orvo_record.h>
 #include <orvo_uuid.h>
 
+#include "../../tests/test_helpers.h"
 #include "record_json.h"
 #include "scm_client.h"
 #include "scm_process.h"
@@ -75,15 +76,10 @@ const char* const kAlphaJson = R"({"services": {"alpha": {"config": [
 // picks).
 TEST_F(OrvoScm, RefusesATakenPortABadAddressAndUnknownOptions)
 {
-    const int taken = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(bind(taken, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(taken, 1), 0);
-    ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&a), &len), 0);
-    const std::string port = std::to_string(ntohs(a.sin_port));
+    unsigned short takenPort = 0;
+    const int taken = ListenOnLoopback(takenPort);
+    ASSERT_GE(taken, 0);
+    const std::string port = std::to_string(takenPort);
     struct sCase {
         std::vector<std::string> options;
         const char* says;

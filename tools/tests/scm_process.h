@@ -104,15 +104,7 @@ public:
     int Terminate(int timeoutMs)
     {
         kill(m_Pid, SIGTERM);
-        for (int waited = 0; waited < timeoutMs; waited += 20) {
-            int status = 0;
-            if (waitpid(m_Pid, &status, WNOHANG) == m_Pid) {
-                m_Pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-            }
-            usleep(20000);
-        }
-        return -1;
+        return Exit(timeoutMs);
     }
 
     // Waits for the process to end by itself: its exit status, -1 when it

@@ -1,0 +1,277 @@
+// The service loop's dispatch rules, whichever kernel wait the build uses
+// (epoll, or select with ORVO_SELECT_WAIT): table order, write interest
+// switched across passes, exception readiness, descriptors the kernel
+// cannot watch or that were closed behind the loop's back.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "orvo_channel.h"
+#include "orvo_init.h"
+#include "orvo_msg.h"
+#include "orvo_msgtypes.h"
+#include "orvo_service.h"
+#include "orvo_timer.h"
+#include "orvo_trace.h"
+#include "test_helpers.h"
+
+using namespace orvo;
+using orvo_test::cTestService;
+
+namespace {
+
+// (channel name, events) of every OnSelect, in call order.
+using tLog = std::vector<std::pair<std::string, int>>;
+
+// Records each OnSelect and drains what it can read, so a level-triggered
+// wait does not report the same bytes again.
+class cProbe : public cChannel {
+public:
+    cProbe(cService* service, tLog& log, std::string name)
+        : cChannel(service, nullptr), m_Log(log), m_Name(std::move(name)) {}
+    ~cProbe() override { cChannel::Close(); }
+    void OnSelect(int events) override
+    {
+        m_Log.emplace_back(m_Name, events);
+        char buf[64];
+        if (events & SELECT_READ)
+            while (::recv(m_fd, buf, sizeof buf, MSG_DONTWAIT) > 0) {}
+    }
+    void OnClose() override {}
+    int OnRead(const void*, int size) override { return size; }
+    void OnWrite() override {}
+    int rawWrite(const void*, int size) override { return size; }
+    int rawRead(void* b, int n) override { return static_cast<int>(::read(m_fd, b, n)); }
+    int Send(cMsg&) override { return 1; }
+
+private:
+    tLog& m_Log;
+    std::string m_Name;
+};
+
+// Bounds a pass that has nothing else to wake it.
+class cBound : public cTimer {
+public:
+    explicit cBound(cService* s) : cTimer(s, false, nullptr) {}
+    void OnExec() override {}
+};
+
+struct sPair {
+    int fd[2] = {-1, -1};
+    sPair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0); }
+    ~sPair()
+    {
+        for (int f : fd)
+            if (f >= 0)
+                ::close(f);
+    }
+    void Poke() const { EXPECT_EQ(::write(fd[1], "x", 1), 1); }
+};
+
+class SelectLoop : public testing::Test {
+protected:
+    static void SetUpTestSuite() { orvoInit(ERROR, OUTPUT_NONE, false); }
+    void TearDown() override
+    {
+        SetTraceLevel(UnitORVO, ERROR);
+        SetTraceOut(UnitORVO, OUTPUT_NONE);
+    }
+    // One pass that ends after at most ms even when nothing is ready.
+    static void Pass(cService& svc, unsigned long ms = 50)
+    {
+        cBound bound(&svc);
+        svc.TimerAsyncSelect(&bound, ms);
+        svc.ScheduleSelect();
+        svc.TimerAsyncSelect(&bound, 0);
+    }
+};
+
+// Several descriptors ready in one pass reach their channels in table order
+// (registration order with free entries reused from the back), not in
+// descriptor order or the order the kernel reports them.
+TEST_F(SelectLoop, ReadyDescriptorsAreHandedOnInTableOrder)
+{
+    cTestService svc;
+    tLog log;
+    sPair p[5];
+    cProbe a(&svc, log, "a"), b(&svc, log, "b"), c(&svc, log, "c"), d(&svc, log, "d"),
+        e(&svc, log, "e");
+    d.Attach(::dup(p[3].fd[0]));   // entry 0
+    b.Attach(::dup(p[1].fd[0]));   // entry 1, freed below and reused by e
+    a.Attach(::dup(p[0].fd[0]));   // entry 2
+    c.Attach(::dup(p[2].fd[0]));   // entry 3
+    ASSERT_EQ(svc.ChannelAsyncSelect(b.GetFd(), 0, nullptr, nullptr), 1);
+    e.Attach(::dup(p[4].fd[0]));
+    Pass(svc);   // the kernel now watches all of them
+    EXPECT_TRUE(log.empty());
+
+    for (int i : {0, 2, 4, 3})
+        p[i].Poke();
+    svc.ScheduleSelect();
+    EXPECT_EQ(log, (tLog{{"d", SELECT_READ}, {"e", SELECT_READ}, {"a", SELECT_READ},
+                         {"c", SELECT_READ}}));
+    for (cProbe* ch : {&a, &b, &c, &d, &e})
+        if (ch->GetFd() >= 0)
+            ::close(ch->GetFd());
+}
+
+// Write interest goes on and off with the registration, pass by pass; on
+// and off again between two passes it is as if it never was.
+TEST_F(SelectLoop, WriteInterestFollowsTheRegistrationAcrossPasses)
+{
+    cTestService svc;
+    tLog log;
+    sPair p;
+    cProbe ch(&svc, log, "w");
+    const int fd = p.fd[0];
+    ch.Attach(fd);
+    ASSERT_EQ(svc.ChannelAsyncSelect(fd, SELECT_READ | SELECT_WRITE, &ch, nullptr), 1);
+    Pass(svc);
+    EXPECT_EQ(log, (tLog{{"w", SELECT_WRITE}}));
+
+    log.clear();
+    ASSERT_EQ(svc.ChannelAsyncSelect(fd, SELECT_READ, &ch, nullptr), 1);
+    Pass(svc);
+    EXPECT_TRUE(log.empty());
+    p.Poke();
+    Pass(svc);
+    EXPECT_EQ(log, (tLog{{"w", SELECT_READ}}));
+
+    log.clear();
+    ASSERT_EQ(svc.ChannelAsyncSelect(fd, SELECT_READ | SELECT_WRITE, &ch, nullptr), 1);
+    ASSERT_EQ(svc.ChannelAsyncSelect(fd, SELECT_READ, &ch, nullptr), 1);
+    Pass(svc);
+    EXPECT_TRUE(log.empty());
+
+    ASSERT_EQ(svc.ChannelAsyncSelect(fd, SELECT_WRITE, &ch, nullptr), 1);
+    p.Poke();   // readable, but only writing is asked for now
+    Pass(svc);
+    EXPECT_EQ(log, (tLog{{"w", SELECT_WRITE}}));
+    EXPECT_EQ(svc.GetSelectEvents(fd), SELECT_WRITE);
+    ch.Dettach();
+}
+
+// Urgent TCP data is exception readiness: a channel registered for it alone
+// is called with no read or write bit.
+TEST_F(SelectLoop, ExceptionReadinessReachesTheChannelAsOnSelectZero)
+{
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len), 0);
+    const int client = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_EQ(::connect(client, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    const int server = ::accept(listener, nullptr, nullptr);
+    ASSERT_GE(server, 0);
+
+    cTestService svc;
+    tLog log;
+    cProbe ch(&svc, log, "x");
+    ch.Attach(server);
+    ASSERT_EQ(svc.ChannelAsyncSelect(server, SELECT_EXCEPT, &ch, nullptr), 1);
+    EXPECT_EQ(svc.GetSelectEvents(server), SELECT_EXCEPT);
+    Pass(svc);
+    EXPECT_TRUE(log.empty());
+    ASSERT_EQ(::send(client, "u", 1, MSG_OOB), 1);
+    for (int i = 0; i < 100 && log.empty(); ++i)
+        Pass(svc);
+    ASSERT_FALSE(log.empty());
+    EXPECT_EQ(log.front(), (std::pair<std::string, int>{"x", 0}));
+    ch.Dettach();
+    for (int fd : {server, client, listener})
+        ::close(fd);
+}
+
+// A registered descriptor the loop already waited on, closed without being
+// unregistered: the pass fails as a select on it would, the whole table is
+// unregistered and the service gets 0x1003.
+TEST_F(SelectLoop, DescriptorClosedAfterItWasWatchedEndsInTheSelectError)
+{
+    cTestService svc;
+    tLog log;
+    sPair keep, gone;
+    cProbe other(&svc, log, "other"), closed(&svc, log, "closed");
+    other.Attach(::dup(keep.fd[0]));
+    const int fd = gone.fd[0];
+    gone.fd[0] = -1;   // the test closes it, behind the loop's back
+    closed.Attach(fd);
+    Pass(svc);
+    ASSERT_EQ(svc.GetQueueSize(), 0u);
+
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();   // opens a file: before the close
+    ::close(fd);
+    for (int i = 0; i < 40 && svc.GetQueueSize() == 0; ++i)
+        Pass(svc);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("select() error, retval=-1"), std::string::npos) << out;
+    EXPECT_EQ(svc.GetSelectEvents(other.GetFd()), 0);
+    EXPECT_EQ(svc.GetSelectEvents(fd), 0);
+    cMsg msg;
+    ASSERT_TRUE(svc.GetMessage(msg));
+    EXPECT_EQ(msg.GetType(), static_cast<unsigned long>(MSG_SELECT_FAILED));
+    ::close(other.GetFd());
+    other.Dettach();
+    closed.Dettach();
+}
+
+// A regular file cannot be waited on by epoll; select always finds it ready,
+// and so does the loop.
+TEST_F(SelectLoop, RegularFileIsAlwaysReady)
+{
+    char name[] = "/tmp/orvo-selectloop-XXXXXX";
+    const int fd = ::mkstemp(name);
+    ASSERT_GE(fd, 0);
+    ::unlink(name);
+    cTestService svc;
+    tLog log;
+    cProbe ch(&svc, log, "file");
+    ch.Attach(fd);
+    ASSERT_EQ(svc.ChannelAsyncSelect(fd, SELECT_READ | SELECT_WRITE, &ch, nullptr), 1);
+    svc.ScheduleSelect();   // returns at once
+    svc.ScheduleSelect();
+    EXPECT_EQ(log, (tLog{{"file", SELECT_READ | SELECT_WRITE}, {"file", SELECT_READ | SELECT_WRITE}}));
+    ch.Dettach();
+    ::close(fd);
+}
+
+// A descriptor at or above 1024 is refused and the loop keeps serving the
+// others.
+TEST_F(SelectLoop, DescriptorAtTheTableLimitIsRefusedAndTheRestStillServed)
+{
+    cTestService svc;
+    tLog log;
+    sPair p;
+    cProbe small(&svc, log, "small"), big(&svc, log, "big");
+    small.Attach(::dup(p.fd[0]));
+    const int high = ::fcntl(p.fd[0], F_DUPFD, cService::kMaxSelect);
+    if (high < 0)
+        GTEST_SKIP() << "no descriptor at " << static_cast<int>(cService::kMaxSelect) << " (limit too low)";
+    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(svc.ChannelAsyncSelect(high, SELECT_READ, &big, nullptr), -1);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("refused"), std::string::npos) << out;
+    EXPECT_EQ(svc.GetSelectEvents(high), 0);
+    p.Poke();
+    Pass(svc);
+    EXPECT_EQ(log, (tLog{{"small", SELECT_READ}}));
+    ::close(high);
+    ::close(small.GetFd());
+    small.Dettach();
+}
+
+}  // namespace

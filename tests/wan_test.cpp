@@ -1,0 +1,559 @@
+// cWanClient against real peers the test starts on 127.0.0.1: nginx (files,
+// PUT, HTTPS with a CA made here, client certificates, basic auth), a Python
+// peer for what nginx does not do (POST storage, resets mid-body, stalls,
+// digest auth) and tinyproxy as HTTP proxy. A peer that does not start fails
+// the test with its log.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "orvo_hash.h"
+#include "orvo_init.h"
+#include "orvo_msgtypes.h"
+#include "orvo_wan.h"
+#include "test_helpers.h"
+
+using namespace orvo;
+using orvo_test::cTestService;
+using orvo_test::FreeLoopbackPort;
+
+namespace {
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat st;
+    return stat(path.c_str(), &st) == 0;
+}
+
+std::string Sha256(const std::string& bytes)
+{
+    return cHashCalculator::DigestHex(eHashAlg::SHA256, bytes.data(), bytes.size());
+}
+
+// The bytes the Python peer's /reset/N sends.
+std::string PeerBytes(size_t n)
+{
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i)
+        s[i] = static_cast<char>((i * 7 + 3) % 251);
+    return s;
+}
+
+bool WaitForPort(unsigned short port, int ms)
+{
+    for (int waited = 0; waited < ms; waited += 50) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        cSocketAddr a("127.0.0.1", port);
+        bool up = connect(fd, a.GetSockAddr(), sizeof(sockaddr_in)) == 0;
+        close(fd);
+        if (up)
+            return true;
+        usleep(50 * 1000);
+    }
+    return false;
+}
+
+// The peers, started once for the whole family.
+struct sPeers {
+    std::string dir;
+    unsigned short http = 0, https = 0, expired = 0, peer = 0, proxy = 0;
+    std::vector<pid_t> pids;
+    std::string failure;     // why a peer is missing, "" when all run
+
+    std::string Url(unsigned short port, const std::string& path, bool tls = false) const
+    {
+        return (tls ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port) + path;
+    }
+
+    bool Shell(const std::string& cmd)
+    {
+        std::string full = "cd '" + dir + "' && (" + cmd + ") >>'" + dir + "/setup.log' 2>&1";
+        if (system(full.c_str()) == 0)
+            return true;
+        failure = "failed: " + cmd + "\n" + ReadFile(dir + "/setup.log");
+        return false;
+    }
+
+    bool Spawn(const std::vector<std::string>& argv, const std::string& log, unsigned short port)
+    {
+        pid_t pid = fork();
+        if (pid == 0) {
+            int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(fd, 1);
+            dup2(fd, 2);
+            std::vector<char*> args;
+            for (const std::string& a : argv)
+                args.push_back(const_cast<char*>(a.c_str()));
+            args.push_back(nullptr);
+            execvp(args[0], args.data());
+            _exit(127);
+        }
+        pids.push_back(pid);
+        if (WaitForPort(port, 15000))
+            return true;
+        failure = argv[0] + " did not listen on port " + std::to_string(port) + ": " + ReadFile(log);
+        return false;
+    }
+
+    bool MakeCertificates()
+    {
+        const std::string ec = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
+        return Shell("openssl req -x509 " + ec + " -keyout ca.key -out ca.crt -days 30 -subj /CN=orvo-test-ca") &&
+               Shell("openssl req -x509 " + ec + " -keyout other.key -out other.crt -days 30 -subj /CN=other-ca") &&
+               Shell("openssl req " + ec + " -keyout server.key -out server.csr -subj /CN=127.0.0.1 "
+                     "-addext subjectAltName=IP:127.0.0.1") &&
+               Shell("openssl x509 -req -in server.csr -CA ca.crt -CAkey ca.key -CAcreateserial "
+                     "-copy_extensions copy -days 30 -out server.crt") &&
+               Shell("openssl req " + ec + " -keyout client.key -out client.csr -subj /CN=meter-1") &&
+               Shell("openssl x509 -req -in client.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 30 -out client.crt") &&
+               Shell("openssl x509 -req -in client.csr -CA other.crt -CAkey other.key -CAcreateserial -days 30 -out stranger.crt") &&
+               Shell("printf '[ca]\\ndefault_ca=d\\n[d]\\ndatabase=index.txt\\nnew_certs_dir=.\\nserial=serial\\n"
+                     "default_md=sha256\\npolicy=p\\ncopy_extensions=copy\\n[p]\\ncommonName=supplied\\n' >ca.cnf"
+                     " && : >index.txt && echo 01 >serial && openssl ca -batch -config ca.cnf -cert ca.crt"
+                     " -keyfile ca.key -in server.csr -out expired.crt -startdate 20200101000000Z"
+                     " -enddate 20200201000000Z -notext");
+    }
+
+    bool StartNginx()
+    {
+        std::ostringstream c;
+        c << "daemon off;\nmaster_process off;\npid " << dir << "/nginx.pid;\nerror_log " << dir
+          << "/nginx-error.log;\nevents { worker_connections 64; }\nhttp {\n"
+          << " access_log " << dir << "/access.log;\n client_body_temp_path " << dir << "/tmp;\n"
+          << " proxy_temp_path " << dir << "/tmp;\n fastcgi_temp_path " << dir << "/tmp;\n"
+          << " uwsgi_temp_path " << dir << "/tmp;\n scgi_temp_path " << dir << "/tmp;\n"
+          << " client_max_body_size 0;\n root " << dir << "/www;\n"
+          << " server { listen 127.0.0.1:" << http << ";\n"
+          << "  location /dav/ { dav_methods PUT; create_full_put_path on; }\n"
+          << "  location /private/ { auth_basic orvo; auth_basic_user_file " << dir << "/htpasswd; }\n"
+          << "  location /broken/ { return 500; }\n }\n"
+          << " server { listen 127.0.0.1:" << https << " ssl;\n  ssl_certificate " << dir
+          << "/server.crt;\n  ssl_certificate_key " << dir << "/server.key;\n  ssl_client_certificate "
+          << dir << "/ca.crt;\n  ssl_verify_client optional;\n"
+          << "  location /mtls/ { if ($ssl_client_verify != SUCCESS) { return 403; } }\n }\n"
+          << " server { listen 127.0.0.1:" << expired << " ssl;\n  ssl_certificate " << dir
+          << "/expired.crt;\n  ssl_certificate_key " << dir << "/server.key;\n }\n}\n";
+        WriteFile(dir + "/nginx.conf", c.str());
+        return Shell("mkdir -p tmp www/dav www/private www/mtls && printf 'meter:%s\\n' "
+                     "\"$(openssl passwd -apr1 secret)\" >htpasswd") &&
+               Spawn({"nginx", "-p", dir, "-c", dir + "/nginx.conf", "-e", dir + "/nginx-error.log"},
+                     dir + "/nginx.out", http) &&
+               WaitForPort(https, 5000);
+    }
+
+    bool StartProxy()
+    {
+        std::ostringstream c;
+        c << "Port " << proxy << "\nListen 127.0.0.1\nTimeout 60\nLogFile \"" << dir
+          << "/tinyproxy.log\"\nLogLevel Connect\nMaxClients 20\nAllow 127.0.0.1\nConnectPort " << https
+          << "\n";
+        if (geteuid() == 0)
+            c << "User root\nGroup root\n";
+        WriteFile(dir + "/tinyproxy.conf", c.str());
+        return Spawn({"tinyproxy", "-d", "-c", dir + "/tinyproxy.conf"}, dir + "/tinyproxy.out", proxy);
+    }
+
+    void Start()
+    {
+        char tmpl[] = "/tmp/orvo-wan-XXXXXX";
+        dir = mkdtemp(tmpl);
+        http = FreeLoopbackPort();
+        https = FreeLoopbackPort();
+        expired = FreeLoopbackPort();
+        peer = FreeLoopbackPort();
+        proxy = FreeLoopbackPort();
+        if (!MakeCertificates() || !StartNginx() || !StartProxy())
+            return;
+        Spawn({"python3", ORVO_SOURCE_DIR "/tests/wan_peer.py", std::to_string(peer), dir},
+              dir + "/peer.out", peer);
+    }
+
+    void Stop()
+    {
+        for (pid_t pid : pids)
+            kill(pid, SIGTERM);
+        for (pid_t pid : pids)
+            waitpid(pid, nullptr, 0);
+        pids.clear();
+        if (!dir.empty())
+            (void)!system(("rm -rf '" + dir + "'").c_str());
+    }
+};
+
+sPeers* gPeers = nullptr;
+
+struct sDone {
+    int result = 0;
+    unsigned status = 0;
+    unsigned long long bytes = 0;
+    std::string error;
+    int progress = 0;             // progress messages seen for the transfer
+    unsigned long long lastDone = 0, lastTotal = 0;
+};
+
+class Wan : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        orvoInit(ERROR, OUTPUT_NONE, false);
+        gPeers = new sPeers;
+        gPeers->Start();
+    }
+    static void TearDownTestSuite()
+    {
+        gPeers->Stop();
+        delete gPeers;
+        gPeers = nullptr;
+    }
+    void SetUp() override
+    {
+        ASSERT_EQ(gPeers->failure, "") << "a test peer did not start";
+        m_Svc.Init("wan-test", cSocketAddr("127.0.0.1", 0));
+        m_Dir = gPeers->dir;
+    }
+
+    // Waits for id's MSG_WAN_DONE, counting its progress messages.
+    sDone Await(unsigned id, unsigned long ms = 30000)
+    {
+        sDone d;
+        for (;;) {
+            cMsg m = m_Svc.WaitSyncMsg(ms, MSG_WAN_DONE, MSG_WAN_PROGRESS);
+            if (m.GetType() != MSG_WAN_DONE && m.GetType() != MSG_WAN_PROGRESS) {
+                d.error = "no answer in time";
+                return d;
+            }
+            cRecord& r = m.GetRecord();
+            if (r.GetFirstPar("id").GetUInt() != id)
+                continue;
+            if (m.GetType() == MSG_WAN_PROGRESS) {
+                ++d.progress;
+                d.lastDone = r.GetFirstPar("done").GetUInt64();
+                d.lastTotal = r.GetFirstPar("total").GetUInt64();
+                continue;
+            }
+            d.result = r.GetFirstPar("result").GetSInt();
+            d.status = r.GetFirstPar("status").GetUInt();
+            d.bytes = r.GetFirstPar("bytes").GetUInt64();
+            d.error = r.GetFirstPar("error").GetString();
+            return d;
+        }
+    }
+
+    sDone Run(const tWanRequest& req)
+    {
+        unsigned id = m_Wan.Start(req);
+        EXPECT_NE(id, 0u);
+        return id ? Await(id) : sDone();
+    }
+
+    tWanRequest Get(const std::string& url, const std::string& file)
+    {
+        tWanRequest r;
+        r.url = url;
+        r.file = m_Dir + "/" + file;
+        return r;
+    }
+
+    tWanRequest Tls(const std::string& path, const std::string& file)
+    {
+        tWanRequest r = Get(gPeers->Url(gPeers->https, path, true), file);
+        r.caFile = m_Dir + "/ca.crt";
+        return r;
+    }
+
+    cTestService m_Svc;
+    cWanClient m_Wan{&m_Svc};
+    std::string m_Dir;
+};
+
+}  // namespace
+
+TEST_F(Wan, GetLandsUnderItsNameWithProgressAndTheRightDigest)
+{
+    std::string body = PeerBytes(3 << 20);
+    WriteFile(m_Dir + "/www/big.bin", body);
+    tWanRequest r = Get(gPeers->Url(gPeers->http, "/big.bin"), "big.out");
+    r.sha256 = Sha256(body);
+    r.progressMs = 1;
+    sDone d = Run(r);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(d.status, 200u);
+    EXPECT_EQ(d.bytes, body.size());
+    EXPECT_GT(d.progress, 0);
+    EXPECT_LE(d.lastDone, body.size());
+    EXPECT_TRUE(d.lastTotal == 0 || d.lastTotal == body.size());
+    EXPECT_EQ(ReadFile(m_Dir + "/big.out"), body);
+    EXPECT_FALSE(Exists(m_Dir + "/big.out.part"));
+}
+
+TEST_F(Wan, WrongDigestRemovesTheDownload)
+{
+    WriteFile(m_Dir + "/www/small.txt", "meter data\n");
+    tWanRequest r = Get(gPeers->Url(gPeers->http, "/small.txt"), "small.out");
+    r.sha256 = std::string(64, '0');
+    sDone d = Run(r);
+    EXPECT_EQ(d.result, WAN_ERR_HASH);
+    EXPECT_FALSE(Exists(m_Dir + "/small.out"));
+    EXPECT_FALSE(Exists(m_Dir + "/small.out.part"));
+}
+
+TEST_F(Wan, ErrorStatusesNeverLeaveAFile)
+{
+    const struct {
+        std::string url;
+        unsigned status;
+    } cases[] = {
+        {gPeers->Url(gPeers->http, "/missing.bin"), 404},
+        {gPeers->Url(gPeers->http, "/broken/x"), 500},
+        {gPeers->Url(gPeers->peer, "/status/503"), 503},
+    };
+    for (const auto& c : cases) {
+        sDone d = Run(Get(c.url, "error.out"));
+        EXPECT_EQ(d.result, WAN_ERR_HTTP) << c.url;
+        EXPECT_EQ(d.status, c.status) << c.url;
+        EXPECT_FALSE(Exists(m_Dir + "/error.out")) << c.url;
+    }
+}
+
+TEST_F(Wan, ResetMidBodyContinuesAndTheFileIsWhole)
+{
+    const size_t n = 1 << 20;
+    tWanRequest r = Get(gPeers->Url(gPeers->peer, "/reset/" + std::to_string(n)), "reset.out");
+    r.sha256 = Sha256(PeerBytes(n));
+    sDone d = Run(r);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(d.status, 206u);
+    EXPECT_EQ(ReadFile(m_Dir + "/reset.out").size(), n);
+
+    // Without continuations the broken attempt keeps its half for the next.
+    r.file = m_Dir + "/reset2.out";
+    r.retries = 0;
+    d = Run(r);
+    EXPECT_EQ(d.result, WAN_ERR_TRANSFER);
+    EXPECT_FALSE(Exists(r.file));
+    EXPECT_EQ(ReadFile(r.file + ".part"), PeerBytes(n / 2));
+    d = Run(r);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(ReadFile(r.file), PeerBytes(n));
+}
+
+TEST_F(Wan, PartFileFromEarlierAttemptIsContinuedWithARange)
+{
+    std::string body = PeerBytes(200000);
+    WriteFile(m_Dir + "/www/resume.bin", body);
+    WriteFile(m_Dir + "/resume.out.part", body.substr(0, 70000));
+    tWanRequest r = Get(gPeers->Url(gPeers->http, "/resume.bin"), "resume.out");
+    r.sha256 = Sha256(body);
+    sDone d = Run(r);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(d.status, 206u);
+    EXPECT_EQ(ReadFile(m_Dir + "/resume.out"), body);
+
+    // A server that ignores ranges: the download starts again from zero.
+    WriteFile(m_Dir + "/norange.out.part", "stale bytes");
+    d = Run(Get(gPeers->Url(gPeers->peer, "/status/200"), "norange.out"));
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(ReadFile(m_Dir + "/norange.out"), "status page\n");
+}
+
+TEST_F(Wan, PutAndPostArriveWithTheirContentType)
+{
+    std::string body = PeerBytes(300000);
+    WriteFile(m_Dir + "/upload.bin", body);
+    tWanRequest put;
+    put.method = tWanRequest::PUT;
+    put.url = gPeers->Url(gPeers->http, "/dav/in/upload.bin");
+    put.file = m_Dir + "/upload.bin";
+    sDone d = Run(put);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(d.status, 201u);
+    EXPECT_EQ(d.bytes, body.size());
+    EXPECT_EQ(ReadFile(m_Dir + "/www/dav/in/upload.bin"), body);
+
+    tWanRequest file;
+    file.method = tWanRequest::POST;
+    file.url = gPeers->Url(gPeers->peer, "/post/file");
+    file.file = m_Dir + "/upload.bin";
+    file.contentType = "application/octet-stream";
+    tWanRequest bytes = file;
+    bytes.url = gPeers->Url(gPeers->peer, "/post/bytes");
+    bytes.file.clear();
+    bytes.body = "reading=42";
+    bytes.contentType = "text/plain";
+    tWanRequest rec = bytes;
+    rec.url = gPeers->Url(gPeers->peer, "/post/record");
+    cRecord payload;
+    payload.AppendUIntPar("reading", 42);
+    rec.SetRecordBody(payload);
+    const struct {
+        tWanRequest* req;
+        std::string stored, type;
+    } posts[] = {
+        {&file, body, "application/octet-stream"},
+        {&bytes, "reading=42", "text/plain"},
+        {&rec, std::string(payload.GetBuffer(), payload.GetSize()), "application/x-orvo-record"},
+    };
+    for (const auto& p : posts) {
+        d = Run(*p.req);
+        EXPECT_EQ(d.result, WAN_OK) << p.req->url << " " << d.error;
+        std::string name = p.req->url.substr(p.req->url.rfind('/') + 1);
+        EXPECT_EQ(ReadFile(m_Dir + "/" + name), p.stored) << name;
+        EXPECT_EQ(ReadFile(m_Dir + "/" + name + ".type"), p.type) << name;
+    }
+}
+
+TEST_F(Wan, SeveralTransfersAtOnceEachReportOnce)
+{
+    std::vector<std::string> bodies;
+    std::vector<unsigned> ids;
+    for (int i = 0; i < 4; ++i) {
+        bodies.push_back(PeerBytes(100000 + 1000 * i));
+        WriteFile(m_Dir + "/www/many" + std::to_string(i), bodies.back());
+        ids.push_back(m_Wan.Start(Get(gPeers->Url(gPeers->http, "/many" + std::to_string(i)),
+                                      "many" + std::to_string(i) + ".out")));
+        ASSERT_NE(ids.back(), 0u);
+    }
+    for (size_t i = 0; i < ids.size(); ++i) {
+        sDone d = Await(ids[i]);
+        EXPECT_EQ(d.result, WAN_OK) << d.error;
+        EXPECT_EQ(ReadFile(m_Dir + "/many" + std::to_string(i) + ".out"), bodies[i]);
+    }
+    EXPECT_EQ(m_Wan.GetActiveCount(), 0u);
+    EXPECT_EQ(m_Svc.WaitSyncMsg(300, MSG_WAN_DONE).GetType(), 0x2015u);   // no second report
+}
+
+TEST_F(Wan, StallEndsByLowSpeedTimeoutOrCancel)
+{
+    tWanRequest r = Get(gPeers->Url(gPeers->peer, "/stall"), "stall.out");
+    r.lowSpeedBytes = 1000;
+    r.lowSpeedSeconds = 1;
+    sDone d = Run(r);
+    EXPECT_EQ(d.result, WAN_ERR_TRANSFER);
+    EXPECT_NE(d.error.find("too slow"), std::string::npos) << d.error;
+    EXPECT_FALSE(Exists(r.file));
+
+    EXPECT_EQ(ReadFile(r.file + ".part").size(), 100u) << "what arrived is kept";
+    r.file = m_Dir + "/stall2.out";
+    r.lowSpeedSeconds = 0;
+    unsigned id = m_Wan.Start(r);
+    ASSERT_NE(id, 0u);
+    usleep(300 * 1000);
+    EXPECT_TRUE(m_Wan.Cancel(id));
+    d = Await(id, 5000);
+    EXPECT_EQ(d.result, WAN_ERR_CANCELLED) << d.error;
+    EXPECT_FALSE(m_Wan.Cancel(id));
+}
+
+TEST_F(Wan, DestroyingTheClientEndsAStalledTransferPromptly)
+{
+    auto started = std::chrono::steady_clock::now();
+    {
+        cWanClient wan(&m_Svc);
+        tWanRequest r = Get(gPeers->Url(gPeers->peer, "/stall"), "gone.out");
+        r.lowSpeedSeconds = 0;
+        ASSERT_NE(wan.Start(r), 0u);
+        usleep(300 * 1000);
+        started = std::chrono::steady_clock::now();
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
+}
+
+TEST_F(Wan, TlsVerifiesPeerAndNamesTheReason)
+{
+    WriteFile(m_Dir + "/www/tls.txt", "over tls\n");
+    WriteFile(m_Dir + "/www/mtls/m.txt", "mutual\n");
+    sDone d = Run(Tls("/tls.txt", "tls.out"));
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(ReadFile(m_Dir + "/tls.out"), "over tls\n");
+
+    tWanRequest unknown = Tls("/tls.txt", "unknown.out");
+    unknown.caFile = m_Dir + "/other.crt";
+    d = Run(unknown);
+    EXPECT_EQ(d.result, WAN_ERR_TRANSFER);
+    EXPECT_NE(d.error.find("certificate"), std::string::npos) << d.error;
+
+    tWanRequest expired = Get(gPeers->Url(gPeers->expired, "/tls.txt", true), "expired.out");
+    expired.caFile = m_Dir + "/ca.crt";
+    d = Run(expired);
+    EXPECT_EQ(d.result, WAN_ERR_TRANSFER);
+    EXPECT_NE(d.error.find("expired"), std::string::npos) << d.error;
+
+    tWanRequest floor = Tls("/tls.txt", "floor.out");
+    floor.tlsMin = "1.7";
+    EXPECT_EQ(m_Wan.Start(floor), 0u);
+
+    tWanRequest mutual = Tls("/mtls/m.txt", "m.out");
+    d = Run(mutual);
+    EXPECT_EQ(d.status, 403u) << "no client certificate";
+    mutual.certFile = m_Dir + "/client.crt";
+    mutual.keyFile = m_Dir + "/client.key";
+    d = Run(mutual);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(ReadFile(m_Dir + "/m.out"), "mutual\n");
+    mutual.certFile = m_Dir + "/stranger.crt";
+    d = Run(mutual);
+    EXPECT_EQ(d.result, WAN_ERR_HTTP);
+    EXPECT_EQ(d.status, 400u) << "a certificate of another CA";
+}
+
+TEST_F(Wan, ProxyCarriesHttpAndTunnelsHttps)
+{
+    WriteFile(m_Dir + "/www/via.txt", "via proxy\n");
+    tWanRequest plain = Get(gPeers->Url(gPeers->http, "/via.txt"), "via1.out");
+    plain.proxy = gPeers->Url(gPeers->proxy, "");
+    tWanRequest tls = Tls("/via.txt", "via2.out");
+    tls.proxy = plain.proxy;
+    for (tWanRequest* r : {&plain, &tls}) {
+        sDone d = Run(*r);
+        EXPECT_EQ(d.result, WAN_OK) << r->url << " " << d.error;
+        EXPECT_EQ(ReadFile(r->file), "via proxy\n");
+    }
+    std::string log = ReadFile(m_Dir + "/tinyproxy.log");
+    EXPECT_NE(log.find("CONNECT 127.0.0.1:" + std::to_string(gPeers->https)), std::string::npos) << log;
+    EXPECT_NE(log.find("GET http://127.0.0.1:" + std::to_string(gPeers->http) + "/via.txt"), std::string::npos)
+        << log;
+}
+
+TEST_F(Wan, BasicAndDigestAuthentication)
+{
+    WriteFile(m_Dir + "/www/private/p.txt", "private\n");
+    tWanRequest basic = Get(gPeers->Url(gPeers->http, "/private/p.txt"), "p.out");
+    EXPECT_EQ(Run(basic).status, 401u);
+    basic.auth = tWanRequest::AUTH_BASIC;
+    basic.user = "meter";
+    basic.password = "secret";
+    sDone d = Run(basic);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+
+    tWanRequest digest = Get(gPeers->Url(gPeers->peer, "/digest"), "d.out");
+    digest.auth = tWanRequest::AUTH_DIGEST;
+    digest.user = "meter";
+    digest.password = "wrong";
+    EXPECT_EQ(Run(digest).status, 401u);
+    digest.password = "secret";
+    d = Run(digest);
+    EXPECT_EQ(d.result, WAN_OK) << d.error;
+    EXPECT_EQ(ReadFile(digest.file), "digest ok\n");
+}
