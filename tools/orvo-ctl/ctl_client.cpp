@@ -64,7 +64,7 @@ void cCtlClient::Close()
     m_In.clear();
 }
 
-bool cCtlClient::Send(const orvo::cMsg& msg)
+std::string Frame(const orvo::cMsg& msg)
 {
     const unsigned char kind = msg.GetTid().IsValid() ? 1 : 0;
     std::string payload;
@@ -75,7 +75,12 @@ bool cCtlClient::Send(const orvo::cMsg& msg)
     frame += static_cast<char>(kind);
     for (int i = 0; i < 4; ++i)
         frame += static_cast<char>((total >> (8 * i)) & 0xFF);
-    frame += payload;
+    return frame + payload;
+}
+
+bool cCtlClient::Send(const orvo::cMsg& msg)
+{
+    const std::string frame = Frame(msg);
     size_t done = 0;
     while (done < frame.size()) {
         const ssize_t n = send(m_Fd, frame.data() + done, frame.size() - done, MSG_NOSIGNAL);
@@ -105,7 +110,8 @@ bool cCtlClient::Receive(orvo::cMsg& msg, int timeoutMs, bool& timedOut)
         pollfd p{m_Fd, POLLIN, 0};
         const int ready = poll(&p, 1, timeoutMs);
         if (ready <= 0) {
-            timedOut = ready == 0;
+            // A signal (Ctrl-C) counts as a time-out: the caller decides.
+            timedOut = ready == 0 || errno == EINTR;
             return false;
         }
         char buf[8192];

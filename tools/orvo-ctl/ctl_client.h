@@ -30,6 +30,11 @@ private:
     std::string m_In;
 };
 
+// The message's whole frame as a TCP message socket sends it: 6-byte header
+// (version 4, kind 1 with a tid and 0 without, little-endian total length),
+// then the payload.
+std::string Frame(const orvo::cMsg& msg);
+
 // A message of type with a fresh transaction id.
 orvo::cMsg Request(unsigned long type);
 
