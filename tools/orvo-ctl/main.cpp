@@ -950,11 +950,12 @@ int Config(std::vector<std::string> args, bool json)
         return Usage("config: SERVICE [PATH] or SERVICE set PATH=VALUE wanted");
     if (args[0].find(':') != std::string::npos)
         return Usage("config: SERVICE must be a name the SCM knows");
-    if (set)
-        return ConfigSet(args[0], args[2], net, json);
+    // The SCM answers configuration requests only for services it knows.
     std::string sap;
     if (!ResolveService(args[0], net, sap))
         return EXIT_FAIL;
+    if (set)
+        return ConfigSet(args[0], args[2], net, json);
     cRecord config;
     if (!FetchConfig(args[0], net, config))
         return EXIT_FAIL;

@@ -3,13 +3,14 @@ _orvo_ctl()
 {
     local cur prev words cword
     _init_completion || return
-    local commands="list info config send journal eeprom statusw"
+    local commands="list info config trace snoop send journal eeprom statusw"
     if [[ $cword -eq 1 ]]; then
         COMPREPLY=($(compgen -W "$commands --help --version --json" -- "$cur"))
         return
     fi
     case $prev in
-        --scm|--timeout|--tail|--since) return ;;
+        --scm|--timeout|--tail|--since|--type) return ;;
+        --pcap) _filedir; return ;;
     esac
     case ${words[1]} in
         journal)
@@ -30,9 +31,13 @@ _orvo_ctl()
             fi ;;
         list)
             COMPREPLY=($(compgen -W "--scm --timeout --json --help" -- "$cur")) ;;
-        info|send|config)
+        info|send|config|trace|snoop)
             local extra=""
-            [[ ${words[1]} == send ]] && extra="--wait"
+            case ${words[1]} in
+                send) extra="--wait" ;;
+                trace) extra="--follow" ;;
+                snoop) extra="--type --pcap" ;;
+            esac
             if [[ $cur == -* ]]; then
                 COMPREPLY=($(compgen -W "--scm --timeout --json --help $extra" -- "$cur"))
             elif [[ $cword -eq 2 ]]; then
@@ -40,6 +45,10 @@ _orvo_ctl()
                 local names
                 names=$(orvo-ctl list --timeout 1000 2>/dev/null | awk 'NR > 1 { print $1 }')
                 COMPREPLY=($(compgen -W "$names" -- "$cur"))
+            elif [[ ${words[1]} == config && $cword -eq 3 ]]; then
+                COMPREPLY=($(compgen -W "set" -- "$cur"))
+            elif [[ ${words[1]} == trace && $cur == *=* ]]; then
+                COMPREPLY=($(compgen -P "${cur%%=*}=" -W "NONE FATAL ERROR WARNING INFO DEBUG SYSLOG ALL" -- "${cur#*=}"))
             fi ;;
     esac
 }

@@ -330,6 +330,167 @@ TEST(OrvoCtlServices, SilentPeerTimesOut)
     close(fd);
 }
 
+// orvo-ctl left running in the background (trace --follow, snoop).
+bool StartCtl(orvo_test::cScmProcess& process, const std::vector<std::string>& args)
+{
+    std::vector<std::string> words = {orvo_test::EnvOr("ORVO_CTL_BIN", "orvo-ctl")};
+    words.insert(words.end(), args.begin(), args.end());
+    return process.Spawn(words);
+}
+
+// The JSON objects printed one per line (other lines skipped).
+std::vector<tJson> JsonLines(const std::string& text)
+{
+    std::vector<tJson> lines;
+    size_t from = 0;
+    for (size_t nl; (nl = text.find('\n', from)) != std::string::npos; from = nl + 1) {
+        tJson j;
+        std::string error;
+        if (text[from] == '{' && orvo_tools::ParseJson(text.substr(from, nl - from), j, error))
+            lines.push_back(j);
+    }
+    return lines;
+}
+
+std::string ExamplesScmJson(const std::string& services)
+{
+    return R"({"services": {)" + services + "}}";
+}
+
+std::string MeterEntry()
+{
+    const std::string examples = orvo_test::EnvOr("ORVO_EXAMPLES_DIR", "examples");
+    return R"("meter": {"start": true, "command": ")" + examples +
+           R"(/meter_service -scm-sap {scm-sap}", "config": [{"name": "tick-ms", "type": "uint", "value": 200}]})";
+}
+
+// A trace unit switched on while the operator changes the configuration: the
+// service's own trace line about the change arrives live, and Ctrl-C leaves
+// every unit switched off.
+TEST(OrvoCtlServices, TraceFollowsAConfigurationChange)
+{
+    orvo_test::cScmTestDir dir;
+    orvo_test::cScmProcess scm;
+    ASSERT_TRUE(dir.StartScm(scm, ExamplesScmJson(MeterEntry())));
+    ASSERT_GT(orvo_test::RegisteredPid(scm, "meter", 0), 0);
+    ASSERT_TRUE(scm.WaitFor("'meter' ready", 20000));
+    const std::string scmAddr = "127.0.0.1:" + std::to_string(scm.Port());
+
+    orvo_test::cScmProcess trace;
+    ASSERT_TRUE(StartCtl(trace, {"trace", "meter", "meter=DEBUG", "--follow", "--json", "--scm", scmAddr}));
+    ASSERT_TRUE(trace.WaitFor("\"units\"", 20000)) << trace.Output();
+    tJson units = JsonLines(trace.Output()).at(0)["units"];
+    EXPECT_EQ(units["meter"], "DEBUG") << units.dump();
+
+    tRun set = Ctl("config meter set tick-ms=300 --json --scm " + scmAddr);
+    ASSERT_EQ(set.status, 0) << set.err;
+    tJson change = Parsed(set.out);
+    EXPECT_EQ(change["path"], "tick-ms");
+    EXPECT_EQ(change["old"]["value"], 200);
+    EXPECT_EQ(change["new"]["value"], 300);
+    EXPECT_EQ(change["new"]["type"], "uint");
+
+    ASSERT_TRUE(trace.WaitFor("new configuration, tick 300 ms", 20000)) << trace.Output();
+    EXPECT_EQ(trace.Interrupt(20000), 0) << trace.Output();
+    bool seen = false;
+    for (const tJson& line : JsonLines(trace.Output()))
+        if (line.contains("txt") && line["txt"] == "new configuration, tick 300 ms") {
+            seen = true;
+            EXPECT_EQ(line["unit"], "meter");
+            EXPECT_EQ(line["level"], "INFO");
+            EXPECT_EQ(line["service"], "meter");
+            EXPECT_GT(line["time"].get<long long>(), 1700000000000LL);
+        }
+    EXPECT_TRUE(seen) << trace.Output();
+
+    tJson info = Parsed(Ctl("info meter --json --scm " + scmAddr).out);
+    cRecord record, unitList;
+    std::string error;
+    ASSERT_TRUE(orvo_tools::JsonToRecord(info["record"], record, error)) << error;
+    record.GetFirstPar("units", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(unitList);
+    EXPECT_EQ(unitList.GetFirstParByPath("meter.level", ".").GetString(), "NONE") << unitList.ToString();
+    EXPECT_EQ(record.GetFirstPar("config").IsValid(), true);
+    EXPECT_EQ(Parsed(Ctl("config meter tick-ms --json --scm " + scmAddr).out)[0]["value"], 300);
+
+    tRun nested = Ctl("config meter set system.wdt-failures=5 --scm " + scmAddr);
+    EXPECT_EQ(nested.status, 0) << nested.err;
+    EXPECT_EQ(nested.out, "system.wdt-failures: 3 -> 5\n");
+
+    struct { std::string args; int status; std::string message; } failures[] = {
+        {"config meter set no.such=1", 1, "no configuration element 'no.such'"},
+        {"config meter set tick-ms=fast", 2, "wants an unsigned number"},
+        {"config meter set tick-ms=-1", 2, "wants an unsigned number"},
+        {"config meter set system=1", 2, "cannot be set"},
+        {"config meter set =1", 2, "PATH=VALUE"},
+        {"config nosuch set tick-ms=1", 1, "nosuch"},
+        {"trace meter meter=LOUD", 2, "not UNIT=LEVEL"},
+        {"trace nosuch meter=INFO", 1, "unknown service 'nosuch'"},
+    };
+    for (const auto& f : failures) {
+        tRun r = Ctl(f.args + " --scm " + scmAddr);
+        EXPECT_EQ(r.status, f.status) << f.args << ": " << r.err;
+        EXPECT_NE(r.err.find(f.message), std::string::npos) << f.args << ": " << r.err;
+    }
+    EXPECT_EQ(scm.Terminate(10000), 0);
+}
+
+// The meter reader's requests and the meter's readings, seen from the
+// meter: both directions, with the tid that pairs them, filtered by type.
+TEST(OrvoCtlServices, SnoopShowsBothDirectionsFilteredByType)
+{
+    const std::string examples = orvo_test::EnvOr("ORVO_EXAMPLES_DIR", "examples");
+    orvo_test::cScmTestDir dir;
+    orvo_test::cScmProcess scm;
+    ASSERT_TRUE(dir.StartScm(scm, ExamplesScmJson(MeterEntry() + R"(, "reader": {"start": true, "command": ")" +
+                                                   examples + R"(/meter_reader -scm-sap {scm-sap}",
+                                                   "config": [{"name": "read-ms", "type": "uint", "value": 200}]})")));
+    ASSERT_GT(orvo_test::RegisteredPid(scm, "meter", 0), 0);
+    const std::string scmAddr = "127.0.0.1:" + std::to_string(scm.Port());
+    const std::string pcap = "/tmp/orvo_ctl_test_snoop." + std::to_string(getpid()) + ".pcap";
+
+    orvo_test::cScmProcess snoop;
+    ASSERT_TRUE(StartCtl(snoop, {"snoop", "meter", "--type", "0x20002", "--type", "131073", "--json", "--pcap",
+                                 pcap, "--scm", scmAddr}));
+    size_t at = 0;
+    ASSERT_TRUE(snoop.WaitFor("\"0x20002\"", 20000)) << snoop.Output();
+    ASSERT_TRUE(snoop.WaitFor("\"0x20002\"", 20000, snoop.Output().find("\"0x20002\"") + 1, &at))
+        << snoop.Output();
+    EXPECT_EQ(snoop.Interrupt(20000), 0) << snoop.Output();
+
+    std::map<std::string, std::string> requests;   // tid -> direction of the 0x20001
+    int readings = 0;
+    for (const tJson& line : JsonLines(snoop.Output())) {
+        const std::string type = line["type"];
+        ASSERT_TRUE(type == "0x20001" || type == "0x20002") << line.dump();
+        EXPECT_EQ(line["peer"], "reader") << line.dump();
+        if (type == "0x20001") {
+            requests[line["tid"]] = line["dir"];
+            continue;
+        }
+        EXPECT_EQ(line["dir"], "sent") << line.dump();
+        cRecord r;
+        std::string error;
+        ASSERT_TRUE(orvo_tools::JsonToRecord(line["record"], r, error)) << error;
+        EXPECT_EQ(r.GetFirstPar("register").GetUInt(), 180u);
+        if (requests.count(line["tid"]) != 0) {
+            EXPECT_EQ(requests[line["tid"]], "received");
+            ++readings;
+        }
+    }
+    EXPECT_GE(readings, 1) << snoop.Output();
+
+    const std::string capture = Slurp(pcap);
+    ASSERT_GT(capture.size(), 24u);
+    EXPECT_EQ(capture.substr(0, 4), std::string("\xD4\xC3\xB2\xA1", 4));
+    EXPECT_EQ(capture[20], 101);   // LINKTYPE_RAW
+    unlink(pcap.c_str());
+
+    tRun gone = Ctl("snoop 127.0.0.1:1");
+    EXPECT_EQ(gone.status, 1);
+    EXPECT_NE(gone.err.find("cannot connect to 127.0.0.1:1"), std::string::npos) << gone.err;
+    EXPECT_EQ(scm.Terminate(10000), 0);
+}
+
 // The completion script offers the commands and each command's words.
 TEST(OrvoCtl, BashCompletion)
 {
@@ -342,6 +503,9 @@ TEST(OrvoCtl, BashCompletion)
         {"orvo-ctl statusw ", "get set clear --json --help"},
         {"orvo-ctl journal f --v", "--verify"},
         {"orvo-ctl send x 1 --w", "--wait"},
+        {"orvo-ctl sn", "snoop"},
+        {"orvo-ctl snoop x --p", "--pcap"},
+        {"orvo-ctl trace x --f", "--follow"},
     };
     for (const auto& c : cases) {
         std::string cmd = "bash -c 'source /usr/share/bash-completion/bash_completion; source " +
@@ -395,6 +559,18 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"statusw set 64", 2},
         {"statusw flip 1", 2},
         {"statusw --help", 0},
+        {"trace", 2},
+        {"trace x --bogus", 2},
+        {"trace x NOEQUALS", 2},
+        {"trace --help", 0},
+        {"snoop", 2},
+        {"snoop a b", 2},
+        {"snoop x --type", 2},
+        {"snoop x --type abc", 2},
+        {"snoop x --pcap", 2},
+        {"snoop --help", 0},
+        {"config x set", 2},
+        {"config x set a=1 b=2", 2},
     };
     for (const auto& c : cases) {
         tRun r = Ctl(c.args);
