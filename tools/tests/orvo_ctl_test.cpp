@@ -315,12 +315,20 @@ TEST(OrvoCtlServices, SilentPeerTimesOut)
     a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t len = sizeof a;
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
-    ASSERT_EQ(listen(fd, 4), 0);
+    ASSERT_EQ(listen(fd, 64), 0);   // never accepted: room for every attempt
     ASSERT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), 0);
     const std::string addr = "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
     tRun service = Ctl("info " + addr + " --timeout 300");
     EXPECT_EQ(service.status, 1);
     EXPECT_NE(service.err.find("did not answer within 300 ms"), std::string::npos) << service.err;
+    for (const char* command : {"trace ", "snoop "}) {
+        tRun r = Ctl(command + addr + " --timeout 300");
+        EXPECT_EQ(r.status, 1) << command;
+        EXPECT_NE(r.err.find("did not answer within 300 ms"), std::string::npos) << command << r.err;
+    }
+    tRun setting = Ctl("config meter set a=1 --timeout 300 --scm " + addr);
+    EXPECT_EQ(setting.status, 1);
+    EXPECT_NE(setting.err.find("SCM at " + addr + " did not answer"), std::string::npos) << setting.err;
     tRun listing = Ctl("list --timeout 300 --scm " + addr);
     EXPECT_EQ(listing.status, 1);
     EXPECT_NE(listing.err.find("did not answer within 300 ms"), std::string::npos) << listing.err;
