@@ -537,8 +537,7 @@ bool ResolveService(const std::string& service, const tNetOptions& net, std::str
     }
     cRecord entry;
     answer.GetRecord().GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(entry);
-    const char* text = entry.GetFirstPar("sap").GetText();
-    sap = text ? text : "";
+    sap = entry.GetFirstPar("sap").GetString();
     if (sap.find(':') == std::string::npos) {
         std::fprintf(stderr, "orvo-ctl: the SCM knows no sap for '%s'\n", service.c_str());
         return false;
@@ -615,10 +614,8 @@ int Info(std::vector<std::string> args, bool json)
         std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
         return EXIT_OK;
     }
-    auto text = [&](const char* name) {
-        const char* t = r.GetFirstPar(name).GetText();
-        return std::string(t ? t : "");
-    };
+    // GetString copies: a formatted value lives in the (temporary) view.
+    auto text = [&](const char* name) { return r.GetFirstPar(name).GetString(); };
     std::printf("%-11s %s\n", "name:", text("name").c_str());
     std::printf("%-11s %s\n", "sap:", text("sap").c_str());
     std::printf("%-11s %s\n", "service-id:", text("service-id").c_str());
@@ -629,9 +626,8 @@ int Info(std::vector<std::string> args, bool json)
     for (cRecordPar u = units.GetFirstPar(); u.IsValid(); units.SeekNextPar(u)) {
         cRecord unit;
         u.GetRecord(unit);
-        const char* name = unit.GetFirstPar("name").GetText();
-        const char* level = unit.GetFirstPar("level").GetText();
-        std::printf("%-24s %s\n", name ? name : "", level ? level : "");
+        std::printf("%-24s %s\n", unit.GetFirstPar("name").GetString().c_str(),
+                    unit.GetFirstPar("level").GetString().c_str());
     }
     std::printf("\nconfiguration:\n%s", config.ToString2(1).c_str());
     return EXIT_OK;
