@@ -142,7 +142,7 @@ bool cScmServer::SetUp()
     std::printf("orvo-scm listening on %s\n", m_Sap.c_str());
     std::fflush(stdout);
     m_pWatch.reset(new cFileWatch(m_Options.configPath));
-    m_pSupervisor.reset(new cSupervisor(this, m_Sap));
+    m_pSupervisor.reset(new cSupervisor(this, m_Sap, [this](const std::string& name) { return LogsToScm(name); }));
     m_pWdtTimer.reset(new cTimer(this, true, nullptr));
     m_pWdtTimer->Start(m_Options.wdtPeriodMs, kMsgWdtTick);
     m_pPollTimer.reset(new cTimer(this, true, nullptr));
@@ -161,6 +161,7 @@ int cScmServer::Run()
     cMsg msg;
     while (!m_bDone && GetMessage(msg))
         Handle(msg);
+    m_pSupervisor->DrainOutputs();
     Trace(INFO, "orvo-scm stopped");
     return 0;
 }
@@ -256,6 +257,17 @@ cRecord cScmServer::ConfigOf(const tService& service) const
         for (const auto& change : changes->second)
             SetAtPath(config, change.first, change.second);
     return config;
+}
+
+bool cScmServer::LogsToScm(const std::string& name)
+{
+    // A service that is not registered (yet, or any more) keeps what its
+    // last configuration said; before its first it sends no copies.
+    const tService* s = m_Registry.ByName(name);
+    if (s != nullptr)
+        m_LogsToScm[name] = ConfigOf(*s).GetFirstParByPath("trace.log-scm", ".").GetBool();
+    auto it = m_LogsToScm.find(name);
+    return it != m_LogsToScm.end() && it->second;
 }
 
 cRecord cScmServer::SystemPar(const tService& service) const

@@ -77,6 +77,9 @@ private:
 
     orvo::cRecord ConfigOf(const tService& service) const;
     orvo::cRecord SystemPar(const tService& service) const;
+    // Whether the named service sends its traces to the SCM now (its
+    // "trace.log-scm"), as the configuration it was given says.
+    bool LogsToScm(const std::string& name);
 
     tScmOptions m_Options;
     std::string m_Sap;                 // the address services reach us at
@@ -86,6 +89,7 @@ private:
     cWatchdogBook m_Watchdog;
     cRecordStore m_Store;
     std::unique_ptr<cSupervisor> m_pSupervisor;
+    std::map<std::string, bool> m_LogsToScm;            // by service name
     std::map<orvo::cUuid, std::string> m_PendingPush;   // 0x10015 tid -> service
     // A change asked for by a client (0x10015 with "service-name"): the
     // push's tid -> the client's channel and tid, answered when the service

@@ -5,8 +5,8 @@
 
 namespace orvo_scm {
 
-cSupervisor::cSupervisor(orvo::cService* service, const std::string& sap)
-    : m_pService(service), m_Sap(sap), m_bStopping(false)
+cSupervisor::cSupervisor(orvo::cService* service, const std::string& sap, tDropTraces dropTraces)
+    : m_pService(service), m_Sap(sap), m_DropTraces(std::move(dropTraces)), m_bStopping(false)
 {
 }
 
@@ -24,7 +24,15 @@ int cSupervisor::Start(const tServiceEntry& entry)
     const size_t blank = command.find(' ');
     const std::string file = command.substr(0, blank);
     const std::string args = blank == std::string::npos ? std::string() : command.substr(blank + 1);
-    child.pid = child.process->Exec(file.c_str(), args.c_str());
+    m_Outputs.remove_if([](const std::unique_ptr<cChildOutput>& o) { return o->IsDone(); });
+    int fd = -1;
+    orvo::cProcess& process = *child.process;
+    child.pid = cChildOutput::StartPiped([&] { return process.Exec(file.c_str(), args.c_str()); }, fd);
+    if (fd >= 0) {
+        const std::string name = entry.name;
+        tDropTraces drop = m_DropTraces;
+        m_Outputs.emplace_back(new cChildOutput(m_pService, fd, [drop, name] { return drop && drop(name); }));
+    }
     return child.pid;
 }
 
@@ -80,6 +88,12 @@ void cSupervisor::KillAll()
             kv.second.process->Kill();
         kv.second.pid = 0;   // Kill reports no end
     }
+}
+
+void cSupervisor::DrainOutputs()
+{
+    for (auto& output : m_Outputs)
+        output->Drain();
 }
 
 bool cSupervisor::AnyRunning() const

@@ -2,6 +2,8 @@
 // restart after an unexpected end or a watchdog failure, stop on shutdown.
 #pragma once
 
+#include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -9,6 +11,7 @@
 #include <orvo_process.h>
 
 #include "scm_config.h"
+#include "scm_output.h"
 
 namespace orvo {
 class cService;
@@ -18,9 +21,14 @@ namespace orvo_scm {
 
 class cSupervisor {
 public:
+    // Whether the named service's printed trace lines are left out of the
+    // console (they reach it as the SCM's copy).
+    using tDropTraces = std::function<bool(const std::string& name)>;
+
     // service reaps the children and receives their reports (0x8000-0x8002);
-    // sap replaces "{scm-sap}" in command lines.
-    cSupervisor(orvo::cService* service, const std::string& sap);
+    // sap replaces "{scm-sap}" in command lines. The children's standard
+    // output is copied to orvo-scm's (see cChildOutput).
+    cSupervisor(orvo::cService* service, const std::string& sap, tDropTraces dropTraces);
 
     // Starts the entry's command; its pid or -1.
     int Start(const tServiceEntry& entry);
@@ -39,6 +47,8 @@ public:
     // SIGKILL to every child still running.
     void KillAll();
     bool AnyRunning() const;
+    // Copies what the children's output pipes still hold.
+    void DrainOutputs();
 
 private:
     struct tChild {
@@ -48,7 +58,10 @@ private:
     };
     orvo::cService* m_pService;
     std::string m_Sap;
+    tDropTraces m_DropTraces;
     std::map<std::string, tChild> m_Children;   // by service name
+    // Output pipes, also of ended children until they are read to the end.
+    std::list<std::unique_ptr<cChildOutput>> m_Outputs;
     bool m_bStopping;
 };
 

@@ -160,4 +160,30 @@ TEST_F(ScmService, ExampleServicesFindEachOtherAndReconnectAfterARestart)
     EXPECT_EQ(scm.Terminate(kWait), 0);
 }
 
+TEST_F(ScmService, ChildOutputReachesTheConsoleAndTracesShowOnce)
+{
+    // The meter prints its traces (-log-stdout) and sends them to the SCM
+    // too (trace.log-scm): the console shows each once, as the SCM's copy.
+    // Lines of other forms, and trace-like lines of a program that is no
+    // service, pass unchanged.
+    const std::string examples = EnvOr("ORVO_EXAMPLES_DIR", "examples");
+    const std::string plain = "not a trace from the echo child";
+    const std::string traceLike = "01.02.2026 10:11:12.123(7) echo    |echo         [INFO      ]: trace-like";
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {
+        "meter": {"start": true, "command": ")" + examples + R"(/meter_service -scm-sap {scm-sap} -log-stdout"},
+        "echo1": {"start": true, "command": "echo )" + plain + R"("},
+        "echo2": {"start": true, "command": "echo ')" + traceLike + R"('"}}})",
+                         {"-restart-ms", "60000"}));
+    ASSERT_TRUE(scm.WaitFor("meter meter [INFO]: meter ready, sap", kWait));
+    ASSERT_TRUE(scm.WaitFor(plain, kWait));
+    ASSERT_TRUE(scm.WaitFor(traceLike, kWait));
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+    const std::string out = scm.Output();
+    size_t count = 0;
+    for (size_t at = out.find("meter ready, sap"); at != std::string::npos; at = out.find("meter ready, sap", at + 1))
+        ++count;
+    EXPECT_EQ(count, 1u) << out;
+}
+
 }  // namespace
