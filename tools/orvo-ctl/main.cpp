@@ -20,6 +20,10 @@
 #include <orvo_recordpath.h>
 #include <orvo_time.h>
 
+#ifdef ORVO_CTL_TYPE_NAMES
+#include <tesk.h>
+#endif
+
 #include "ctl_client.h"
 #include "pcap_writer.h"
 #include "scm_list.h"
@@ -1134,7 +1138,8 @@ int Trace(std::vector<std::string> args, bool json)
 const char* const kSnoopHelp =
     "Usage: orvo-ctl snoop SERVICE [--type T ...] [--pcap FILE] [--scm ADDR] [--timeout MS] [--json]\n"
     "Prints every message the service sends and receives, as it happens, until\n"
-    "Ctrl-C: time, direction (> sent, < received), peer, type, tid and record.\n"
+    "Ctrl-C: time, direction (> sent, < received), peer, type and its name,\n"
+    "tid and record.\n"
     "--json prints one object per line.\n"
     "\n"
     "  --type T     only messages of type T (0x... or decimal); may be repeated\n"
@@ -1142,6 +1147,19 @@ const char* const kSnoopHelp =
     "               is an IPv4+TCP packet on 127.0.0.1 carrying the message's\n"
     "               frame, from the service's sap port when it sent it, to it\n"
     "               when it received it, the other side port 47000\n";
+
+// The catalogue's name of a message type; the hexadecimal form when the
+// catalogue does not know it (or is not built in).
+std::string TypeName(unsigned long type)
+{
+#ifdef ORVO_CTL_TYPE_NAMES
+    return GetMsgTypeTxt(type);
+#else
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%06lX", type);
+    return text;
+#endif
+}
 
 // Writes a snoop report (0x7005) as a line and, when pcap is open, a packet.
 bool ShowSnoop(const cRecord& r, bool json, orvo_ctl::cPcapWriter* pcap)
@@ -1162,12 +1180,14 @@ bool ShowSnoop(const cRecord& r, bool json, orvo_ctl::cPcapWriter* pcap)
         line["dir"] = sent ? "sent" : "received";
         line["peer"] = peer;
         line["type"] = typeText;
+        line["type_name"] = TypeName(type);
         line["tid"] = tid.IsValid() ? tid.ToString() : "";
         line["record"] = orvo_tools::RecordToJson(record);
         std::printf("%s\n", line.dump(-1, ' ', false, tJson::error_handler_t::replace).c_str());
     } else {
-        std::printf("%s %s %-16s %-9s %s %s\n", LocalTime(ms).c_str(), sent ? ">" : "<", peer.c_str(), typeText,
-                    tid.IsValid() ? tid.ToString().c_str() : "-", record.ToString().c_str());
+        std::printf("%s %s %-16s %-9s %-20s %s %s\n", LocalTime(ms).c_str(), sent ? ">" : "<", peer.c_str(),
+                    typeText, TypeName(type).c_str(), tid.IsValid() ? tid.ToString().c_str() : "-",
+                    record.ToString().c_str());
     }
     std::fflush(stdout);
     if (pcap == nullptr)

@@ -471,6 +471,7 @@ TEST(OrvoCtlServices, SnoopShowsBothDirectionsFilteredByType)
         const std::string type = line["type"];
         ASSERT_TRUE(type == "0x20001" || type == "0x20002") << line.dump();
         EXPECT_EQ(line["peer"], "reader") << line.dump();
+        EXPECT_EQ(line["type_name"], type == "0x20001" ? "0x020001" : "0x020002");   // not in the catalogue
         if (type == "0x20001") {
             requests[line["tid"]] = line["dir"];
             continue;
