@@ -532,9 +532,26 @@ TEST(OrvoCtl, BashCompletion)
     }
 }
 
+struct tStatusCase {
+    std::string args;
+    int status;
+};
+
+// Exit statuses; a usage error (2) names the command on standard error.
+void ExpectStatuses(const std::vector<tStatusCase>& cases)
+{
+    for (const auto& c : cases) {
+        tRun r = Ctl(c.args);
+        EXPECT_EQ(r.status, c.status) << "orvo-ctl " << c.args << "\n" << r.err;
+        if (c.status == 2) {
+            EXPECT_NE(r.err.find("orvo-ctl"), std::string::npos) << c.args;
+        }
+    }
+}
+
 TEST(OrvoCtl, UsageErrorsAndMissingFiles)
 {
-    struct { std::string args; int status; } cases[] = {
+    ExpectStatuses({
         {"", 2},
         {"nosuchcommand", 2},
         {"journal", 2},
@@ -547,6 +564,18 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"journal --help", 0},
         {"--version", 0},
         {"eeprom a b", 2},
+        {"eeprom --bogus", 2},
+        {"statusw set", 2},
+        {"statusw set 64", 2},
+        {"statusw flip 1", 2},
+        {"statusw --help", 0},
+    });
+}
+
+// Caught before any connection is made.
+TEST(OrvoCtl, UsageErrorsOfServiceCommands)
+{
+    ExpectStatuses({
         {"info", 2},
         {"list extra", 2},
         {"send", 2},
@@ -563,11 +592,6 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"info x --timeout 0", 2},
         {"info x --bogus", 2},
         {"info --help", 0},
-        {"eeprom --bogus", 2},
-        {"statusw set", 2},
-        {"statusw set 64", 2},
-        {"statusw flip 1", 2},
-        {"statusw --help", 0},
         {"trace", 2},
         {"trace x --bogus", 2},
         {"trace x NOEQUALS", 2},
@@ -580,14 +604,7 @@ TEST(OrvoCtl, UsageErrorsAndMissingFiles)
         {"snoop --help", 0},
         {"config x set", 2},
         {"config x set a=1 b=2", 2},
-    };
-    for (const auto& c : cases) {
-        tRun r = Ctl(c.args);
-        EXPECT_EQ(r.status, c.status) << "orvo-ctl " << c.args << "\n" << r.err;
-        if (c.status == 2) {
-            EXPECT_NE(r.err.find("orvo-ctl"), std::string::npos) << c.args;
-        }
-    }
+    });
 }
 
 }  // namespace
