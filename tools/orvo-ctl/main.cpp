@@ -1048,6 +1048,7 @@ void PrintTraceLine(const cRecord& r, bool json)
     if (json) {
         tJson line;
         line["service"] = r.GetFirstPar("name").GetString();
+        line["service-id"] = r.GetFirstPar("service-id").GetString();
         line["unit"] = r.GetFirstPar("unit").GetString();
         line["level"] = r.GetFirstPar("level").GetString();
         line["time"] = ms;

@@ -401,12 +401,14 @@ TEST(OrvoCtlServices, TraceFollowsAConfigurationChange)
     ASSERT_TRUE(trace.WaitFor("new configuration, tick 300 ms", 20000)) << trace.Output();
     EXPECT_EQ(trace.Interrupt(20000), 0) << trace.Output();
     bool seen = false;
+    std::string serviceId;
     for (const tJson& line : JsonLines(trace.Output()))
         if (line.contains("txt") && line["txt"] == "new configuration, tick 300 ms") {
             seen = true;
             EXPECT_EQ(line["unit"], "meter");
             EXPECT_EQ(line["level"], "INFO");
             EXPECT_EQ(line["service"], "meter");
+            serviceId = line["service-id"];
             EXPECT_GT(line["time"].get<long long>(), 1700000000000LL);
         }
     EXPECT_TRUE(seen) << trace.Output();
@@ -417,6 +419,7 @@ TEST(OrvoCtlServices, TraceFollowsAConfigurationChange)
     ASSERT_TRUE(orvo_tools::JsonToRecord(info["record"], record, error)) << error;
     record.GetFirstPar("units", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(unitList);
     EXPECT_EQ(unitList.GetFirstParByPath("meter.level", ".").GetString(), "NONE") << unitList.ToString();
+    EXPECT_EQ(record.GetFirstPar("service-id").GetString(), serviceId);
     EXPECT_EQ(record.GetFirstPar("config").IsValid(), true);
     EXPECT_EQ(Parsed(Ctl("config meter tick-ms --json --scm " + scmAddr).out)[0]["value"], 300);
 
