@@ -33,7 +33,7 @@ BENCH_DIR := $(BUILD)/bench
 CTEST_RUN := $(CTEST) --output-on-failure -j$(CTEST_JOBS)
 
 .PHONY: all deps build demo test host-test select-build select-test install-test asan-build asan-test tsan-build tsan-test \
-        arm-sysroot arm-build arm-test deb deb-amd64 deb-armhf deb-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench install clean
+        arm-sysroot arm-build arm-test deb deb-amd64 deb-armhf deb-test fuzz-build fuzz fuzz-long bench-build bench-smoke bench soak install clean
 
 all: build
 
@@ -144,6 +144,14 @@ bench: deps bench-build
 	    echo "== $(BENCH_DIR)/bench/ipc_bench --placement=apart"; \
 	    $(BENCH_DIR)/bench/ipc_bench --placement=apart || exit 1; \
 	fi
+
+# The long run against orvo-scm and the example services (scripts/soak.sh):
+# builds only what it runs; SOAK_MINUTES (default 10); not part of `make test`.
+SOAK_MINUTES ?= 10
+soak:
+	$(CMAKE) -S . -B $(HOST_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_SANITIZE=OFF
+	$(CMAKE) --build $(HOST_DIR) -j$(JOBS) --target orvo-scm soak_driver meter_service meter_reader first_service
+	SOAK_MINUTES=$(SOAK_MINUTES) scripts/soak.sh $(HOST_DIR)
 
 # Installs stripped (no debug information: the amd64 library is 0.56 MB
 # instead of 7.5 MB); STRIP=0 keeps the symbols for debugging.
