@@ -1,6 +1,8 @@
 // scm_config.cpp - loading and watching the orvo-scm configuration file.
 #include "scm_config.h"
 
+#include <algorithm>
+
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -161,6 +163,62 @@ std::string ExpandCommand(const std::string& command, const std::string& sap)
     for (size_t at = out.find(kSap); at != std::string::npos; at = out.find(kSap, at + sap.size()))
         out.replace(at, kSap.size(), sap);
     return out;
+}
+
+namespace {
+
+void AppendElement(std::string& bytes, const orvo::cRecordPar& p)
+{
+    bytes.append(p.GetElement(), static_cast<size_t>(p.GetElementEnd() - p.GetElement()));
+}
+
+orvo::cRecord FromBytes(const std::string& bytes)
+{
+    return bytes.empty() ? orvo::cRecord() : orvo::cRecord(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+}  // namespace
+
+bool SetAtPath(orvo::cRecord& config, const std::vector<std::string>& levels, const orvo::cRecord& change)
+{
+    using namespace orvo;
+    std::string bytes;
+    if (levels.empty()) {
+        std::vector<std::string> placed;
+        for (cRecordPar p = config.GetFirstPar(); p.IsValid(); config.SeekNextPar(p)) {
+            const cRecordPar by = change.GetFirstPar(p.GetName());
+            const bool first = by.IsValid() && std::find(placed.begin(), placed.end(), p.GetName()) == placed.end();
+            if (first)
+                placed.push_back(p.GetName());
+            if (!by.IsValid())
+                AppendElement(bytes, p);
+            else if (first)
+                AppendElement(bytes, by);
+        }
+        for (cRecordPar c = change.GetFirstPar(); c.IsValid(); change.SeekNextPar(c))
+            if (std::find(placed.begin(), placed.end(), c.GetName()) == placed.end())
+                AppendElement(bytes, c);
+        config = FromBytes(bytes);
+        return true;
+    }
+    bool found = false;
+    for (cRecordPar p = config.GetFirstPar(); p.IsValid(); config.SeekNextPar(p)) {
+        if (found || p.GetName() != levels[0] || (p.GetType() & 0x0F) != RECORD_RECORD) {
+            AppendElement(bytes, p);
+            continue;
+        }
+        cRecord child;
+        p.GetRecord(child);
+        if (!SetAtPath(child, std::vector<std::string>(levels.begin() + 1, levels.end()), change))
+            return false;
+        cRecord one;
+        one.AppendRecordPar(levels[0].c_str(), child);
+        bytes.append(one.GetBuffer(), static_cast<size_t>(one.GetSize()));
+        found = true;
+    }
+    if (found)
+        config = FromBytes(bytes);
+    return found;
 }
 
 }  // namespace orvo_scm

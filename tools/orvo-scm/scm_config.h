@@ -52,4 +52,10 @@ private:
 // The text of command with every "{scm-sap}" replaced by sap.
 std::string ExpandCommand(const std::string& command, const std::string& sap);
 
+// config with the top-level elements of change put into the record that
+// levels name (each the first record element of that name, from the top):
+// an element of the same name is replaced in place, a new one appended.
+// False, config unchanged, when a level names no record element.
+bool SetAtPath(orvo::cRecord& config, const std::vector<std::string>& levels, const orvo::cRecord& change);
+
 }  // namespace orvo_scm

@@ -123,6 +123,14 @@ std::vector<tService*> cRegistry::Connected()
     return out;
 }
 
+std::vector<const tService*> cRegistry::All() const
+{
+    std::vector<const tService*> out;
+    for (const auto& kv : m_Services)
+        out.push_back(&kv.second);
+    return out;
+}
+
 cRecord cRegistry::InfoRecord(const tService& service)
 {
     cRecord tech, info, out;

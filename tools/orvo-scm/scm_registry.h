@@ -66,6 +66,8 @@ public:
     // Connected services whose notification mask has bit.
     std::vector<tService*> Subscribers(unsigned bit);
     std::vector<tService*> Connected();
+    // Every service registered since the start, connected or not, by name.
+    std::vector<const tService*> All() const;
 
     // The record of a service information answer: a sub-record "service"
     // with "service-id", "name", "tech" (one "service-tech" per technology),

@@ -1,5 +1,6 @@
 // scm_server.cpp - the message handling of orvo-scm.
 #include "scm_server.h"
+#include "scm_list.h"
 #include "scm_origin.h"
 
 #include <arpa/inet.h>
@@ -176,15 +177,12 @@ void cScmServer::Reply(cMsg& request, unsigned long type, const cRecord& record)
     request.GetChannel()->Send(answer);
 }
 
-// orvo-scm keeps its configuration in its file and no logs of its own: a
-// configuration push or a log request from a service is answered with 0x10017
+// orvo-scm keeps no logs of its own: a log request is answered with 0x10017
 // and a "reason", so the sender's synchronous call ends at once.
 void cScmServer::RefuseRequest(cMsg& msg)
 {
     cRecord reason;
-    reason.AppendTextPar("reason", msg.GetType() == MSG_SCM_SETCONFIG
-                                       ? "configuration is set by the SCM's file"
-                                       : "no logs kept by this SCM");
+    reason.AppendTextPar("reason", "no logs kept by this SCM");
     Trace(INFO, FormatString("request 0x%lx refused", msg.GetType()));
     Reply(msg, MSG_SCM_SETCONFIG_NACK, reason);
 }
@@ -204,13 +202,14 @@ void cScmServer::Handle(cMsg& msg)
     case MSG_SCM_WDT_ACK: OnWdtAnswer(msg); break;
     case MSG_SCM_SETCONFIG_ACK: OnSetConfigAnswer(msg, true); break;
     case MSG_SCM_SETCONFIG_NACK: OnSetConfigAnswer(msg, false); break;
+    case MSG_SCM_SETCONFIG: OnSetConfigRequest(msg); break;
     case MSG_SCM_SERVICE_INFO_REQUEST: OnServiceInfoRequest(msg); break;
+    case kMsgServiceListRequest: OnServiceListRequest(msg); break;
     case MSG_SCM_SET_SERVICE_TECH: OnSetServiceTech(msg); break;
     case MSG_SCM_NOTIFICATION_REQUEST: OnNotificationRequest(msg); break;
     case MSG_SCM_STORE_RECORD: OnStoreRecord(msg); break;
     case MSG_SCM_GET_STORED_RECORD: OnFetchRecord(msg); break;
     case MSG_SCM_TRACE_LOG: OnServiceTrace(msg); break;
-    case MSG_SCM_SETCONFIG:
     case MSG_SCM_LOG_REQUEST:
     case MSG_SCM_LOG_FETCH:
     case MSG_SCM_LOG_DELETE: RefuseRequest(msg); break;
@@ -277,7 +276,12 @@ void cScmServer::OnRegister(cMsg& msg)
 cRecord cScmServer::ConfigOf(const tService& service) const
 {
     const tServiceEntry* e = m_File.Find(service.name);
-    return e == nullptr ? service.registered : Overlay(service.registered, e->config);
+    cRecord config = e == nullptr ? service.registered : Overlay(service.registered, e->config);
+    auto changes = m_Changes.find(service.name);
+    if (changes != m_Changes.end())
+        for (const auto& change : changes->second)
+            SetAtPath(config, change.first, change.second);
+    return config;
 }
 
 bool cScmServer::LogsToScm(const std::string& name)
@@ -357,9 +361,57 @@ void cScmServer::OnSetConfigAnswer(cMsg& msg, bool applied)
     Trace(applied ? INFO : WARNING,
           "'" + it->second + "' " + (applied ? "applied" : "refused") + " the pushed configuration");
     m_PendingPush.erase(it);
+    auto set = m_PendingSet.find(msg.GetTid());
+    if (set == m_PendingSet.end())
+        return;
+    cMsg answer(applied ? MSG_SCM_SETCONFIG_ACK : MSG_SCM_SETCONFIG_NACK);
+    answer.SetTid(set->second.tid);
+    set->second.channel->Send(answer);
+    m_PendingSet.erase(set);
 }
 
-void cScmServer::PushConfig(tService& service)
+// A client's change of a service's configuration: "service-name" (text),
+// "path" (record path of the levels above the change; an empty one or "."
+// for the top level) and "config" (the elements to put there). The change
+// is kept (over the configuration file) and the service gets its whole new
+// configuration; the client's answer (0x10016, or 0x10017 with a "reason")
+// follows the service's.
+void cScmServer::OnSetConfigRequest(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    // No name: the asking service changes its own configuration.
+    std::string name = Text(r, "service-name");
+    tService* s = name.empty() ? m_Registry.ByChannel(msg.GetChannel()) : m_Registry.ByName(name);
+    if (s != nullptr)
+        name = s->name;
+    cRecord pathRec, change;
+    r.GetFirstPar("path", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(pathRec);
+    const bool hasChange = r.GetFirstPar("config", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(change);
+    std::vector<std::string> levels;
+    for (cRecordPar p = pathRec.GetFirstPar(); p.IsValid(); pathRec.SeekNextPar(p))
+        if (std::string(p.GetName()) != ".")
+            levels.push_back(p.GetName());
+    std::string reason;
+    cRecord changed = s != nullptr ? ConfigOf(*s) : cRecord();
+    if (s == nullptr || s->channel == nullptr)
+        reason = "unknown service '" + name + "'";
+    else if (!hasChange || change.IsEmpty())
+        reason = "no configuration elements to set";
+    else if (!SetAtPath(changed, levels, change))
+        reason = "the configuration of '" + name + "' has no such path";
+    if (!reason.empty()) {
+        cRecord refusal;
+        refusal.AppendTextPar("reason", reason);
+        Reply(msg, MSG_SCM_SETCONFIG_NACK, refusal);
+        Trace(WARNING, "configuration change refused: " + reason);
+        return;
+    }
+    m_Changes[name].emplace_back(levels, change);
+    Trace(INFO, "configuration of '" + name + "' changed by a client: " + change.ToString());
+    m_PendingSet[PushConfig(*s)] = tSetRequest{msg.GetChannel(), msg.GetTid()};
+}
+
+cUuid cScmServer::PushConfig(tService& service)
 {
     cRecord path, filter, push;
     path.AppendRecordPar(".", cRecord());
@@ -375,6 +427,7 @@ void cScmServer::PushConfig(tService& service)
     m_PendingPush[tid] = service.name;
     Trace(INFO, "configuration of '" + service.name + "' changed: pushed");
     SendTo(service, msg);
+    return tid;
 }
 
 void cScmServer::PollFile()
@@ -432,6 +485,20 @@ void cScmServer::OnServiceInfoRequest(cMsg& msg)
     else
         unknown.AppendTextPar("service-tech", byTech.GetString());
     Reply(msg, MSG_SCM_TECH_UNKNOWN, unknown);
+}
+
+// orvo-ctl list: one "service" sub-record per registered service, as in a
+// service information answer, with "state" "connected" or "disconnected".
+void cScmServer::OnServiceListRequest(cMsg& msg)
+{
+    cRecord list;
+    for (const tService* s : m_Registry.All()) {
+        cRecord entry;
+        cRegistry::InfoRecord(*s).GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(entry);
+        entry.AppendTextPar("state", s->channel != nullptr ? "connected" : "disconnected");
+        list.AppendRecordPar("service", entry);
+    }
+    Reply(msg, kMsgServiceListAnswer, list);
 }
 
 void cScmServer::OnSetServiceTech(cMsg& msg)
@@ -562,6 +629,8 @@ void cScmServer::OnServiceTrace(cMsg& msg)
 
 void cScmServer::OnClosed(cMsg& msg)
 {
+    for (auto it = m_PendingSet.begin(); it != m_PendingSet.end();)
+        it = it->second.channel == msg.GetChannel() ? m_PendingSet.erase(it) : std::next(it);
     const std::string name = m_Registry.Disconnect(msg.GetChannel());
     if (name.empty())
         return;
