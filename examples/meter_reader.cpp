@@ -79,8 +79,12 @@ int main(int argc, char** argv)
     cTimer poll(&service, true, nullptr);
 
     cMsg msg;
+    unsigned long answersSeen = 0;
     while (service.GetMessage(msg)) {
-        if (msg == MSG_SCM_GETCONFIG_ACK) {   // configured: run, then let the link look for "meter"
+        // Configured (the service's own answer, not a late duplicate): run,
+        // then let the link look for "meter".
+        if (msg == MSG_SCM_GETCONFIG_ACK && service.GetConfigAnswersTaken() != answersSeen) {
+            answersSeen = service.GetConfigAnswersTaken();
             const unsigned int ms = GetConfig()->GetFirstPar("read-ms").GetUInt();
             poll.Start(ms > 0 ? ms : 1000, kMsgPoll);
             service.SetReady();

@@ -1,12 +1,14 @@
 // The JSON form of records (tools/orvo-scm/record_json.cpp) on arbitrary
 // input, read two ways: as record bytes, which must come back unchanged
 // through JSON; and as JSON text, which, when accepted, must print back as
-// the same JSON.
+// the same JSON. The same text as orvo-scm's configuration file: a refused
+// file leaves the loaded one as it was.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 #include "record_json.h"
+#include "scm_config.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
@@ -25,5 +27,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (ParseJson(std::string(reinterpret_cast<const char*>(data), size), json, error) &&
         JsonToRecord(json, back, error) && RecordToJson(back) != json)
         abort();   // accepted JSON prints back as itself
+
+    orvo_scm::tScmFile file;
+    file.services.resize(1);
+    file.services[0].name = "kept";
+    if (!orvo_scm::ParseScmFile(std::string(reinterpret_cast<const char*>(data), size), file, error) &&
+        (file.services.size() != 1 || file.services[0].name != "kept" || error.empty()))
+        abort();
     return 0;
 }

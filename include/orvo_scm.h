@@ -13,7 +13,11 @@
 //
 // PreDispatchMessage sees every message before the program does; it consumes
 // the SCM protocol messages and passes everything else on to
-// cService::PreDispatchMessage:
+// cService::PreDispatchMessage. The SCM protocol (0x10001, 0x10002, 0x10004,
+// 0x10007, 0x10008, 0x10015, 0x1012c, 0x10141) is acted on only when the
+// message's channel is the SCM socket; the same types from any other channel
+// (a client on the sap, an internal sender) go on to the base dispatch and
+// the program like any application message:
 //
 //   0x4002 from the SCM socket  send 0x10000                       consumed
 //   0x4000 from the SCM socket  "can't connect to SCM; exit service",
@@ -24,6 +28,8 @@
 //                               exit(1)
 //   0x10001                     fresh pending id, send 0x10003     consumed
 //   0x10002                     refusal traced, 0x1005 to OnMsg    consumed
+//                               (0x1005 is a stop message: the loop ends
+//                               and with it, in the usual main, the process)
 //   0x10004                     configuration taken when it answers the
 //                               pending request for this service's
 //                               root ("path" empty), else ignored  passed on
@@ -32,6 +38,11 @@
 //   0x10015                     valid "path": configuration changed, 0x10016
 //                               back, record = "old-config"        passed on
 //                               otherwise 0x10017 back              passed on
+//                               A partial change ("full-config" not true)
+//                               that holds no record to put in place of the
+//                               addressed record would only delete it: it
+//                               is refused with 0x10017 and the
+//                               configuration stays as it was.
 //   0x10141                     "scm-health" kept                  consumed
 //
 // The SCM's watchdog trigger (MSG_SCM_WDT, record "seq-no") reaches the
@@ -111,7 +122,8 @@ public:
     // does not own. The service still registers: it keeps its configuration,
     // watchdog and outgoing links.
     bool Init(const std::string& name, cSocketAddr sap, const std::string& failureAction);
-    // Init(name, sap, kDefaultFailureAction).
+    // Init(name, sap, kDefaultFailureAction): the short form's failure
+    // action is "restart".
     bool Init(const std::string& name, cSocketAddr sap) override;
     // Init(name, empty sap (the configuration's "port"), failureAction).
     bool Init(const std::string& name, const std::string& failureAction);
@@ -135,7 +147,11 @@ public:
                    const cRecord& config) const;
     // 0x10015, fresh message id: "service-name", "broadcast" true.
     int SetConfigReady(const char* service) const;
-    // SetConfig with a config record of the one value name at path.
+    // SetConfig with a config record of the one value name at path. A
+    // change replaces the addressed record by the records it holds, so this
+    // one-value shape can only delete; a service built on this library
+    // refuses it (0x10017) and orvo-scm refuses every push from a service.
+    // To change one value, send the addressed record whole with SetConfig.
     int SetConfigUInt(const char* service, const cRecordPath& path, const char* name,
                       unsigned int value) const;
     int SetConfigBool(const char* service, const cRecordPath& path, const char* name,
@@ -186,6 +202,10 @@ public:
     // Id of the configuration request waiting for its answer (invalid when
     // none).
     const cUuid& GetPendingConfigId() const { return m_PendingConfig; }
+    // How many configuration answers (0x10004) this service has taken as its
+    // own; it changes only when an answer is accepted, so a late duplicate or
+    // an answer about another service leaves it as it is.
+    unsigned long GetConfigAnswersTaken() const { return m_ConfigAnswersTaken; }
     uint64_t GetBcTimeLost() const { return m_BcTimeLost; }
     uint32_t GetMsgQSize() const { return m_MsgQSize; }
     const std::string& GetScmHealth() const { return m_ScmHealth; }
@@ -207,6 +227,7 @@ private:
     cMsgTcpSocket* m_pScmSocket;    // owned; null without an SCM
     std::string m_ServiceTech;      // "unknown" until SetServiceTech
     cUuid m_PendingConfig;          // id of the pending 0x10003
+    unsigned long m_ConfigAnswersTaken = 0;
     uint64_t m_BcTimeLost;          // ".system.bc-timelost"
     uint32_t m_MsgQSize;            // ".system.msgQsize"
     std::string m_ScmHealth;        // last "scm-health"

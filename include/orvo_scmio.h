@@ -24,8 +24,10 @@
 // connected one connects there (while not connected; a connected link keeps
 // its SAP); the peer's 0x4002 makes it connected (OnConnect); its 0x4003
 // makes it closed (OnClose) and arms a 5-second health timer whose 0x1014d
-// asks the SCM again. A failed connect (0x4000) is traced and left idle
-// until the SCM reports the technology again or HealthRequest is called.
+// asks the SCM again. A failed connect (0x4000) ends the same way as a close:
+// traced, OnClose, the health timer armed. Only the owner's own accepted
+// configuration answer starts the look-up; late duplicates and answers about
+// other services do not.
 //
 // Records that are not service descriptions (missing or wrongly typed keys)
 // decode as not valid and change nothing.
@@ -101,7 +103,9 @@ public:
     // and RequestServiceInfoByTech(tech) on the owner.
     void Start();
     // Not connected: "connect to tech '<tech>', sap=<announced>" (DEBUG),
-    // closes the socket and connects it anew to the announced SAP.
+    // closes the socket, drops the queued events of the old connection and
+    // connects it anew to the announced SAP; a SAP that is no address is
+    // traced at ERROR and ends in the closed state (OnClose, health timer).
     // Connected: "already connected to tech '<tech>', sap=<connected>"
     // (INFO), nothing else.
     void ConnectChannel();
@@ -111,7 +115,8 @@ public:
     bool IsMsgFromHere(const cMsg& msg) const;
     // Arms the health timer (5 s, 0x1014d) unless it runs already.
     void HealthRequest();
-    // Handles what concerns this connection (0x10004, 0x10019, 0x10140,
+    // Handles what concerns this connection (0x10004 only when the owner has
+    // just accepted it as its own configuration answer, 0x10019, 0x10140,
     // 0x1001a, this connection's 0x1014d, socket events) and returns 1 for
     // those; socket events of other channels also return 1, untouched.
     // Everything else: DispatchMessage(msg).
@@ -130,6 +135,8 @@ public:
 private:
     // An info from 0x10019 / an "add-technology" notification.
     void TakeServiceInfo(const cRecord& rec, const char* logText);
+    // Not connected: m_ConnectedSap cleared, OnClose(), health timer started.
+    void EndInClosedState();
 
     std::string m_Tech;
     std::string m_ConnectedSap;
@@ -137,6 +144,7 @@ private:
     cScmService* m_pOwner;
     cMsgTcpSocket m_Socket;
     cTimer m_HealthTimer;
+    unsigned long m_ConfigAnswersSeen = 0;  // owner's count at the last look-up start
 };
 
 }  // namespace orvo

@@ -2,8 +2,9 @@
 # The platform demo: orvo-scm starts the meter service and the meter reader
 # from examples/demo_scm.json; the reader finds "meter" through the SCM and
 # prints readings. After a few seconds the meter is killed: orvo-scm starts
-# it again and the reader reconnects to the new one. Then SIGTERM stops
-# everything. Bounded: at most about 30 seconds.
+# it again and the reader reconnects to the new one. The demo ends with what
+# an operator sees of it: orvo-ctl list and orvo-ctl info meter; then SIGTERM
+# stops everything. Bounded: at most about 30 seconds.
 #
 #     scripts/demo-platform.sh [build dir, default build/host]
 set -euo pipefail
@@ -27,10 +28,18 @@ if [ -n "$meter" ]; then
     kill -KILL "$meter"
 fi
 sleep 5
-echo "=== demo: stopping orvo-scm ==="
-kill -TERM "$scm"
-status=0
-wait "$scm" || status=$?
+# The operator's view of the running platform ends the demo: the SCM's log
+# stops here, orvo-scm is stopped quietly afterwards.
+kill "$follow" 2>/dev/null || true
 wait "$follow" 2>/dev/null || true
+scm_addr=$(grep -o 'listening on 127\.0\.0\.1:[0-9]*' "$log" | head -n 1 | cut -d' ' -f3)
+status=0
+for cmd in "list" "info meter"; do
+    echo "=== demo: orvo-ctl $cmd --scm $scm_addr ==="
+    # shellcheck disable=SC2086 # cmd is two words on purpose
+    tools/orvo-ctl $cmd --scm "$scm_addr" || status=1
+done
+kill -TERM "$scm"
+wait "$scm" || status=$?
 grep -q "register 180 = " "$log" || { echo "demo: no reading was exchanged"; exit 1; }
 exit $status

@@ -61,6 +61,19 @@ cRecord SystemDefaults(const std::string& failureAction)
     return system;
 }
 
+// A unit is named by its object name (what the registered configuration
+// publishes, "orvo" for UnitORVO) or by its key in the unit map.
+cUnit* FindUnit(const std::string& name)
+{
+    auto found = mUnits->find(name);
+    if (found != mUnits->end() && found->second != nullptr)
+        return found->second;
+    for (const auto& entry : *mUnits)
+        if (entry.second != nullptr && entry.second->GetObjName() == name)
+            return entry.second;
+    return nullptr;
+}
+
 // Every sub-record of the configuration's "trace" record that holds a
 // "trace-level" text sets the level of the unit of that name (units that do
 // not exist are not created).
@@ -74,9 +87,9 @@ void ApplyTraceLevels(const cRecord& config)
         if (p.GetType() != RECORD_RECORD || !p.GetRecord(unit))
             continue;
         cRecordPar level = TypedPar(unit, "trace-level", RECORD_TEXT);
-        auto found = mUnits->find(p.GetName());
-        if (level.IsValid() && found != mUnits->end() && found->second != nullptr)
-            SetTraceLevel(found->second, level.GetString());
+        cUnit* target = level.IsValid() ? FindUnit(p.GetName()) : nullptr;
+        if (target != nullptr)
+            SetTraceLevel(target, level.GetString());
     }
 }
 
@@ -106,9 +119,17 @@ bool cScmService::Init(const std::string& name, cSocketAddr sap, const std::stri
         const std::string text = scmSap.GetString();
         m_pScmSocket = new cMsgTcpSocket(this, nullptr);
         m_pScmSocket->SetObjName("scm");
-        if (m_pScmSocket->Socket(AF_INET, SOCK_STREAM, 0) >= 0)
-            m_pScmSocket->Connect(cSocketAddr(text.c_str(), 0));
         gSCMsocket = m_pScmSocket;
+        const cSocketAddr addr(text.c_str(), 0);
+        if (addr.GetIP() == 0 || addr.GetPort() == 0) {
+            // Not an address to connect to: the loop takes the failed-connect
+            // path as if the connection had been refused.
+            ORVO_TRACE(UnitORVO, ERROR, "malformed SCM-SAP '" + text + "'");
+            cMsg failed(MSG_SOCKET_CONNECT_FAILED, m_pScmSocket, nullptr);
+            OnMsg(failed);
+        } else if (m_pScmSocket->Socket(AF_INET, SOCK_STREAM, 0) >= 0) {
+            m_pScmSocket->Connect(addr);
+        }
     }
     GetConfig()->AppendRecordPar("system", SystemDefaults(failureAction));
     return true;
@@ -151,8 +172,30 @@ bool cScmService::FromScm(const cMsg& msg) const
            msg.GetChannel() == static_cast<cChannel*>(m_pScmSocket);
 }
 
+// The SCM protocol is only taken from the SCM socket: any other peer that
+// sends one of these types is an ordinary client and its message goes on to
+// the program untouched.
+static bool IsScmProtocol(unsigned long type)
+{
+    switch (type) {
+    case MSG_SCM_SYNTAX_ERROR:
+    case MSG_SCM_REGISTER_ACK:
+    case MSG_SCM_REGISTER_NACK:
+    case MSG_SCM_GETCONFIG_ACK:
+    case MSG_SCM_RUN_ACK:
+    case MSG_SCM_NOP:
+    case MSG_SCM_SETCONFIG:
+    case MSG_SCM_HEALTH:
+        return true;
+    default:
+        return false;
+    }
+}
+
 bool cScmService::PreDispatchMessage(cMsg& msg)
 {
+    if (IsScmProtocol(msg.GetType()) && !FromScm(msg))
+        return cService::PreDispatchMessage(msg);
     switch (msg.GetType()) {
     case MSG_SOCKET_CONNECTED:
         if (!FromScm(msg))
@@ -285,6 +328,7 @@ bool cScmService::TakeConfigAnswer(cMsg& msg)
     ApplyConfig(*GetConfig(), "SCM_GETCONFIG_ACK ");
     msg.GetRecord() = cRecord();
     m_PendingConfig.Clear();
+    ++m_ConfigAnswersTaken;
     return true;
 }
 
@@ -295,6 +339,15 @@ void cScmService::ApplyConfig(const cRecord& config, const char* logPrefix)
 }
 
 // A configuration change pushed by the SCM; false when it is refused.
+// True when changing config at path gave the same as removing what path
+// addresses, and that removal takes something away: the change held no
+// record to put in place of the target.
+static bool WouldOnlyRemove(const cRecord& config, const cRecordPath& path, const cRecord& changed)
+{
+    const cRecord removed = ChangeRecord(config, path, cRecord(), "", true);
+    return removed.ToString() == changed.ToString() && removed.ToString() != config.ToString();
+}
+
 bool cScmService::OnSetConfig(cMsg& msg)
 {
     const cRecord& r = msg.GetRecord();
@@ -314,12 +367,20 @@ bool cScmService::OnSetConfig(cMsg& msg)
     ORVO_TRACE(UnitORVO, INFO, "change " + path.ToString());
     const bool full = TypedPar(r, "full-config", RECORD_BOOL).GetBool();
 
+    cRecord changed = full ? change : ChangeRecord(*GetConfig(), path, change, "", true);
+    if (!full && WouldOnlyRemove(*GetConfig(), path, changed)) {
+        // A change without a record to put in place would delete the
+        // addressed record: refused, so no sender loses data unknowingly.
+        ORVO_TRACE(UnitORVO, ERROR, "change " + path.ToString() + " refused: it would remove the target");
+        cMsg nack(MSG_SCM_SETCONFIG_NACK);
+        nack.SetTid(msg.GetTid());
+        if (back != nullptr)
+            back->Send(nack);
+        return false;
+    }
     cRecord old;
     old.AppendRecordPar("old-config", *GetConfig());
-    if (full)
-        *GetConfig() = change;
-    else
-        *GetConfig() = ChangeRecord(*GetConfig(), path, change, "", true);
+    *GetConfig() = changed;
     ApplyConfig(*GetConfig(), "SCM_SETCONFIG_ACK ");
 
     cMsg ack(MSG_SCM_SETCONFIG_ACK);

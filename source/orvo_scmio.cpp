@@ -122,8 +122,26 @@ void cScmServiceIO::ConnectChannel()
     }
     ORVO_TRACE(UnitORVO, DEBUG, "connect to tech '" + m_Tech + "', sap=" + m_AnnouncedSap);
     m_Socket.Close();
+    // Events of the connection just dropped must not be taken for the new one.
+    if (m_pOwner != nullptr)
+        m_pOwner->RemoveMsgsByObject(&m_Socket);
+    const cSocketAddr addr(m_AnnouncedSap.c_str(), 0);
+    if (addr.GetIP() == 0 || addr.GetPort() == 0) {
+        ORVO_TRACE(UnitORVO, ERROR,
+                   "malformed sap '" + m_AnnouncedSap + "' of tech '" + m_Tech + "'");
+        EndInClosedState();
+        return;
+    }
     if (m_Socket.Socket(AF_INET, SOCK_STREAM, 0) >= 0)
-        m_Socket.Connect(cSocketAddr(m_AnnouncedSap.c_str(), 0));
+        m_Socket.Connect(addr);
+}
+
+// Closed, the program told, a new look-up when the health timer runs out.
+void cScmServiceIO::EndInClosedState()
+{
+    m_ConnectedSap.clear();
+    OnClose();
+    m_HealthTimer.Start(kHealthMs, MSG_SCM_TECH_HEALTH_TIMEOUT);
 }
 
 int cScmServiceIO::Send(cMsg& msg)
@@ -166,6 +184,9 @@ int cScmServiceIO::ProcessMsg(const cMsg& msg)
     const cRecord& r = msg.GetRecord();
     switch (msg.GetType()) {
     case MSG_SCM_GETCONFIG_ACK:
+        if (m_pOwner == nullptr || m_pOwner->GetConfigAnswersTaken() == m_ConfigAnswersSeen)
+            return 1;
+        m_ConfigAnswersSeen = m_pOwner->GetConfigAnswersTaken();
         ORVO_TRACE(UnitORVO, DEBUG, "get config to tech '" + m_Tech + "' received");
         Start();
         return 1;
@@ -202,16 +223,14 @@ int cScmServiceIO::ProcessMsg(const cMsg& msg)
     case MSG_SOCKET_CLOSED:
         if (!IsMsgFromHere(msg))
             return 1;
-        m_ConnectedSap.clear();
         ORVO_TRACE(UnitORVO, DEBUG, "connection to tech '" + m_Tech + "' shutdown");
-        OnClose();
-        m_HealthTimer.Start(kHealthMs, MSG_SCM_TECH_HEALTH_TIMEOUT);
+        EndInClosedState();
         return 1;
     case MSG_SOCKET_CONNECT_FAILED:
         if (!IsMsgFromHere(msg))
             return 1;
-        m_ConnectedSap.clear();
         ORVO_TRACE(UnitORVO, ERROR, "connection to tech '" + m_Tech + "' failed");
+        EndInClosedState();
         return 1;
     default:
         break;

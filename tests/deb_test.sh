@@ -74,13 +74,25 @@ cmake -S "$src/tests/install_consumer" -B "$work/cmake" >"$work/cmake.log" 2>&1 
 step "a program builds against the packages with pkg-config and find_package(orvo)"
 
 [ -x /usr/bin/orvo-scm ] || fail "orvo-scm not installed"
-if [ -x /usr/bin/orvo-ctl ]; then
-    orvo-ctl --help >"$work/help" || fail "orvo-ctl --help"
-    grep -q list "$work/help" || fail "orvo-ctl --help does not list its subcommands"
-    MANPAGER=cat man orvo-ctl 2>/dev/null | grep 'orvo-ctl' >/dev/null || fail "man orvo-ctl"
-    step "orvo-ctl --help and man orvo-ctl work"
+[ -x /usr/bin/orvo-ctl ] || fail "orvo-ctl not installed"
+# The operator's command, its man page and its completion come with orvo-tools.
+for f in /usr/bin/orvo-ctl /usr/share/bash-completion/completions/orvo-ctl /usr/share/man/man1/orvo-ctl.1.gz; do
+    owner="$(dpkg -S "$f" 2>/dev/null | cut -d: -f1)"
+    [ "$owner" = orvo-tools ] || fail "$f belongs to '${owner:-no package}', not orvo-tools"
+done
+orvo-ctl --help >"$work/help" || fail "orvo-ctl --help"
+for c in list info config trace snoop send journal eeprom statusw; do
+    grep -q "^  $c" "$work/help" || fail "orvo-ctl --help does not list '$c'"
+    orvo-ctl "$c" --help | grep -q "^Usage: orvo-ctl $c" || fail "orvo-ctl $c --help"
+done
+MANPAGER=cat man orvo-ctl 2>/dev/null >"$work/man" || fail "man orvo-ctl"
+grep -q 'snoop' "$work/man" && grep -q 'trace' "$work/man" || fail "man orvo-ctl does not describe trace and snoop"
+step "orvo-ctl --help, every COMMAND --help and man orvo-ctl work"
+if man -w orvo-scm >/dev/null 2>&1; then
+    MANPAGER=cat man 8 orvo-scm 2>/dev/null | grep -q 'orvo-scm' || fail "man 8 orvo-scm"
+    step "man 8 orvo-scm works"
 else
-    step "SKIPPED: orvo-ctl is not in this tree yet (no --help or man page to check)"
+    step "no orvo-scm(8) page installed"
 fi
 
 lua=/usr/share/orvo/orvo.lua

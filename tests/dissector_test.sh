@@ -5,7 +5,9 @@
 #     frame, payload and a nested record is checked, a frame split over two
 #     segments is reassembled, and malformed records end in an expert note
 #     instead of a loop;
-#  2. a real exchange captured on the loopback (root only): orvo-scm with the
+#  2. a capture written by orvo-ctl snoop of the meter service while the
+#     reader polls it and its configuration is changed;
+#  3. a real exchange captured on the loopback (root only): orvo-scm with the
 #     meter service and reader of examples/, decoded with "Decode As" on the
 #     SCM's port and on the meter's sap port read from its registration.
 #
@@ -127,7 +129,49 @@ decode -r "$work/random.pcap" -Y orvo -T fields -e orvo.type >"$work/random.txt"
 [ "$(grep -c . "$work/random.txt")" = 150 ] || fail "not all 150 random frames were decoded"
 step "150 frames of random record bytes decoded without a hang or an error"
 
-# 2. A real exchange on the loopback.
+# 2. A capture written by orvo-ctl snoop: the meter service seen while the
+#    reader polls it and an operator changes its configuration.
+ctl="$build/tools/orvo-ctl"
+[ -x "$ctl" ] || fail "$ctl not built"
+sed -e "s|examples/|$build/examples/|" -e 's|"value": 1000|"value": 200|' \
+    "$src/examples/demo_scm.json" >"$work/snoop-scm.json"
+timeout 60 "$build/tools/orvo-scm" -config "$work/snoop-scm.json" -listen 127.0.0.1:0 \
+    -store "$work/snoop-records" >"$work/snoop-scm.log" 2>&1 &
+pids+=($!)
+snoop_scm=$!
+for _ in $(seq 300); do grep -q "register 180 = " "$work/snoop-scm.log" && break; sleep 0.1; done
+scm_addr="$(grep -o 'listening on 127\.0\.0\.1:[0-9]*' "$work/snoop-scm.log" | head -n1 | cut -d' ' -f3)"
+[ -n "$scm_addr" ] || { cat "$work/snoop-scm.log"; fail "orvo-scm for the snoop did not start"; }
+meter_port="$("$ctl" list --scm "$scm_addr" | awk '$1 == "meter" { print $3 }' | cut -d: -f2)"
+[ -n "$meter_port" ] || fail "meter not registered with the SCM at $scm_addr"
+timeout 60 "$ctl" snoop meter --pcap "$work/snoop.pcap" --scm "$scm_addr" >"$work/snoop.txt" 2>&1 &
+pids+=($!)
+snoop=$!
+for _ in $(seq 300); do grep -q ' 0x20002 ' "$work/snoop.txt" && break; sleep 0.1; done
+"$ctl" config meter set tick-ms=300 --scm "$scm_addr" >/dev/null || fail "config set during the snoop"
+for _ in $(seq 300); do [ "$(grep -c ' 0x20002 ' "$work/snoop.txt")" -ge 2 ] && break; sleep 0.1; done
+kill -INT "$snoop"
+wait "$snoop" || fail "orvo-ctl snoop did not end cleanly on SIGINT: $(cat "$work/snoop.txt")"
+kill -TERM "$snoop_scm"; wait "$snoop_scm" 2>/dev/null
+decode -r "$work/snoop.pcap" -d "tcp.port==$meter_port,orvo" -Y orvo \
+    -T fields -E separator='|' -E occurrence=a -E aggregator=';' -e tcp.srcport -e orvo.type_name \
+    -e orvo.tid -e orvo.element.path -e orvo.element.value >"$work/snooped.txt" \
+    || { cat "$work/tshark.err"; fail "tshark on the snoop capture"; }
+# A reading the meter sent (from its sap port) answers a request it received
+# (to its sap port) with the same tid.
+reading="$(grep "^$meter_port|0x020002|" "$work/snooped.txt" | grep '|register;value|180;[0-9]*$' | head -n1)"
+[ -n "$reading" ] || { cat "$work/snooped.txt"; fail "no reading sent by the meter decoded"; }
+tid="$(echo "$reading" | cut -d'|' -f3)"
+grep -q "^47000|0x020001|$tid|register|180$" "$work/snooped.txt" \
+    || { cat "$work/snooped.txt"; fail "no request received by the meter with the reading's tid $tid"; }
+# The configuration push nests the new configuration.
+decode -r "$work/snoop.pcap" -d "tcp.port==$meter_port,orvo" -T fields -e tcp.dstport -e orvo.type_name \
+    -Y 'orvo.element.setting == "config.tick-ms=300"' >"$work/snoop-nested.txt"
+grep -qx "$meter_port	SCM_SETCONFIG" "$work/snoop-nested.txt" \
+    || { cat "$work/snooped.txt"; fail "the pushed configuration (config.tick-ms = 300) not decoded"; }
+step "orvo-ctl snoop capture: request and reading with tid $tid, nested configuration push decoded"
+
+# 3. A real exchange on the loopback.
 if [ "$(id -u)" != 0 ]; then
     step "SKIPPED the loopback capture: dumpcap on lo needs root"
     exit 0

@@ -289,6 +289,21 @@ protected:
         return r;
     }
 
+    // What UnitORVO traces at level and above while step runs.
+    static std::string OrvoTraces(eLEVEL level, const std::function<void()>& step)
+    {
+        const eLEVEL before = UnitORVO->GetLevel();
+        const eOUTPUT output = UnitORVO->GetOutput();
+        SetTraceLevel(UnitORVO, level);
+        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+        testing::internal::CaptureStdout();
+        step();
+        const std::string out = testing::internal::GetCapturedStdout();
+        SetTraceLevel(UnitORVO, before);
+        SetTraceOut(UnitORVO, output);
+        return out;
+    }
+
     cTestScmService svc;
     cPeer scm;
     cTimer* tick = nullptr;
@@ -513,6 +528,51 @@ TEST_F(Scm, SetConfigurationFromScm)
     }
 }
 
+// A partial push that holds no record for its target would only delete it:
+// refused, nothing lost. The one-value request forms have exactly that shape.
+TEST_F(Scm, PartialPushThatWouldOnlyDeleteIsRefused)
+{
+    Register();
+    cRecord inner, start;
+    inner.AppendUIntPar("x", 1);
+    inner.AppendUIntPar("y", 2);
+    start.AppendRecordPar("a", inner);
+    *GetConfig() = start;
+    cRecord plain;
+    plain.AppendUIntPar("v", 3);
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), plain, 0), tid)));
+    cMsg nack = Next(scm.fd);
+    EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK);
+    EXPECT_EQ(nack.GetTid(), tid);
+    EXPECT_EQ(GetConfig()->ToString(), start.ToString());
+}
+
+// The library's own units are set by the names the service publishes for them
+// ("orvo", "default") as well as by their map keys.
+TEST_F(Scm, TraceLevelsOfBuiltInUnits)
+{
+    Register();
+    UnitORVO->SetObjName("orvo");
+    UnitDefault->SetObjName("default");
+    const eLEVEL orvoLevel = eLEVEL(UnitORVO->GetLevel()), defaultLevel = eLEVEL(UnitDefault->GetLevel());
+    cRecord debug, warn, trace, config;
+    debug.AppendTextPar("trace-level", "DEBUG");
+    warn.AppendTextPar("trace-level", "WARNING");
+    trace.AppendRecordPar("orvo", debug);
+    trace.AppendRecordPar("UnitDefault", warn);
+    config.AppendRecordPar("trace", trace);
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), config, 1), tid)));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(UnitORVO->GetLevel(), DEBUG);
+    EXPECT_EQ(UnitDefault->GetLevel(), WARNING);
+    SetTraceLevel(UnitORVO, orvoLevel);
+    SetTraceLevel(UnitDefault, defaultLevel);
+}
+
 // A refused registration: the reason traced, 0x1005 handed to the program.
 TEST_F(Scm, RegistrationRefused)
 {
@@ -598,6 +658,32 @@ TEST_F(Scm, SocketEventsOfOtherChannels)
     SpinFor(100);
     EXPECT_EQ(CountHanded(MSG_INTERRUPT_REQUEST), 0u);
     EXPECT_TRUE(Silent(scm.fd, 0));
+}
+
+// A client on the sap that speaks the SCM protocol is an ordinary client: its
+// configuration push and its "syntax error" reach the program and change nothing.
+TEST_F(Scm, ScmProtocolFromAnotherPeerIsApplicationTraffic)
+{
+    Register();
+    const std::string before = GetConfig()->ToString();
+    cPeer client;
+    client.fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(svc.GetSapAddress().GetPort());
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_TRUE(client.Announce("intruder"));
+    cUuid tid;
+    tid.Create();
+    ASSERT_TRUE(client.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), SampleConfig(), 1), tid)));
+    ASSERT_TRUE(client.Send(Msg(MSG_SCM_SYNTAX_ERROR)));
+    EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetTid(), tid);
+    EXPECT_NE(Handed(MSG_SCM_SYNTAX_ERROR).GetType(), 0u);
+    EXPECT_EQ(GetConfig()->ToString(), before);
+    SpinFor(300);
+    for (cMsg m; Readable(client.fd, 0) && (m = Next(client.fd)).GetType() != 0;)
+        EXPECT_NE(m.GetType(), MSG_SCM_SETCONFIG_ACK);
 }
 
 // Every request carries its keys; ids are fresh where the caller gives none.
@@ -698,15 +784,7 @@ TEST_F(Scm, FailedSendsAreTraced)
 // traffic. Each Init form adds the "system" defaults with its failure action.
 TEST_F(Scm, InitFormsAndNoScm)
 {
-    const eLEVEL level = UnitORVO->GetLevel();
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceLevel(UnitORVO, FATAL);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    svc.Init("alone", "reboot");
-    const std::string out = testing::internal::GetCapturedStdout();
-    SetTraceLevel(UnitORVO, level);
-    SetTraceOut(UnitORVO, output);
+    const std::string out = OrvoTraces(FATAL, [&] { svc.Init("alone", "reboot"); });
     const std::string text = "Can't connect SCM, missing SCM-SAP destination addr in config";
     ASSERT_NE(out.find(text), std::string::npos);
     EXPECT_EQ(out.find(text, out.find(text) + 1), std::string::npos);
@@ -742,6 +820,23 @@ void FatalToStdout()
 {
     SetTraceLevel(UnitORVO, FATAL);
     SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+}
+
+// An "scm-sap" that is no address is reported and ends like a refused connect.
+TEST_F(Scm, MalformedScmSapEndsLikeARefusedConnect)
+{
+    for (const char* sap : {"garbage", "127.0.0.1", "1.2.3"}) {
+        std::string out;
+        EXPECT_EQ(orvo_test::RunInChild([&] {
+                      FatalToStdout();
+                      SetTraceLevel(UnitORVO, ERROR);
+                      GetConfig()->AppendTextPar("scm-sap", sap);
+                      svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), "log");
+                      return QuietLoop(svc);
+                  }, &out, false, 60), 0) << sap;
+        EXPECT_NE(out.find("malformed SCM-SAP '" + std::string(sap) + "'"), std::string::npos) << out;
+        EXPECT_NE(out.find("]: can't connect to SCM; exit service\n"), std::string::npos) << out;
+    }
 }
 
 TEST_F(Scm, LossOfTheScmEndsTheProcess)
@@ -936,70 +1031,86 @@ struct cTechLink : cScmServiceIO {
     std::vector<unsigned long> dispatched;
 };
 
-// The trace lines of a connection's life, each once where it happens and in
-// this order ("connection info" four times: first answer, new place, dead
-// place listed twice; never for the answer naming the connected place).
-const char* const kTechLines[] = {
-    "get config to tech 'meter' received", "start connection to tech 'meter'",
-    "tech 'meter' is unknown (perhaps not connected yet)",
-    "connection info for tech 'meter' sap received", "connect to tech 'meter', sap=127.0.0.1:",
-    "connection to tech 'meter' established", "connection to tech 'meter' should reconnected",
-    "already connected to tech 'meter', sap=127.0.0.1:", "connection to tech 'meter' shutdown",
-    "connection to tech 'meter' re-connect by health-timeout", "start connection to tech 'meter'",
-    "connection info for tech 'meter' sap received", "connection to tech 'meter' established",
-    "connection info for tech 'meter' sap received", "connection to tech 'meter' failed",
-};
-
-TEST_F(Scm, TechnologyConnection)
-{
-    const eLEVEL level = UnitORVO->GetLevel();
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceLevel(UnitORVO, DEBUG);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    const cUuid pending = Register();
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
-    cTechLink io(&svc, "meter");
-    EXPECT_EQ(io.ToString(), "cScmServiceIO technology=meter");
-    const auto expectLookUp = [&](const char* tech) {
+// A link whose owner has taken its configuration and asked the SCM once.
+class TechLink : public Scm {
+protected:
+    void LookedUp()
+    {
+        pending = Register();
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+        ExpectLookUp();
+    }
+    void ExpectLookUp()
+    {
         cMsg notify = Next(scm.fd);
         EXPECT_EQ(notify.GetType(), MSG_SCM_NOTIFICATION_REQUEST);
         EXPECT_EQ(Fields(notify.GetRecord()), "mask=2;");
         cMsg ask = Next(scm.fd);
         EXPECT_EQ(ask.GetType(), MSG_SCM_SERVICE_INFO_REQUEST);
-        EXPECT_EQ(Fields(ask.GetRecord()), std::string("service-tech=") + tech + ";");
-    };
-    // The configuration has arrived: ask the SCM.
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
-    expectLookUp("meter");
-    cMsg early(PROBE);
-    EXPECT_EQ(io.Send(early), 0);
+        EXPECT_EQ(Fields(ask.GetRecord()), "service-tech=meter;");
+    }
+    void Announce(const std::string& sap)
+    {
+        EXPECT_EQ(io.ProcessMsg(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(sap, {"meter"}, true))), 1);
+    }
+    // Announces tech's place and takes its connection up: one OnConnect.
+    void ConnectTo(cPeer& tech)
+    {
+        Announce(tech.Sap());
+        ASSERT_TRUE(tech.Accept());
+        ASSERT_TRUE(tech.Announce("metersvc"));
+        EXPECT_EQ(Next(tech.fd).GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
+        cMsg up = Handed(MSG_SOCKET_CONNECTED);
+        EXPECT_TRUE(io.IsMsgFromHere(up));
+        EXPECT_EQ(io.ProcessMsg(up), 1);
+        EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+    }
+    static size_t Count(const std::string& out, const std::string& line)
+    {
+        size_t n = 0;
+        for (size_t p = 0; (p = out.find("]: " + line, p)) != std::string::npos; ++p)
+            ++n;
+        return n;
+    }
+    cUuid pending;
+    cTechLink io{&svc, "meter"};
+};
 
-    cRecord unknown;
-    unknown.AppendTextPar("service-tech", "meter");
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_TECH_UNKNOWN, unknown)));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_UNKNOWN)), 1);
-
-    // The answer names the technology: connect; the peer's 0x4002 makes it up.
+// The look-up, an unknown answer, the connect and traffic both ways; Send
+// before the link is up sends nothing.
+TEST_F(TechLink, LooksUpConnectsAndCarriesMessages)
+{
+    EXPECT_EQ(io.ToString(), "cScmServiceIO technology=meter");
     cPeer tech;
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"clock", "meter"}, true))));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
-    EXPECT_EQ(io.GetAnnouncedSAP(), tech.Sap());
-    ASSERT_TRUE(tech.Accept());
-    ASSERT_TRUE(tech.Announce("metersvc"));
-    EXPECT_EQ(Next(tech.fd).GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
-    cMsg up = Handed(MSG_SOCKET_CONNECTED);
-    EXPECT_TRUE(io.IsMsgFromHere(up));
-    EXPECT_EQ(io.ProcessMsg(up), 1);
+    const std::string out = OrvoTraces(DEBUG, [&] {
+        LookedUp();
+        cMsg early(PROBE);
+        EXPECT_EQ(io.Send(early), 0);
+        cRecord unknown;
+        unknown.AppendTextPar("service-tech", "meter");
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_TECH_UNKNOWN, unknown)));
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_UNKNOWN)), 1);
+        // The answer lists other technologies too: only "meter" is taken.
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"clock", "meter"}, true))));
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+        EXPECT_EQ(io.GetAnnouncedSAP(), tech.Sap());
+        ASSERT_TRUE(tech.Accept());
+        ASSERT_TRUE(tech.Announce("metersvc"));
+        EXPECT_EQ(Next(tech.fd).GetRecord().GetFirstPar("peer-name").GetString(), "tsvc");
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CONNECTED)), 1);
+    });
     EXPECT_EQ(io.connects, 1);
     EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+    size_t at = 0;
+    for (const std::string& line : std::vector<std::string>{
+             "get config to tech 'meter' received", "start connection to tech 'meter'",
+          "tech 'meter' is unknown (perhaps not connected yet)", "connection info for tech 'meter' sap received",
+          "connect to tech 'meter', sap=" + tech.Sap(), "connection to tech 'meter' established"}) {
+        at = out.find("]: " + line, at);
+        ASSERT_NE(at, std::string::npos) << line << "\n" << out;
+    }
 
-    // The same SAP again: no reconnect.
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"meter"}, false))));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
-    EXPECT_TRUE(Silent(tech.listenFd, 100));
-
-    // Messages both ways.
     cMsg req(PROBE);
     req.GetRecord().AppendUIntPar("n", 5);
     EXPECT_GT(io.Send(req), 0);
@@ -1010,52 +1121,82 @@ TEST_F(Scm, TechnologyConnection)
     cMsg reply = Handed(PROBE + 1);
     EXPECT_TRUE(io.IsMsgFromHere(reply));
     EXPECT_EQ(io.ProcessMsg(reply), 7);
+    EXPECT_EQ(io.dispatched, std::vector<unsigned long>{PROBE + 1});
+}
 
-    // A new place while connected: remembered, the link stays.
-    cPeer tech2;
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_NOTIFICATION,
-                             ServiceRecord(tech2.Sap(), {"meter"}, true, "add-technology"))));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_NOTIFICATION)), 1);
+// While connected the link keeps its place: the same SAP again is silent, a
+// new one is only remembered.
+TEST_F(TechLink, AConnectedLinkKeepsItsPlace)
+{
+    LookedUp();
+    cPeer tech, tech2;
+    ConnectTo(tech);
+    const std::string same = OrvoTraces(DEBUG, [&] {
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech.Sap(), {"meter"}, false))));
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
+        EXPECT_TRUE(Silent(tech.listenFd, 100));
+    });
+    EXPECT_EQ(Count(same, "connection info for tech"), 0u) << same;
+    EXPECT_EQ(Count(same, "connect to tech"), 0u) << same;
+
+    const std::string moved = OrvoTraces(DEBUG, [&] {
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_NOTIFICATION, ServiceRecord(tech2.Sap(), {"meter"}, true, "add-technology"))));
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_NOTIFICATION)), 1);
+        EXPECT_TRUE(Silent(tech2.listenFd, 100));
+    });
     EXPECT_EQ(io.GetAnnouncedSAP(), tech2.Sap());
     EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
-    EXPECT_TRUE(Silent(tech2.listenFd, 100));
+    EXPECT_EQ(Count(moved, "connection to tech 'meter' should reconnected"), 1u) << moved;
+    EXPECT_EQ(Count(moved, "already connected to tech 'meter', sap=" + tech.Sap()), 1u) << moved;
+    EXPECT_EQ(io.connects, 1);
+}
 
-    // Closed: told, and exactly one health time-out 5 s later asks again.
-    tech.Drop();
-    cMsg down = Handed(MSG_SOCKET_CLOSED);
-    EXPECT_EQ(io.ProcessMsg(down), 1);
+// A closed link: told once, Send refused, exactly one health time-out 5 s
+// later asks the SCM again; HealthRequest does not re-arm a running timer;
+// the next connect, to the newly announced place, stops it.
+TEST_F(TechLink, AClosedLinkAsksAgainOnceAfterFiveSeconds)
+{
+    LookedUp();
+    cPeer tech, tech2;
+    ConnectTo(tech);
+    const std::string out = OrvoTraces(DEBUG, [&] {
+        tech.Drop();
+        EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CLOSED)), 1);
+    });
+    EXPECT_EQ(Count(out, "connection to tech 'meter' shutdown"), 1u) << out;
     EXPECT_EQ(io.closes, 1);
     EXPECT_EQ(io.GetConnectedSAP(), "");
     EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+    cMsg req(PROBE);
     EXPECT_EQ(io.Send(req), 0);
+
     gClockOffset += 4500;        // the spin itself takes real time
     SpinFor(50);
     EXPECT_EQ(CountHanded(MSG_SCM_TECH_HEALTH_TIMEOUT), 0u);
     gClockOffset += 600;
     EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_HEALTH_TIMEOUT)), 1);
-    expectLookUp("meter");
+    ExpectLookUp();
     gClockOffset += 6000;
     SpinFor(100);
     EXPECT_EQ(CountHanded(MSG_SCM_TECH_HEALTH_TIMEOUT), 0u);
 
-    // HealthRequest arms the timer once.
     io.HealthRequest();
     const uint64_t due = io.GetHealthTimer().GetDue();
     gClockOffset += 1000;
     io.HealthRequest();
     EXPECT_EQ(io.GetHealthTimer().GetDue(), due);
 
-    // Not connected: the new place is taken; the connect stops the timer.
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(tech2.Sap(), {"meter"}, true))));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
-    ASSERT_TRUE(tech2.Accept());
-    ASSERT_TRUE(tech2.Announce("metersvc"));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CONNECTED)), 1);
+    ConnectTo(tech2);
     EXPECT_EQ(io.connects, 2);
-    EXPECT_EQ(io.GetConnectedSAP(), tech2.Sap());
     EXPECT_FALSE(io.GetHealthTimer().IsRunning());
+}
 
-    // Another connection's events and time-outs are not this one's.
+// Socket events and time-outs of another link, and notifications other than
+// "add-technology", are not this link's: they go to DispatchMessage or are
+// returned untouched.
+TEST_F(TechLink, AnotherLinksEventsAreNotThisOnes)
+{
+    LookedUp();
     cTechLink clock(&svc, "clock");
     clock.HealthRequest();
     gClockOffset += 5100;
@@ -1063,43 +1204,83 @@ TEST_F(Scm, TechnologyConnection)
     EXPECT_EQ(io.ProcessMsg(clockTimeout), 7);
     EXPECT_EQ(io.dispatched.back(), MSG_SCM_TECH_HEALTH_TIMEOUT);
     EXPECT_EQ(clock.ProcessMsg(clockTimeout), 1);
-    expectLookUp("clock");
-    const size_t dispatched = clock.dispatched.size();
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_NOTIFICATION_REQUEST);
+    cMsg ask = Next(scm.fd);
+    EXPECT_EQ(ask.GetType(), MSG_SCM_SERVICE_INFO_REQUEST);
+    EXPECT_EQ(Fields(ask.GetRecord()), "service-tech=clock;");
     for (unsigned long type : {MSG_SOCKET_CONNECTED, MSG_SOCKET_CLOSED, MSG_SOCKET_CONNECT_FAILED})
         EXPECT_EQ(clock.ProcessMsg(cMsg(type, &io.GetSocket(), nullptr)), 1);
-    EXPECT_EQ(clock.dispatched.size(), dispatched);
+    EXPECT_TRUE(clock.dispatched.empty());
     EXPECT_EQ(clock.connects + clock.closes, 0);
     cRecord otherCommand;
     otherCommand.AppendTextPar("command", "remove-technology");
     EXPECT_EQ(clock.ProcessMsg(Msg(MSG_SCM_NOTIFICATION, otherCommand)), 7);
+}
 
-    // A failed connect is traced and left idle.
-    tech2.Drop();
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CLOSED)), 1);
+// Late duplicates and answers about other services do not start another look-up.
+TEST_F(TechLink, OnlyTheOwnAcceptedConfigAnswerStartsTheLookUp)
+{
+    LookedUp();
+    cUuid other;
+    other.Create();
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), svc.GetServiceId()), pending)));
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(cRecord(), other), other)));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_GETCONFIG_ACK)), 1);
+    EXPECT_TRUE(Silent(scm.fd, 200));
+}
+
+// A failed connect ends closed: OnClose, and a new look-up 5 s later.
+// An answer that lists the technology twice is acted on for each entry.
+TEST_F(TechLink, FailedConnectEndsClosedWithARetry)
+{
+    LookedUp();
     const std::string dead = "127.0.0.1:" + std::to_string(DeadPort());
-    // Listed twice: each entry is acted on (two "connection info" lines).
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(dead, {"meter", "meter"}, true))));
-    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_SERVICE_INFO)), 1);
-    cMsg failed = Handed(MSG_SOCKET_CONNECT_FAILED);
-    EXPECT_TRUE(io.IsMsgFromHere(failed));
-    EXPECT_EQ(io.ProcessMsg(failed), 1);
-    EXPECT_EQ(io.GetConnectedSAP(), "");
-    SpinFor(100);
+    const std::string out = OrvoTraces(DEBUG, [&] {
+        EXPECT_EQ(io.ProcessMsg(Msg(MSG_SCM_SERVICE_INFO, ServiceRecord(dead, {"meter", "meter"}, true))), 1);
+        cMsg failed = Handed(MSG_SOCKET_CONNECT_FAILED);
+        EXPECT_TRUE(io.IsMsgFromHere(failed));
+        EXPECT_EQ(io.ProcessMsg(failed), 1);
+        SpinFor(100);
+    });
+    EXPECT_EQ(Count(out, "connection info for tech 'meter' sap received"), 2u) << out;
+    EXPECT_EQ(Count(out, "connection to tech 'meter' failed"), 1u) << out;
     EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECT_FAILED), 0u);
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_FALSE(io.IsConnected());
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+    gClockOffset += 5100;
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_HEALTH_TIMEOUT)), 1);
+    ExpectLookUp();
+}
 
-    const std::string out = testing::internal::GetCapturedStdout();
-    SetTraceLevel(UnitORVO, level);
-    SetTraceOut(UnitORVO, output);
-    size_t at = 0;
-    for (const char* line : kTechLines) {
-        const size_t found = out.find(std::string("]: ") + line, at);
-        ASSERT_NE(found, std::string::npos) << line;
-        at = found + 1;
-    }
-    size_t infos = 0;
-    for (size_t p = 0; (p = out.find("connection info for tech", p)) != std::string::npos; ++p)
-        ++infos;
-    EXPECT_EQ(infos, 4u);
+// A SAP that is no address: traced, closed, retried by the health timer.
+TEST_F(TechLink, MalformedSapIsTracedAndEndsClosed)
+{
+    LookedUp();
+    const std::string out = OrvoTraces(ERROR, [&] { Announce("garbage"); });
+    EXPECT_NE(out.find("malformed sap 'garbage' of tech 'meter'"), std::string::npos) << out;
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+}
+
+// Events still queued for the old connection are dropped on reconnect: one
+// OnConnect for the new link.
+TEST_F(TechLink, ReconnectDropsTheOldConnectionsEvents)
+{
+    LookedUp();
+    cMsg stale(MSG_SOCKET_CONNECTED, &io.GetSocket(), nullptr);
+    svc.OnMsg(stale);
+    cPeer tech;
+    Announce(tech.Sap());
+    ASSERT_TRUE(tech.Accept());
+    ASSERT_TRUE(tech.Announce("metersvc"));
+    cMsg up = Handed(MSG_SOCKET_CONNECTED);
+    EXPECT_EQ(io.ProcessMsg(up), 1);
+    SpinFor(200);
+    EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECTED), 0u);
+    EXPECT_EQ(io.connects, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
 }
 
 }  // namespace

@@ -23,6 +23,8 @@ tArg gArgs[] = {
     {"-wdt-ms", "watchdog trigger period in ms", "5000", OnArg_Int},
     {"-poll-ms", "how often the JSON file is checked for changes, ms", "1000", OnArg_Int},
     {"-restart-ms", "delay before a service that ended is started again, ms", "1000", OnArg_Int},
+    {"-shared-tech", "a technology may be offered by several services", nullptr, OnArg_Bool},
+    {"-only-children", "registrations only from the services it started", nullptr, OnArg_Bool},
     {"-debug", "trace library internals too", nullptr, OnArg_Bool},
     {nullptr, nullptr, nullptr, nullptr}};
 
@@ -48,6 +50,8 @@ int main(int argc, char** argv)
     options.wdtPeriodMs = Positive("wdt-ms", options.wdtPeriodMs);
     options.pollMs = Positive("poll-ms", options.pollMs);
     options.restartDelayMs = Positive("restart-ms", options.restartDelayMs);
+    options.sharedTech = config.GetFirstPar("shared-tech").GetBool();
+    options.onlyChildren = config.GetFirstPar("only-children").GetBool();
     if (config.GetFirstPar("debug").GetBool())
         SetTraceLevel(UnitORVO, DEBUG);
     if (options.configPath.empty()) {

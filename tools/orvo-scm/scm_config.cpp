@@ -1,8 +1,11 @@
 // scm_config.cpp - loading and watching the orvo-scm configuration file.
 #include "scm_config.h"
 
+#include <algorithm>
+
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 
@@ -58,6 +61,22 @@ bool ParseEntry(const std::string& name, const tJson& j, tServiceEntry& e, std::
     return true;
 }
 
+// The 1-based line of the key "name" inside the "services" object of text;
+// 0 when it cannot be found (a name written with escapes).
+int LineOfService(const std::string& text, const std::string& name)
+{
+    const size_t services = text.find("\"services\"");
+    if (services == std::string::npos)
+        return 0;
+    const std::string quoted = "\"" + name + "\"";
+    for (size_t at = text.find(quoted, services + 10); at != std::string::npos; at = text.find(quoted, at + 1)) {
+        const size_t colon = text.find_first_not_of(" \t\r\n", at + quoted.size());
+        if (colon != std::string::npos && text[colon] == ':')
+            return 1 + static_cast<int>(std::count(text.begin(), text.begin() + static_cast<long>(at), '\n'));
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error)
@@ -77,8 +96,13 @@ bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error)
             return false;
         }
         tServiceEntry e;
-        if (!ParseEntry(it.key(), it.value(), e, error))
+        if (!ParseEntry(it.key(), it.value(), e, error)) {
+            // The parser keeps no places: the entry's line is looked up in the text.
+            const int line = LineOfService(text, it.key());
+            if (line > 0)
+                error = "line " + std::to_string(line) + ": " + error;
             return false;
+        }
         loaded.services.push_back(e);
     }
     file = loaded;
@@ -139,6 +163,62 @@ std::string ExpandCommand(const std::string& command, const std::string& sap)
     for (size_t at = out.find(kSap); at != std::string::npos; at = out.find(kSap, at + sap.size()))
         out.replace(at, kSap.size(), sap);
     return out;
+}
+
+namespace {
+
+void AppendElement(std::string& bytes, const orvo::cRecordPar& p)
+{
+    bytes.append(p.GetElement(), static_cast<size_t>(p.GetElementEnd() - p.GetElement()));
+}
+
+orvo::cRecord FromBytes(const std::string& bytes)
+{
+    return bytes.empty() ? orvo::cRecord() : orvo::cRecord(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+}  // namespace
+
+bool SetAtPath(orvo::cRecord& config, const std::vector<std::string>& levels, const orvo::cRecord& change)
+{
+    using namespace orvo;
+    std::string bytes;
+    if (levels.empty()) {
+        std::vector<std::string> placed;
+        for (cRecordPar p = config.GetFirstPar(); p.IsValid(); config.SeekNextPar(p)) {
+            const cRecordPar by = change.GetFirstPar(p.GetName());
+            const bool first = by.IsValid() && std::find(placed.begin(), placed.end(), p.GetName()) == placed.end();
+            if (first)
+                placed.push_back(p.GetName());
+            if (!by.IsValid())
+                AppendElement(bytes, p);
+            else if (first)
+                AppendElement(bytes, by);
+        }
+        for (cRecordPar c = change.GetFirstPar(); c.IsValid(); change.SeekNextPar(c))
+            if (std::find(placed.begin(), placed.end(), c.GetName()) == placed.end())
+                AppendElement(bytes, c);
+        config = FromBytes(bytes);
+        return true;
+    }
+    bool found = false;
+    for (cRecordPar p = config.GetFirstPar(); p.IsValid(); config.SeekNextPar(p)) {
+        if (found || p.GetName() != levels[0] || (p.GetType() & 0x0F) != RECORD_RECORD) {
+            AppendElement(bytes, p);
+            continue;
+        }
+        cRecord child;
+        p.GetRecord(child);
+        if (!SetAtPath(child, std::vector<std::string>(levels.begin() + 1, levels.end()), change))
+            return false;
+        cRecord one;
+        one.AppendRecordPar(levels[0].c_str(), child);
+        bytes.append(one.GetBuffer(), static_cast<size_t>(one.GetSize()));
+        found = true;
+    }
+    if (found)
+        config = FromBytes(bytes);
+    return found;
 }
 
 }  // namespace orvo_scm

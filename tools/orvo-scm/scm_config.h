@@ -27,7 +27,9 @@ struct tScmFile {
 };
 
 // Reads and checks the file; false with a message naming the place of the
-// first fault (the previous contents stay in use then).
+// first fault, its line (the parser's "line L, column C" for a syntax error,
+// "line L: " before the entry for a wrong entry) and the reason; file is
+// left as it was then.
 bool LoadScmFile(const std::string& path, tScmFile& file, std::string& error);
 bool ParseScmFile(const std::string& text, tScmFile& file, std::string& error);
 
@@ -49,5 +51,11 @@ private:
 
 // The text of command with every "{scm-sap}" replaced by sap.
 std::string ExpandCommand(const std::string& command, const std::string& sap);
+
+// config with the top-level elements of change put into the record that
+// levels name (each the first record element of that name, from the top):
+// an element of the same name is replaced in place, a new one appended.
+// False, config unchanged, when a level names no record element.
+bool SetAtPath(orvo::cRecord& config, const std::vector<std::string>& levels, const orvo::cRecord& change);
 
 }  // namespace orvo_scm

@@ -1,6 +1,8 @@
 // scm_registry.cpp - registered services and their technologies.
 #include "scm_registry.h"
 
+#include <algorithm>
+
 namespace orvo_scm {
 
 using orvo::cRecord;
@@ -58,12 +60,37 @@ tService* cRegistry::ById(const orvo::cUuid& id)
 
 tService* cRegistry::ByTech(const std::string& tech)
 {
-    for (auto& kv : m_Services)
-        if (kv.second.channel != nullptr)
-            for (const std::string& t : kv.second.techs)
-                if (t == tech)
-                    return &kv.second;
+    for (const tOffer& o : m_Offers) {
+        tService* s = o.tech == tech ? ByName(o.service) : nullptr;
+        if (s != nullptr && s->channel != nullptr)
+            return s;
+    }
     return nullptr;
+}
+
+std::vector<std::string> cRegistry::Offer(tService& service, const std::vector<std::string>& techs)
+{
+    std::vector<std::string> taken, refused;
+    for (const std::string& t : techs) {
+        if (std::find(taken.begin(), taken.end(), t) != taken.end())
+            continue;
+        const tService* first = ByTech(t);
+        if (first != nullptr && first != &service && !m_bShared)
+            refused.push_back(t);
+        else
+            taken.push_back(t);
+    }
+    const auto dropped = [&](const tOffer& o) {
+        return o.service == service.name && std::find(taken.begin(), taken.end(), o.tech) == taken.end();
+    };
+    m_Offers.erase(std::remove_if(m_Offers.begin(), m_Offers.end(), dropped), m_Offers.end());
+    for (const std::string& t : taken) {
+        const auto same = [&](const tOffer& o) { return o.service == service.name && o.tech == t; };
+        if (std::none_of(m_Offers.begin(), m_Offers.end(), same))
+            m_Offers.push_back(tOffer{t, service.name});
+    }
+    service.techs = taken;
+    return refused;
 }
 
 std::string cRegistry::Disconnect(const orvo::cChannel* channel)
@@ -71,9 +98,11 @@ std::string cRegistry::Disconnect(const orvo::cChannel* channel)
     tService* s = ByChannel(channel);
     if (s == nullptr)
         return std::string();
-    s->channel = nullptr;
-    s->notifyMask = 0;
-    return s->name;
+    const std::string name = s->name;
+    const auto own = [&](const tOffer& o) { return o.service == name; };
+    m_Offers.erase(std::remove_if(m_Offers.begin(), m_Offers.end(), own), m_Offers.end());
+    m_Services.erase(name);
+    return name;
 }
 
 std::vector<tService*> cRegistry::Subscribers(unsigned bit)
@@ -91,6 +120,14 @@ std::vector<tService*> cRegistry::Connected()
     for (auto& kv : m_Services)
         if (kv.second.channel != nullptr)
             out.push_back(&kv.second);
+    return out;
+}
+
+std::vector<const tService*> cRegistry::All() const
+{
+    std::vector<const tService*> out;
+    for (const auto& kv : m_Services)
+        out.push_back(&kv.second);
     return out;
 }
 

@@ -22,7 +22,7 @@ struct tService {
     int pid = 0;
     orvo::cChannel* channel = nullptr;   // null once its connection closed
     orvo::cRecord registered;            // the "config" it registered with
-    std::vector<std::string> techs;      // in the order announced
+    std::vector<std::string> techs;      // offers taken, in the order announced
     unsigned notifyMask = 0;             // from its notification request
 };
 
@@ -32,29 +32,42 @@ const unsigned kNotifyTechnology = 2;
 enum eRegisterResult {
     REGISTER_OK = 0,
     REGISTER_REFUSED_MALFORMED = 1,   // reason 1: keys missing or of the wrong type
-    REGISTER_REFUSED_TAKEN = 2        // reason 2: the name is registered and connected
+    REGISTER_REFUSED_TAKEN = 2,       // reason 2: the name is registered and connected
+    REGISTER_REFUSED_ORIGIN = 3       // reason 3: not a process orvo-scm started (-only-children)
 };
 
 class cRegistry {
 public:
+    // shared: a technology may be offered by several connected services
+    // (look-ups still answer the first); otherwise a second offer is refused.
+    explicit cRegistry(bool shared = false) : m_bShared(shared) {}
+
     // Registers the service a 0x10000 record describes, reached over
-    // channel. A name whose earlier registration lost its connection is
-    // registered anew. why gets the sub-reason text of a refusal.
+    // channel. A name stays taken while its connection is open. why gets the
+    // sub-reason text of a refusal.
     eRegisterResult Register(const orvo::cRecord& request, orvo::cChannel* channel, std::string& why);
 
     tService* ByChannel(const orvo::cChannel* channel);
     tService* ByName(const std::string& name);
     tService* ById(const orvo::cUuid& id);
-    // The first connected service that offers tech, in name order.
+    // The connected service that offered tech first.
     tService* ByTech(const std::string& tech);
 
-    // Forgets the connection of the service on channel; returns its name
-    // (empty when channel belonged to no service).
+    // Takes the technologies service offers (replacing its earlier offer; a
+    // technology it offered before keeps its place in the order). Returns
+    // the ones refused because another connected service offers them.
+    std::vector<std::string> Offer(tService& service, const std::vector<std::string>& techs);
+
+    // Forgets the service on channel, its registration and its offers: a
+    // service that connects again registers anew. Returns its name (empty
+    // when channel belonged to no service).
     std::string Disconnect(const orvo::cChannel* channel);
 
     // Connected services whose notification mask has bit.
     std::vector<tService*> Subscribers(unsigned bit);
     std::vector<tService*> Connected();
+    // Every service registered since the start, connected or not, by name.
+    std::vector<const tService*> All() const;
 
     // The record of a service information answer: a sub-record "service"
     // with "service-id", "name", "tech" (one "service-tech" per technology),
@@ -62,7 +75,13 @@ public:
     static orvo::cRecord InfoRecord(const tService& service);
 
 private:
+    struct tOffer {
+        std::string tech;
+        std::string service;
+    };
     std::map<std::string, tService> m_Services;   // by name
+    std::vector<tOffer> m_Offers;                 // in the order offered
+    bool m_bShared;
 };
 
 }  // namespace orvo_scm

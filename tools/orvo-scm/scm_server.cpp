@@ -1,5 +1,7 @@
 // scm_server.cpp - the message handling of orvo-scm.
 #include "scm_server.h"
+#include "scm_list.h"
+#include "scm_origin.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -93,7 +95,7 @@ std::string Bytes(const cRecord& r)
 }  // namespace
 
 cScmServer::cScmServer(const tScmOptions& options)
-    : m_Options(options), m_bStopping(false), m_bDone(false)
+    : m_Options(options), m_Registry(options.sharedTech), m_bStopping(false), m_bDone(false)
 {
 }
 
@@ -175,6 +177,16 @@ void cScmServer::Reply(cMsg& request, unsigned long type, const cRecord& record)
     request.GetChannel()->Send(answer);
 }
 
+// orvo-scm keeps no logs of its own: a log request is answered with 0x10017
+// and a "reason", so the sender's synchronous call ends at once.
+void cScmServer::RefuseRequest(cMsg& msg)
+{
+    cRecord reason;
+    reason.AppendTextPar("reason", "no logs kept by this SCM");
+    Trace(INFO, FormatString("request 0x%lx refused", msg.GetType()));
+    Reply(msg, MSG_SCM_SETCONFIG_NACK, reason);
+}
+
 void cScmServer::SendTo(tService& service, cMsg& msg)
 {
     if (service.channel != nullptr && service.channel->Send(msg) < 0)
@@ -190,12 +202,17 @@ void cScmServer::Handle(cMsg& msg)
     case MSG_SCM_WDT_ACK: OnWdtAnswer(msg); break;
     case MSG_SCM_SETCONFIG_ACK: OnSetConfigAnswer(msg, true); break;
     case MSG_SCM_SETCONFIG_NACK: OnSetConfigAnswer(msg, false); break;
+    case MSG_SCM_SETCONFIG: OnSetConfigRequest(msg); break;
     case MSG_SCM_SERVICE_INFO_REQUEST: OnServiceInfoRequest(msg); break;
+    case kMsgServiceListRequest: OnServiceListRequest(msg); break;
     case MSG_SCM_SET_SERVICE_TECH: OnSetServiceTech(msg); break;
     case MSG_SCM_NOTIFICATION_REQUEST: OnNotificationRequest(msg); break;
     case MSG_SCM_STORE_RECORD: OnStoreRecord(msg); break;
     case MSG_SCM_GET_STORED_RECORD: OnFetchRecord(msg); break;
     case MSG_SCM_TRACE_LOG: OnServiceTrace(msg); break;
+    case MSG_SCM_LOG_REQUEST:
+    case MSG_SCM_LOG_FETCH:
+    case MSG_SCM_LOG_DELETE: RefuseRequest(msg); break;
     case MSG_SOCKET_CLOSED: OnClosed(msg); break;
     case MSG_SOCKET_ACCEPTED:
     case MSG_SOCKET_CONNECTED: break;   // a service's socket announcing itself
@@ -227,10 +244,21 @@ void cScmServer::Handle(cMsg& msg)
 
 // ---- registration and configuration -------------------------------------
 
+bool cScmServer::FromOwnChild(const cMsg& msg, std::string& why) const
+{
+    const unsigned long inode = msg.GetChannel() != nullptr ? PeerSocketInode(msg.GetChannel()->GetFd()) : 0;
+    if (inode != 0 && HolderAmong(m_pSupervisor->RunningPids(), inode) > 0)
+        return true;
+    why = inode == 0 ? "the connection's other end is no local process" : "not a process started by this SCM";
+    return false;
+}
+
 void cScmServer::OnRegister(cMsg& msg)
 {
     std::string why;
-    const eRegisterResult result = m_Registry.Register(msg.GetRecord(), msg.GetChannel(), why);
+    const eRegisterResult result = m_Options.onlyChildren && !FromOwnChild(msg, why)
+                                       ? REGISTER_REFUSED_ORIGIN
+                                       : m_Registry.Register(msg.GetRecord(), msg.GetChannel(), why);
     const std::string name = Text(msg.GetRecord(), "name");
     if (result != REGISTER_OK) {
         cRecord refusal;
@@ -248,7 +276,12 @@ void cScmServer::OnRegister(cMsg& msg)
 cRecord cScmServer::ConfigOf(const tService& service) const
 {
     const tServiceEntry* e = m_File.Find(service.name);
-    return e == nullptr ? service.registered : Overlay(service.registered, e->config);
+    cRecord config = e == nullptr ? service.registered : Overlay(service.registered, e->config);
+    auto changes = m_Changes.find(service.name);
+    if (changes != m_Changes.end())
+        for (const auto& change : changes->second)
+            SetAtPath(config, change.first, change.second);
+    return config;
 }
 
 bool cScmServer::LogsToScm(const std::string& name)
@@ -288,7 +321,11 @@ void cScmServer::OnConfigRequest(cMsg& msg)
     answer.AppendRecordPar("config", ConfigOf(*s));
     Reply(msg, MSG_SCM_GETCONFIG_ACK, answer);
     Trace(INFO, "configuration sent to '" + s->name + "'");
-    SendHealth(*s, "running");
+    // The health goes to whoever asked: a request by name or id for another
+    // service must not reach that service.
+    tService* requester = m_Registry.ByChannel(msg.GetChannel());
+    if (requester != nullptr)
+        SendHealth(*requester, "running");
 }
 
 void cScmServer::SendHealth(tService& service, const char* health)
@@ -324,9 +361,57 @@ void cScmServer::OnSetConfigAnswer(cMsg& msg, bool applied)
     Trace(applied ? INFO : WARNING,
           "'" + it->second + "' " + (applied ? "applied" : "refused") + " the pushed configuration");
     m_PendingPush.erase(it);
+    auto set = m_PendingSet.find(msg.GetTid());
+    if (set == m_PendingSet.end())
+        return;
+    cMsg answer(applied ? MSG_SCM_SETCONFIG_ACK : MSG_SCM_SETCONFIG_NACK);
+    answer.SetTid(set->second.tid);
+    set->second.channel->Send(answer);
+    m_PendingSet.erase(set);
 }
 
-void cScmServer::PushConfig(tService& service)
+// A client's change of a service's configuration: "service-name" (text),
+// "path" (record path of the levels above the change; an empty one or "."
+// for the top level) and "config" (the elements to put there). The change
+// is kept (over the configuration file) and the service gets its whole new
+// configuration; the client's answer (0x10016, or 0x10017 with a "reason")
+// follows the service's.
+void cScmServer::OnSetConfigRequest(cMsg& msg)
+{
+    const cRecord& r = msg.GetRecord();
+    // No name: the asking service changes its own configuration.
+    std::string name = Text(r, "service-name");
+    tService* s = name.empty() ? m_Registry.ByChannel(msg.GetChannel()) : m_Registry.ByName(name);
+    if (s != nullptr)
+        name = s->name;
+    cRecord pathRec, change;
+    r.GetFirstPar("path", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(pathRec);
+    const bool hasChange = r.GetFirstPar("config", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(change);
+    std::vector<std::string> levels;
+    for (cRecordPar p = pathRec.GetFirstPar(); p.IsValid(); pathRec.SeekNextPar(p))
+        if (std::string(p.GetName()) != ".")
+            levels.push_back(p.GetName());
+    std::string reason;
+    cRecord changed = s != nullptr ? ConfigOf(*s) : cRecord();
+    if (s == nullptr || s->channel == nullptr)
+        reason = "unknown service '" + name + "'";
+    else if (!hasChange || change.IsEmpty())
+        reason = "no configuration elements to set";
+    else if (!SetAtPath(changed, levels, change))
+        reason = "the configuration of '" + name + "' has no such path";
+    if (!reason.empty()) {
+        cRecord refusal;
+        refusal.AppendTextPar("reason", reason);
+        Reply(msg, MSG_SCM_SETCONFIG_NACK, refusal);
+        Trace(WARNING, "configuration change refused: " + reason);
+        return;
+    }
+    m_Changes[name].emplace_back(levels, change);
+    Trace(INFO, "configuration of '" + name + "' changed by a client: " + change.ToString());
+    m_PendingSet[PushConfig(*s)] = tSetRequest{msg.GetChannel(), msg.GetTid()};
+}
+
+cUuid cScmServer::PushConfig(tService& service)
 {
     cRecord path, filter, push;
     path.AppendRecordPar(".", cRecord());
@@ -342,6 +427,7 @@ void cScmServer::PushConfig(tService& service)
     m_PendingPush[tid] = service.name;
     Trace(INFO, "configuration of '" + service.name + "' changed: pushed");
     SendTo(service, msg);
+    return tid;
 }
 
 void cScmServer::PollFile()
@@ -351,7 +437,7 @@ void cScmServer::PollFile()
     tScmFile fresh;
     std::string error;
     if (!LoadScmFile(m_Options.configPath, fresh, error)) {
-        Trace(ERROR, "configuration file not taken: " + error);
+        Trace(ERROR, "configuration file not taken: " + error + " (the running configuration is kept)");
         return;
     }
     const tScmFile old = m_File;
@@ -401,19 +487,40 @@ void cScmServer::OnServiceInfoRequest(cMsg& msg)
     Reply(msg, MSG_SCM_TECH_UNKNOWN, unknown);
 }
 
+// orvo-ctl list: one "service" sub-record per registered service, as in a
+// service information answer, with "state" "connected" or "disconnected".
+void cScmServer::OnServiceListRequest(cMsg& msg)
+{
+    cRecord list;
+    for (const tService* s : m_Registry.All()) {
+        cRecord entry;
+        cRegistry::InfoRecord(*s).GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(entry);
+        entry.AppendTextPar("state", s->channel != nullptr ? "connected" : "disconnected");
+        list.AppendRecordPar("service", entry);
+    }
+    Reply(msg, kMsgServiceListAnswer, list);
+}
+
 void cScmServer::OnSetServiceTech(cMsg& msg)
 {
     tService* s = m_Registry.ByChannel(msg.GetChannel());
     if (s == nullptr)
         return;
-    s->techs.clear();
+    std::vector<std::string> offered;
     cRecordPar p = msg.GetRecord().GetFirstPar("service-tech", RECORD_TEXT, RECORD_SEL_TYPE);
     for (bool ok = p.IsValid(); ok; ok = msg.GetRecord().SeekNextPar(p, "service-tech", RECORD_TEXT, RECORD_SEL_TYPE))
-        s->techs.push_back(p.GetString());
+        offered.push_back(p.GetString());
+    // A second offer of a technology would let any local process that
+    // connects take over look-ups meant for the service that offers it.
+    for (const std::string& t : m_Registry.Offer(*s, offered))
+        Trace(WARNING, "'" + s->name + "' offers " + t + ": refused, '" + m_Registry.ByTech(t)->name +
+                           "' offers it (-shared-tech allows both)");
     std::string list;
     for (const std::string& t : s->techs)
         list += (list.empty() ? "" : ", ") + t;
     Trace(INFO, "'" + s->name + "' offers " + (list.empty() ? "nothing" : list));
+    if (s->techs.empty())
+        return;
     cRecord note;
     note.AppendTextPar("command", "add-technology");
     const cRecord info = cRegistry::InfoRecord(*s);
@@ -522,6 +629,8 @@ void cScmServer::OnServiceTrace(cMsg& msg)
 
 void cScmServer::OnClosed(cMsg& msg)
 {
+    for (auto it = m_PendingSet.begin(); it != m_PendingSet.end();)
+        it = it->second.channel == msg.GetChannel() ? m_PendingSet.erase(it) : std::next(it);
     const std::string name = m_Registry.Disconnect(msg.GetChannel());
     if (name.empty())
         return;

@@ -30,6 +30,8 @@ struct tScmOptions {
     unsigned long pollMs = 1000;
     unsigned long restartDelayMs = 1000;
     unsigned long stopGraceMs = 5000;
+    bool sharedTech = false;      // several services may offer one technology
+    bool onlyChildren = false;    // registrations only from the children it started
 };
 
 class cScmServer : public orvo::cService {
@@ -46,19 +48,25 @@ private:
     bool SetUp();
     void Handle(orvo::cMsg& msg);
     void Reply(orvo::cMsg& request, unsigned long type, const orvo::cRecord& record);
+    void RefuseRequest(orvo::cMsg& request);
     void SendTo(tService& service, orvo::cMsg& msg);
     // 0x10141 with "scm-health": "running" after the configuration answer,
     // "stopping" when orvo-scm begins to stop.
     void SendHealth(tService& service, const char* health);
 
     void OnRegister(orvo::cMsg& msg);
+    // With onlyChildren: whether the connection of msg comes from a child
+    // orvo-scm started; why gets the refusal's text.
+    bool FromOwnChild(const orvo::cMsg& msg, std::string& why) const;
     void OnConfigRequest(orvo::cMsg& msg);
     void OnReady(orvo::cMsg& msg);
     void OnServiceInfoRequest(orvo::cMsg& msg);
+    void OnServiceListRequest(orvo::cMsg& msg);
     void OnSetServiceTech(orvo::cMsg& msg);
     void OnNotificationRequest(orvo::cMsg& msg);
     void OnWdtAnswer(orvo::cMsg& msg);
     void OnSetConfigAnswer(orvo::cMsg& msg, bool applied);
+    void OnSetConfigRequest(orvo::cMsg& msg);
     void OnStoreRecord(orvo::cMsg& msg);
     void OnFetchRecord(orvo::cMsg& msg);
     void OnServiceTrace(orvo::cMsg& msg);
@@ -68,7 +76,8 @@ private:
     void WatchdogTick();
     void WatchdogFailed(const std::string& name);
     void PollFile();
-    void PushConfig(tService& service);
+    // Sends the service its whole configuration; returns the push's tid.
+    orvo::cUuid PushConfig(tService& service);
     void ScheduleRestart(const std::string& name);
     void BeginStop();
 
@@ -88,6 +97,17 @@ private:
     std::unique_ptr<cSupervisor> m_pSupervisor;
     std::map<std::string, bool> m_LogsToScm;            // by service name
     std::map<orvo::cUuid, std::string> m_PendingPush;   // 0x10015 tid -> service
+    // A change asked for by a client (0x10015 with "service-name"): the
+    // push's tid -> the client's channel and tid, answered when the service
+    // has answered the push.
+    struct tSetRequest {
+        orvo::cChannel* channel;
+        orvo::cUuid tid;
+    };
+    std::map<orvo::cUuid, tSetRequest> m_PendingSet;
+    // Changes made by clients, per service, applied over the configuration
+    // file in order: parent levels and the elements put there.
+    std::map<std::string, std::vector<std::pair<std::vector<std::string>, orvo::cRecord>>> m_Changes;
     std::map<std::string, std::unique_ptr<orvo::cTimer>> m_RestartTimers;
     std::unique_ptr<orvo::cTimer> m_pWdtTimer, m_pPollTimer, m_pStopTimer;
     bool m_bStopping;

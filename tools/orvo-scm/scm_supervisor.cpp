@@ -106,4 +106,13 @@ bool cSupervisor::AnyRunning() const
     return false;
 }
 
+std::vector<int> cSupervisor::RunningPids() const
+{
+    std::vector<int> pids;
+    for (const auto& kv : m_Children)
+        if (kv.second.pid > 0)
+            pids.push_back(kv.second.pid);
+    return pids;
+}
+
 }  // namespace orvo_scm

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <orvo_process.h>
 
@@ -47,6 +48,8 @@ public:
     // SIGKILL to every child still running.
     void KillAll();
     bool AnyRunning() const;
+    // The pids of the children running now.
+    std::vector<int> RunningPids() const;
     // Copies what the children's output pipes still hold.
     void DrainOutputs();
 

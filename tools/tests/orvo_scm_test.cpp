@@ -99,6 +99,12 @@ TEST_F(OrvoScm, RefusesATakenPortABadAddressAndUnknownOptions)
         EXPECT_EQ(out.find("listening on"), std::string::npos) << out;
     }
     close(taken);
+    // A wrong file at start: its line and the reason, status 2.
+    cScmProcess scm;
+    EXPECT_FALSE(StartScm(scm, "{\"services\": {\n \"alpha\": {\"start\": true}}}"));
+    EXPECT_EQ(scm.Exit(kWait), 2);
+    EXPECT_NE(scm.Output().find(": line 2: services.alpha: \"start\" needs a \"command\""), std::string::npos)
+        << scm.Output();
 }
 
 TEST_F(OrvoScm, RegistersRefusesASecondLiveNameAndServesTheConfiguration)
@@ -219,6 +225,96 @@ TEST_F(OrvoScm, FindsServicesByNameAndTechnologyAndNotifiesSubscribers)
     EXPECT_TRUE(client.ReceiveType(msg, 0x1001A, kWait));
 }
 
+// Look-ups of a technology answer the service that offered it first while
+// that one is connected; a second offer is refused unless -shared-tech; a
+// closed connection forgets the registration and its offers.
+TEST_F(OrvoScm, ATechnologyBelongsToItsFirstOfferWhileConnected)
+{
+    const auto offer = [](cScmClient& c, const cUuid& id, const char* tech) {
+        cMsg m = Request(0x1001B);
+        m.GetRecord().AppendUuidPar("service-id", id);
+        m.GetRecord().AppendTextPar("service-tech", tech);
+        EXPECT_TRUE(c.Send(m));
+    };
+    // The name of the service a look-up of "meter" gives; "" when unknown.
+    const auto lookUp = [](cScmClient& c) {
+        cMsg m;
+        EXPECT_TRUE(c.Send(Request(0x10018, "service-tech", "meter")));
+        while (c.Receive(m, kWait)) {
+            if (m.GetType() == 0x10019)
+                return Sub(m.GetRecord(), "service").GetFirstPar("name").GetString();
+            if (m.GetType() == 0x1001A)
+                return std::string();
+        }
+        return std::string("no answer");
+    };
+    for (const bool shared : {false, true}) {
+        SCOPED_TRACE(shared ? "-shared-tech" : "default");
+        cScmProcess scm;
+        ASSERT_TRUE(StartScm(scm, R"({"services": {}})",
+                             shared ? std::vector<std::string>{"-shared-tech"} : std::vector<std::string>{}));
+        cUuid zetaId, alphaId, askerId;
+        zetaId.Create();
+        alphaId.Create();
+        askerId.Create();
+        cScmClient zeta, alpha, asker;
+        // "zeta" offers first: name order must not decide.
+        Register(zeta, scm, zetaId, "zeta", cRecord());
+        Register(alpha, scm, alphaId, "alpha", cRecord());
+        Register(asker, scm, askerId, "asker", cRecord());
+        offer(zeta, zetaId, "meter");
+        ASSERT_TRUE(scm.WaitFor("'zeta' offers meter", kWait));
+        offer(alpha, alphaId, "meter");
+        ASSERT_TRUE(scm.WaitFor(shared ? "'alpha' offers meter" : "'alpha' offers meter: refused, 'zeta' offers it",
+                                kWait));
+        EXPECT_EQ(lookUp(asker), "zeta");
+
+        zeta.Close();
+        ASSERT_TRUE(scm.WaitFor("'zeta' disconnected", kWait));
+        EXPECT_EQ(lookUp(asker), shared ? "alpha" : "");
+
+        // Forgotten: zeta registers anew and offers again; the first offer
+        // still connected keeps the look-ups.
+        cScmClient back;
+        Register(back, scm, zetaId, "zeta", cRecord());
+        const size_t mark = scm.OutputSize();
+        offer(back, zetaId, "meter");
+        ASSERT_TRUE(scm.WaitFor("'zeta' offers meter", kWait, mark));
+        EXPECT_EQ(lookUp(asker), shared ? "alpha" : "zeta");
+    }
+}
+
+// A configuration asked for by another service's name: the answer and the
+// health go to the asker only; pushes and log requests from a service are
+// refused with 0x10017 rather than left unanswered.
+TEST_F(OrvoScm, AnswersTheAskerAndRefusesWhatItDoesNotServe)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, kAlphaJson));
+    cUuid alphaId, betaId;
+    alphaId.Create();
+    betaId.Create();
+    cScmClient alpha, beta;
+    cMsg msg;
+    Register(alpha, scm, alphaId, "alpha", cRecord());
+    ASSERT_TRUE(alpha.ReceiveType(msg, 0x10141, kWait));
+    Register(beta, scm, betaId, "beta", cRecord());
+    ASSERT_TRUE(beta.ReceiveType(msg, 0x10141, kWait));
+
+    ASSERT_TRUE(beta.Send(Request(0x10003, "service-name", "alpha")));
+    ASSERT_TRUE(beta.ReceiveType(msg, 0x10004, kWait));
+    ASSERT_TRUE(beta.ReceiveType(msg, 0x10141, kWait));
+    EXPECT_FALSE(alpha.ReceiveType(msg, 0x10141, 500));
+
+    for (unsigned long type : {0x10015ul, 0x1019Aul, 0x1019Dul, 0x101A0ul}) {
+        cMsg request = Request(type);
+        ASSERT_TRUE(beta.Send(request));
+        ASSERT_TRUE(beta.ReceiveType(msg, 0x10017, kWait)) << std::hex << type;
+        EXPECT_EQ(msg.GetTid(), request.GetTid());
+        EXPECT_FALSE(msg.GetRecord().GetFirstPar("reason").GetString().empty());
+    }
+}
+
 TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
 {
     cScmProcess scm;
@@ -241,13 +337,20 @@ TEST_F(OrvoScm, PushesAChangedConfigurationAndReportsTheAnswer)
     ASSERT_TRUE(alpha.Send(done));
     EXPECT_TRUE(scm.WaitFor("'alpha' applied the pushed configuration", kWait));
 
-    // A broken file is not taken: nothing is pushed, the old one stays.
+    // A broken file is not taken: its line and the reason are reported,
+    // nothing is pushed, the running configuration is still served.
     size_t mark = scm.OutputSize();
-    WriteFile(m_Dir.File(), R"({"services": {"alpha": {"config": [{"name": "level", "type": "uint", "value": -9}]}}})");
+    WriteFile(m_Dir.File(), "{\"services\": {\n\"alpha\": {\"config\": [{\"name\": \"level\", \"type\": \"uint\", \"value\": -9}]}}}");
     ASSERT_TRUE(scm.WaitFor("configuration file not taken", kWait, mark));
-    EXPECT_TRUE(scm.WaitFor("uint value must be an integer", kWait, mark));
+    EXPECT_TRUE(scm.WaitFor("line 2: services.alpha.config: element 0 \"level\": uint value must be an integer",
+                            kWait, mark));
+    EXPECT_TRUE(scm.WaitFor("(the running configuration is kept)", kWait, mark));
     cMsg msg;
     EXPECT_FALSE(alpha.ReceiveType(msg, 0x10015, 500));
+    cMsg ask = Request(0x10003, "service-name", "alpha");
+    ASSERT_TRUE(alpha.Send(ask));
+    ASSERT_TRUE(alpha.ReceiveType(msg, 0x10004, kWait));
+    EXPECT_EQ(Sub(msg.GetRecord(), "config").GetFirstPar("level").GetUInt(), 9u);
 
     // A refusal is reported as such.
     mark = scm.OutputSize();
@@ -332,6 +435,29 @@ TEST_F(OrvoScm, StoredRecordsOutliveARestart)
     }
 }
 
+
+// With -only-children a registration is taken only over a connection that
+// a process orvo-scm started holds: its own child registers, this test's
+// process (same user, same host) is refused with reason 3.
+TEST_F(OrvoScm, OnlyChildrenRefusesOtherProcesses)
+{
+    const std::string fake = EnvOr("ORVO_FAKE_SERVICE", "scm_fake_service");
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {"kid": {"start": true, "command": ")" + fake + R"( {scm-sap} kid"}}})",
+                         {"-only-children"}));
+    EXPECT_GT(RegisteredPid(scm, "kid", 0), 0);
+    cScmClient outsider;
+    ASSERT_TRUE(outsider.Connect(scm.Port()));
+    cUuid id;
+    id.Create();
+    cMsg msg;
+    ASSERT_TRUE(outsider.Send(RegisterMsg(id, "outsider", getpid(), cRecord())));
+    ASSERT_TRUE(outsider.ReceiveType(msg, 0x10002, kWait));
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("reason").GetSInt(), 3);
+    EXPECT_EQ(msg.GetRecord().GetFirstPar("sub-reason").GetString(), "not a process started by this SCM");
+    EXPECT_TRUE(scm.WaitFor("registration of 'outsider' refused", kWait));
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+}
 
 TEST_F(OrvoScm, StartsItsServicesRestartsThemAndStopsThemOnSigterm)
 {

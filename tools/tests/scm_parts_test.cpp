@@ -43,6 +43,10 @@ TEST(ScmFile, RefusesMalformedFilesAndKeepsThePreviousContents)
         {R"({"services": {"a": {"config": [{"name": "n", "type": "uint", "value": -1}]}}})",
          "services.a.config: element 0 \"n\": uint value must be"},
         {R"({"services": {)", "parse error"},
+        // Wrong entries and syntax errors name their line.
+        {"{\"services\": {\n  \"ok\": {},\n  \"bad\": {\"start\": 1}}}", "line 3: services.bad: unknown key"},
+        {"{\"services\": {\"a\": {},\n \"b\": {\"config\": [{\"name\": \"b\"}]}}}", "line 2: services.b.config:"},
+        {"{\"services\": {\n  \"a\": {}\n  \"b\": {}}}", "parse error at line 3, column"},
     };
     for (const auto& c : cases) {
         tScmFile file;
@@ -92,4 +96,41 @@ TEST(Watchdog, CountsUnansweredTriggersUpToTheLimitThenStartsAgain)
     book.Forget("b");
     EXPECT_FALSE(book.IsWatched("b"));
     EXPECT_EQ(book.Tick().triggers.size(), 1u);
+}
+
+// A client's change put into a configuration: elements replaced in place,
+// new ones appended, at the top or inside nested records; a path that names
+// no record leaves the configuration as it was.
+TEST(ScmConfigChange, SetsElementsAtAPath)
+{
+    using orvo::cRecord;
+    cRecord inner;
+    inner.AppendUIntPar("x", 1);
+    inner.AppendTextPar("y", "a");
+    cRecord config;
+    config.AppendUIntPar("tick-ms", 200);
+    config.AppendRecordPar("system", inner);
+    config.AppendTextPar("ip", "127.0.0.1");
+
+    const struct {
+        std::vector<std::string> levels;
+        const char* name;
+        unsigned value;
+        bool ok;
+        const char* text;   // the result's ToString()
+    } cases[] = {
+        {{}, "tick-ms", 300, true, "{tick-ms=300, system={ x=1, y=\"a\"  }, ip=127.0.0.1 }"},
+        {{}, "new", 7, true, "{tick-ms=200, system={ x=1, y=\"a\"  }, ip=127.0.0.1, new=7 }"},
+        {{"system"}, "x", 5, true, "{tick-ms=200, system={ x=5, y=\"a\"  }, ip=127.0.0.1 }"},
+        {{"system"}, "z", 9, true, "{tick-ms=200, system={ x=1, y=\"a\", z=9  }, ip=127.0.0.1 }"},
+        {{"nosuch"}, "x", 5, false, nullptr},
+        {{"ip"}, "x", 5, false, nullptr},               // a text, not a record
+        {{"system", "deeper"}, "x", 5, false, nullptr},
+    };
+    for (const auto& c : cases) {
+        cRecord change, result = config;
+        change.AppendUIntPar(c.name, c.value);
+        EXPECT_EQ(SetAtPath(result, c.levels, change), c.ok) << c.name;
+        EXPECT_EQ(result.ToString(), c.ok ? c.text : config.ToString()) << c.name;
+    }
 }

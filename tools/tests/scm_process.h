@@ -38,11 +38,25 @@ public:
     // for its "listening on" line.
     bool Start(const std::vector<std::string>& options)
     {
+        std::vector<std::string> words = {EnvOr("ORVO_SCM_BIN", "orvo-scm"), "-listen", "127.0.0.1:0"};
+        words.insert(words.end(), options.begin(), options.end());
+        if (!Spawn(words))
+            return false;
+        const std::string marker = "orvo-scm listening on 127.0.0.1:";
+        if (!WaitFor(marker, 20000))
+            return false;
+        std::lock_guard<std::mutex> lock(m_Lock);
+        m_Port = static_cast<unsigned short>(std::atoi(m_Out.c_str() + m_Out.find(marker) + marker.size()));
+        return m_Port != 0;
+    }
+
+    // Runs words (program path first) with standard output and error
+    // collected; any other program the tests drive while it runs.
+    bool Spawn(std::vector<std::string> words)
+    {
         int out[2];
         if (pipe2(out, O_CLOEXEC) != 0)
             return false;
-        std::vector<std::string> words = {EnvOr("ORVO_SCM_BIN", "orvo-scm"), "-listen", "127.0.0.1:0"};
-        words.insert(words.end(), options.begin(), options.end());
         m_Pid = fork();
         if (m_Pid == 0) {
             dup2(out[1], 1);
@@ -56,12 +70,14 @@ public:
         }
         close(out[1]);
         m_Reader = std::thread([this, fd = out[0]] { Read(fd); });
-        const std::string marker = "orvo-scm listening on 127.0.0.1:";
-        if (!WaitFor(marker, 20000))
-            return false;
-        std::lock_guard<std::mutex> lock(m_Lock);
-        m_Port = static_cast<unsigned short>(std::atoi(m_Out.c_str() + m_Out.find(marker) + marker.size()));
-        return m_Port != 0;
+        return m_Pid > 0;
+    }
+
+    // SIGINT (Ctrl-C) and the exit status, as Terminate.
+    int Interrupt(int timeoutMs)
+    {
+        kill(m_Pid, SIGINT);
+        return Exit(timeoutMs);
     }
 
     ~cScmProcess()

@@ -138,6 +138,51 @@ TEST_F(ScmService, LivesAWholeLifeWithOrvoScm)
     service.DeInit();
 }
 
+// A configuration change asked for by the service itself (SetConfigUInt,
+// no service name: its own) goes through orvo-scm: the one value changes,
+// its siblings stay, the change comes back as a push and is acknowledged;
+// a later change of the file keeps it.
+TEST_F(ScmService, ConfigurationChangesGoThroughOrvoScm)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {"cfg": {"config": [
+        {"name": "meter", "type": "record", "value": [{"name": "tick-ms", "type": "uint", "value": 250},
+                                                      {"name": "phase", "type": "uint", "value": 3}]}]}}})"));
+    orvoInit(ERROR, OUTPUT_STDOUT, false);
+    GetConfig()->SetTextPar("scm-sap", scm.Sap());
+    GetConfig()->SetTextPar("ip", "127.0.0.1");
+    cTestScmService service;
+    service.Init("cfg", cSocketAddr("127.0.0.1", 0), "log");
+    ASSERT_TRUE(PumpUntil(service, MSG_SCM_GETCONFIG_ACK));
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("meter.tick-ms", ".").GetUInt(), 250u);
+
+    cRecordPath meter;
+    meter.AddLevel("meter", cRecord());
+    EXPECT_GT(service.SetConfigUInt("", meter, "tick-ms", 400), 0);
+    ASSERT_TRUE(PumpUntil(service, MSG_SCM_SETCONFIG_ACK));
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("meter.tick-ms", ".").GetUInt(), 400u);
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("meter.phase", ".").GetUInt(), 3u);
+    EXPECT_EQ(GetConfig()->GetFirstPar("scm-sap").GetString(), scm.Sap());
+
+    // A path that names no record is refused with its reason.
+    cRecordPath nowhere;
+    nowhere.AddLevel("nowhere", cRecord());
+    EXPECT_GT(service.SetConfigUInt("", nowhere, "x", 1), 0);
+    cMsg refused;
+    ASSERT_TRUE(PumpUntil(service, MSG_SCM_SETCONFIG_NACK, &refused));
+    EXPECT_FALSE(refused.GetRecord().GetFirstPar("reason").GetString().empty());
+
+    WriteFile(m_Dir.File(), R"({"services": {"cfg": {"config": [
+        {"name": "meter", "type": "record", "value": [{"name": "tick-ms", "type": "uint", "value": 250},
+                                                      {"name": "phase", "type": "uint", "value": 4}]}]}}})");
+    ASSERT_TRUE(PumpUntil(service, MSG_SCM_SETCONFIG));
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("meter.phase", ".").GetUInt(), 4u);
+    EXPECT_EQ(GetConfig()->GetFirstParByPath("meter.tick-ms", ".").GetUInt(), 400u);
+    EXPECT_TRUE(scm.WaitFor("'cfg' applied the pushed configuration", kWait));
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+    Pump(service, [](cMsg&) { return false; }, 2000);
+    service.DeInit();
+}
 
 TEST_F(ScmService, ExampleServicesFindEachOtherAndReconnectAfterARestart)
 {
