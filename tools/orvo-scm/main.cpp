@@ -25,6 +25,8 @@ tArg gArgs[] = {
     {"-restart-ms", "delay before a service that ended is started again, ms", "1000", OnArg_Int},
     {"-shared-tech", "a technology may be offered by several services", nullptr, OnArg_Bool},
     {"-only-children", "registrations only from the services it started", nullptr, OnArg_Bool},
+    {"-control-access", "who may send orvo-scm control messages (any, loopback, none, or a list)",
+     "loopback", OnArg_Text},
     {"-debug", "trace library internals too", nullptr, OnArg_Bool},
     {nullptr, nullptr, nullptr, nullptr}};
 
@@ -52,6 +54,7 @@ int main(int argc, char** argv)
     options.restartDelayMs = Positive("restart-ms", options.restartDelayMs);
     options.sharedTech = config.GetFirstPar("shared-tech").GetBool();
     options.onlyChildren = config.GetFirstPar("only-children").GetBool();
+    options.controlAccess = config.GetFirstPar("control-access").GetString();
     if (config.GetFirstPar("debug").GetBool())
         SetTraceLevel(UnitORVO, DEBUG);
     if (options.configPath.empty()) {

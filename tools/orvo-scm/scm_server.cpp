@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include <orvo_access.h>
 #include <orvo_channel.h>
 #include <orvo_msgsocket.h>
 #include <orvo_msgtypes.h>
@@ -120,6 +121,15 @@ bool cScmServer::SetUp()
         std::fprintf(stderr, "orvo-scm: cannot open the record store %s\n", m_Options.storePath.c_str());
         return false;
     }
+    // Trace switching, snoop and the information request of orvo-scm itself
+    // (which tell every service's traffic) come from this device only,
+    // unless asked otherwise.
+    cControlAccess access;
+    if (!access.Parse(m_Options.controlAccess, &error)) {
+        std::fprintf(stderr, "orvo-scm: -control-access %s: %s\n", m_Options.controlAccess.c_str(), error.c_str());
+        return false;
+    }
+    SetControlAccess(access);
     const cSocketAddr asked(m_Options.listen.c_str(), 0);
     if (asked.IsEmpty() && m_Options.listen != "0.0.0.0:0") {
         std::fprintf(stderr, "orvo-scm: -listen %s is no ip:port address\n", m_Options.listen.c_str());

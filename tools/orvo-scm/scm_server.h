@@ -32,6 +32,7 @@ struct tScmOptions {
     unsigned long stopGraceMs = 5000;
     bool sharedTech = false;      // several services may offer one technology
     bool onlyChildren = false;    // registrations only from the children it started
+    std::string controlAccess = "loopback";   // who may send it control messages
 };
 
 class cScmServer : public orvo::cService {

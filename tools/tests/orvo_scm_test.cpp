@@ -89,6 +89,7 @@ TEST_F(OrvoScm, RefusesATakenPortABadAddressAndUnknownOptions)
         {{"-listen", "garbage"}, "-listen garbage is no ip:port address"},
         {{"-lisen", "127.0.0.1:1"}, "unknown option '-lisen'"},
         {{"stray"}, "unexpected argument 'stray'"},
+        {{"-control-access", "everyone"}, "-control-access everyone:"},
     };
     for (const sCase& c : cases) {
         cScmProcess scm;
