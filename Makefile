@@ -128,7 +128,7 @@ bench-smoke: bench-build
 	$(BENCH_DIR)/bench/record_bench --benchmark_min_time=0.01 --benchmark_repetitions=1
 	$(BENCH_DIR)/bench/ipc_bench --rr=1000 --oneway=20000
 	$(BENCH_DIR)/bench/loop_bench --rr=200 --rounds=1
-	$(BENCH_DIR)/bench/mem_bench --conns=300 --rounds=1 --rr=50
+	$(BENCH_DIR)/bench/mem_bench --conns=300 --rounds=1 --rr=50 --smoke
 	$(BENCH_DIR)/bench/tls_bench --bytes=2000000 --handshakes=20 --seconds=1
 	$(BENCH_DIR)/bench/scm_bench --rounds=1 --rr=200
 	$(BENCH_DIR)/bench/storage_bench --records=2000 --commit-records=20 --repeat=1

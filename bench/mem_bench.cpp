@@ -19,7 +19,10 @@
 //   - good client's median round trip under load below 2x its idle median.
 //
 // Options: --conns=<n> (default 1000), --rounds=<r> (default 3), --rr=<n>
-// round trips per measurement (default 300).
+// round trips per measurement (default 300), --smoke (a short run that
+// shows the goals but fails only when the service or a connection failed:
+// with a few hundred connections the heap's start is a quarter megabyte,
+// and 10% of it is within what the allocator's bookkeeping moves).
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -80,6 +83,7 @@ double Mb(long bytes)
 int main(int argc, char** argv)
 {
     int conns = 1000, rounds = 3, rr = 300;
+    bool smoke = false;
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], "--conns=", 8) == 0)
             conns = std::atoi(argv[i] + 8);
@@ -87,8 +91,10 @@ int main(int argc, char** argv)
             rounds = std::atoi(argv[i] + 9);
         else if (std::strncmp(argv[i], "--rr=", 5) == 0)
             rr = std::atoi(argv[i] + 5);
+        else if (std::strcmp(argv[i], "--smoke") == 0)
+            smoke = true;
         else {
-            std::fprintf(stderr, "usage: mem_bench [--conns=N] [--rounds=R] [--rr=N]\n");
+            std::fprintf(stderr, "usage: mem_bench [--conns=N] [--rounds=R] [--rr=N] [--smoke]\n");
             return 2;
         }
     }
@@ -103,6 +109,7 @@ int main(int argc, char** argv)
     MedianRoundTrip(good, 50);   // warm-up
 
     bool ok = true;
+    bool failed = false;   // the service or a connection failed
     std::printf("%d connections holding a 10-byte partial frame, %d rounds after a cold one (0), "
                 "%d round trips each\n\n",
                 conns, rounds, rr);
@@ -136,14 +143,19 @@ int main(int argc, char** argv)
                     "| %.3f ms | %.3f ms | %.2fx |\n",
                     round, Mb(idle.heap), Mb(loaded.heap), Mb(grew), Mb(idle.rss), Mb(loaded.rss),
                     Mb(after.heap), back, Mb(after.rss), rttIdle, rttLoaded, rttLoaded / rttIdle);
-        if (round > 0 && (loaded.clients < long(conns) + 1 || grew > (20l << 20) || back > 1.10 ||
-                          rttIdle < 0 || rttLoaded < 0))
+        if (loaded.clients < long(conns) + 1 || rttIdle < 0 || rttLoaded < 0)
+            failed = true;
+        if (round > 0 && (grew > (20l << 20) || back > 1.10))
             ok = false;
     }
     std::printf("\nretries of the good client (requests lost to queue overflows): %d\n", good.retries);
     hostile::SendAll(hostile::Connect(port), hostile::FrameOf(cMsg(hostile::kQuit)));
     const int rc = orvo_test::EndChild(child);
     std::printf("memory goals (<= 20 MB held, within 10%% after, every round): %s\n",
-                ok && rc == 0 ? "met" : "MISSED");
-    return ok && rc == 0 ? 0 : 1;
+                ok ? "met" : "MISSED");
+    if (failed || rc != 0) {
+        std::fprintf(stderr, "mem_bench: %s\n", rc != 0 ? "the service failed" : "connections or round trips failed");
+        return 1;
+    }
+    return ok || smoke ? 0 : 1;
 }
