@@ -577,19 +577,95 @@ bool TakeNetOptions(std::vector<std::string>& args, tNetOptions& net, const char
     return true;
 }
 
-int Info(std::vector<std::string> args, bool json)
+// Sends request on client (unless it went already) and waits for the answer
+// with its tid, of type want (0: any). On failure says why on standard error
+// ("<who> did not answer within N ms", or "<who> <what>") and returns false.
+bool Ask(orvo_ctl::cCtlClient& client, cMsg& request, unsigned long want, int timeoutMs,
+         const std::string& who, const char* what, cMsg& answer, bool sent = false)
 {
+    bool timedOut = false;
+    if ((sent || client.Send(request)) && client.ReceiveAnswer(answer, request.GetTid(), timeoutMs, timedOut) &&
+        (want == 0 || answer.GetType() == want))
+        return true;
+    std::fprintf(stderr, "orvo-ctl: %s %s\n", who.c_str(),
+                 timedOut ? ("did not answer within " + std::to_string(timeoutMs) + " ms").c_str() : what);
+    return false;
+}
+
+// An answer in JSON: {"type": "0x...", ["tid": ...,] "record": {...}}.
+void PrintJsonAnswer(const char* type, const cRecord& record, const std::string& tid = "")
+{
+    tJson out;
+    out["type"] = type;
+    if (!tid.empty())
+        out["tid"] = tid;
+    out["record"] = orvo_tools::RecordToJson(record);
+    std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+}
+
+// The command line of a subcommand that talks to a service or the SCM,
+// split: "--help" or "-h" prints help; --scm and --timeout go to net; each
+// word of flags is noted in flags when given; each word of valued takes the
+// next word as its value (values, in order); any other word that begins with
+// "-" is a usage error; the rest are words.
+struct tCommandLine {
     tNetOptions net;
+    std::vector<std::string> words;
+    std::vector<std::string> flags;
+    std::vector<std::pair<std::string, std::string>> values;
+    bool Has(const char* flag) const
+    {
+        for (const auto& f : flags)
+            if (f == flag)
+                return true;
+        return false;
+    }
+};
+
+// -1 to go on, otherwise the exit status to return at once (EXIT_OK after
+// the help, EXIT_USAGE after a usage error, printed).
+int SplitCommandLine(std::vector<std::string> args, const char* command, const char* help,
+                     const std::vector<std::string>& flags, const std::vector<std::string>& valued,
+                     tCommandLine& line)
+{
     for (const auto& w : args)
         if (w == "--help" || w == "-h") {
-            std::fputs(kInfoHelp, stdout);
+            std::fputs(help, stdout);
             return EXIT_OK;
         }
-    if (!TakeNetOptions(args, net, "info"))
+    if (!TakeNetOptions(args, line.net, command))
         return EXIT_USAGE;
-    for (const auto& w : args)
-        if (!w.empty() && w[0] == '-')
-            return Usage("info: unknown option '" + w + "'");
+    const auto known = [](const std::vector<std::string>& list, const std::string& w) {
+        for (const auto& k : list)
+            if (k == w)
+                return true;
+        return false;
+    };
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& w = args[i];
+        if (known(flags, w)) {
+            line.flags.push_back(w);
+        } else if (known(valued, w)) {
+            if (i + 1 >= args.size())
+                return Usage(std::string(command) + ": " + w + " needs a value");
+            line.values.emplace_back(w, args[++i]);
+        } else if (w.size() > 1 && w[0] == '-') {
+            return Usage(std::string(command) + ": unknown option '" + w + "'");
+        } else {
+            line.words.push_back(w);
+        }
+    }
+    return -1;
+}
+
+int Info(std::vector<std::string> args, bool json)
+{
+    tCommandLine line;
+    const int early = SplitCommandLine(args, "info", kInfoHelp, {}, {}, line);
+    if (early >= 0)
+        return early;
+    const tNetOptions& net = line.net;
+    args = line.words;
     if (args.size() != 1)
         return Usage("info: one SERVICE wanted");
     std::string sap;
@@ -603,20 +679,11 @@ int Info(std::vector<std::string> args, bool json)
     }
     cMsg request = orvo_ctl::Request(0x7006);
     cMsg answer;
-    bool timedOut = false;
-    if (!client.Send(request) || !client.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut) ||
-        answer.GetType() != 0x7007) {
-        std::fprintf(stderr, "orvo-ctl: the service at %s %s\n", sap.c_str(),
-                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
-                              : "gave no service information");
+    if (!Ask(client, request, 0x7007, net.timeoutMs, "the service at " + sap, "gave no service information", answer))
         return EXIT_FAIL;
-    }
     const cRecord& r = answer.GetRecord();
     if (json) {
-        tJson out;
-        out["type"] = "0x7007";
-        out["record"] = orvo_tools::RecordToJson(r);
-        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+        PrintJsonAnswer("0x7007", r);
         return EXIT_OK;
     }
     // GetString copies: a formatted value lives in the (temporary) view.
@@ -645,16 +712,13 @@ const char* const kListHelp =
 
 int List(std::vector<std::string> args, bool json)
 {
-    tNetOptions net;
-    for (const auto& w : args)
-        if (w == "--help" || w == "-h") {
-            std::fputs(kListHelp, stdout);
-            return EXIT_OK;
-        }
-    if (!TakeNetOptions(args, net, "list"))
-        return EXIT_USAGE;
-    if (!args.empty())
-        return Usage("list: unexpected '" + args[0] + "'");
+    tCommandLine line;
+    const int early = SplitCommandLine(args, "list", kListHelp, {}, {}, line);
+    if (early >= 0)
+        return early;
+    const tNetOptions& net = line.net;
+    if (!line.words.empty())
+        return Usage("list: unexpected '" + line.words[0] + "'");
     orvo_ctl::cCtlClient scm;
     std::string error;
     if (!scm.Connect(net.scm, net.timeoutMs, error)) {
@@ -663,20 +727,12 @@ int List(std::vector<std::string> args, bool json)
     }
     cMsg request = orvo_ctl::Request(orvo_scm::kMsgServiceListRequest);
     cMsg answer;
-    bool timedOut = false;
-    if (!scm.Send(request) || !scm.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut) ||
-        answer.GetType() != orvo_scm::kMsgServiceListAnswer) {
-        std::fprintf(stderr, "orvo-ctl: the SCM at %s %s\n", net.scm.c_str(),
-                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
-                              : "gave no service list");
+    if (!Ask(scm, request, orvo_scm::kMsgServiceListAnswer, net.timeoutMs, "the SCM at " + net.scm,
+             "gave no service list", answer))
         return EXIT_FAIL;
-    }
     const cRecord& r = answer.GetRecord();
     if (json) {
-        tJson out;
-        out["type"] = "0x10201";
-        out["record"] = orvo_tools::RecordToJson(r);
-        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+        PrintJsonAnswer("0x10201", r);
         return EXIT_OK;
     }
     std::printf("%-20s %7s  %-21s %-12s %s\n", "NAME", "PID", "SAP", "STATE", "TECHNOLOGIES");
@@ -704,24 +760,13 @@ const char* const kSendHelp =
 
 int Send(std::vector<std::string> args, bool json)
 {
-    tNetOptions net;
-    bool wait = false;
-    for (const auto& w : args)
-        if (w == "--help" || w == "-h") {
-            std::fputs(kSendHelp, stdout);
-            return EXIT_OK;
-        }
-    if (!TakeNetOptions(args, net, "send"))
-        return EXIT_USAGE;
-    std::vector<std::string> words;
-    for (const auto& w : args) {
-        if (w == "--wait")
-            wait = true;
-        else if (w.size() > 1 && w[0] == '-' && w[1] == '-')
-            return Usage("send: unknown option '" + w + "'");
-        else
-            words.push_back(w);
-    }
+    tCommandLine line;
+    const int early = SplitCommandLine(args, "send", kSendHelp, {"--wait"}, {}, line);
+    if (early >= 0)
+        return early;
+    const tNetOptions& net = line.net;
+    const bool wait = line.Has("--wait");
+    const std::vector<std::string>& words = line.words;
     if (words.size() < 2 || words.size() > 3)
         return Usage("send: SERVICE and TYPE wanted");
     char* end = nullptr;
@@ -753,21 +798,13 @@ int Send(std::vector<std::string> args, bool json)
         return EXIT_OK;
     }
     cMsg answer;
-    bool timedOut = false;
-    if (!client.ReceiveAnswer(answer, msg.GetTid(), net.timeoutMs, timedOut)) {
-        std::fprintf(stderr, "orvo-ctl: the service at %s %s\n", sap.c_str(),
-                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
-                              : "closed the connection without answering");
+    if (!Ask(client, msg, 0, net.timeoutMs, "the service at " + sap, "closed the connection without answering",
+             answer, true))
         return EXIT_FAIL;
-    }
     char typeText[32];
     std::snprintf(typeText, sizeof typeText, "0x%lx", answer.GetType());
     if (json) {
-        tJson out;
-        out["type"] = typeText;
-        out["tid"] = tid;
-        out["record"] = orvo_tools::RecordToJson(answer.GetRecord());
-        std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
+        PrintJsonAnswer(typeText, answer.GetRecord(), tid);
     } else {
         std::printf("answer %s tid %s\n%s", typeText, tid.c_str(), answer.GetRecord().ToString2(1).c_str());
     }
@@ -798,14 +835,8 @@ bool FetchConfig(const std::string& name, const tNetOptions& net, cRecord& confi
     request.GetRecord().AppendTextPar("service-name", name);
     request.GetRecord().AppendTextPar("path", "");
     cMsg answer;
-    bool timedOut = false;
-    if (!scm.Send(request) || !scm.ReceiveAnswer(answer, request.GetTid(), net.timeoutMs, timedOut) ||
-        answer.GetType() != 0x10004) {
-        std::fprintf(stderr, "orvo-ctl: the SCM at %s %s\n", net.scm.c_str(),
-                     timedOut ? ("did not answer within " + std::to_string(net.timeoutMs) + " ms").c_str()
-                              : "gave no configuration");
+    if (!Ask(scm, request, 0x10004, net.timeoutMs, "the SCM at " + net.scm, "gave no configuration", answer))
         return false;
-    }
     answer.GetRecord().GetFirstPar("config", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(config);
     return true;
 }
@@ -935,17 +966,12 @@ int ConfigSet(const std::string& service, const std::string& assignment, const t
 
 int Config(std::vector<std::string> args, bool json)
 {
-    tNetOptions net;
-    for (const auto& w : args)
-        if (w == "--help" || w == "-h") {
-            std::fputs(kConfigHelp, stdout);
-            return EXIT_OK;
-        }
-    if (!TakeNetOptions(args, net, "config"))
-        return EXIT_USAGE;
-    for (const auto& w : args)
-        if (!w.empty() && w[0] == '-')
-            return Usage("config: unknown option '" + w + "'");
+    tCommandLine line;
+    const int early = SplitCommandLine(args, "config", kConfigHelp, {}, {}, line);
+    if (early >= 0)
+        return early;
+    const tNetOptions& net = line.net;
+    args = line.words;
     const bool set = args.size() >= 2 && args[1] == "set";
     if (args.empty() || (!set && args.size() > 2) || (set && args.size() != 3))
         return Usage("config: SERVICE [PATH] or SERVICE set PATH=VALUE wanted");
@@ -1008,14 +1034,8 @@ bool AskServiceInfo(orvo_ctl::cCtlClient& client, const std::string& sap, int ti
 {
     cMsg request = orvo_ctl::Request(0x7006);
     cMsg answer;
-    bool timedOut = false;
-    if (!client.Send(request) || !client.ReceiveAnswer(answer, request.GetTid(), timeoutMs, timedOut) ||
-        answer.GetType() != 0x7007) {
-        std::fprintf(stderr, "orvo-ctl: the service at %s %s\n", sap.c_str(),
-                     timedOut ? ("did not answer within " + std::to_string(timeoutMs) + " ms").c_str()
-                              : "gave no service information");
+    if (!Ask(client, request, 0x7007, timeoutMs, "the service at " + sap, "gave no service information", answer))
         return false;
-    }
     info = answer.GetRecord();
     return true;
 }
@@ -1063,24 +1083,13 @@ void PrintTraceLine(const cRecord& r, bool json)
 
 int Trace(std::vector<std::string> args, bool json)
 {
-    tNetOptions net;
-    bool follow = false;
-    for (const auto& w : args)
-        if (w == "--help" || w == "-h") {
-            std::fputs(kTraceHelp, stdout);
-            return EXIT_OK;
-        }
-    if (!TakeNetOptions(args, net, "trace"))
-        return EXIT_USAGE;
-    std::vector<std::string> words;
-    for (const auto& w : args) {
-        if (w == "--follow")
-            follow = true;
-        else if (!w.empty() && w[0] == '-')
-            return Usage("trace: unknown option '" + w + "'");
-        else
-            words.push_back(w);
-    }
+    tCommandLine line;
+    const int early = SplitCommandLine(args, "trace", kTraceHelp, {"--follow"}, {}, line);
+    if (early >= 0)
+        return early;
+    const tNetOptions& net = line.net;
+    const bool follow = line.Has("--follow");
+    const std::vector<std::string>& words = line.words;
     if (words.empty())
         return Usage("trace: SERVICE missing");
     // The service sets the units named in "units", each a sub-record with
@@ -1202,37 +1211,25 @@ bool ShowSnoop(const cRecord& r, bool json, orvo_ctl::cPcapWriter* pcap)
 
 int Snoop(std::vector<std::string> args, bool json)
 {
-    tNetOptions net;
-    for (const auto& w : args)
-        if (w == "--help" || w == "-h") {
-            std::fputs(kSnoopHelp, stdout);
-            return EXIT_OK;
-        }
-    if (!TakeNetOptions(args, net, "snoop"))
-        return EXIT_USAGE;
-    std::vector<std::string> words;
+    tCommandLine line;
+    const int early = SplitCommandLine(args, "snoop", kSnoopHelp, {}, {"--type", "--pcap"}, line);
+    if (early >= 0)
+        return early;
+    const tNetOptions& net = line.net;
+    const std::vector<std::string>& words = line.words;
     std::vector<unsigned long> types;
     std::string pcapPath;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& w = args[i];
-        if (w == "--type" || w == "--pcap") {
-            if (i + 1 >= args.size())
-                return Usage("snoop: " + w + " needs a value");
-            const std::string& v = args[++i];
-            if (w == "--pcap") {
-                pcapPath = v;
-                continue;
-            }
-            char* end = nullptr;
-            const unsigned long type = std::strtoul(v.c_str(), &end, 0);
-            if (v.empty() || *end || v[0] == '-' || type > 0xFFFFFF)
-                return Usage("snoop: --type wants a message type, not '" + v + "'");
-            types.push_back(type);
-        } else if (!w.empty() && w[0] == '-') {
-            return Usage("snoop: unknown option '" + w + "'");
-        } else {
-            words.push_back(w);
+    for (const auto& option : line.values) {
+        const std::string& v = option.second;
+        if (option.first == "--pcap") {
+            pcapPath = v;
+            continue;
         }
+        char* end = nullptr;
+        const unsigned long type = std::strtoul(v.c_str(), &end, 0);
+        if (v.empty() || *end || v[0] == '-' || type > 0xFFFFFF)
+            return Usage("snoop: --type wants a message type, not '" + v + "'");
+        types.push_back(type);
     }
     if (words.size() != 1)
         return Usage("snoop: one SERVICE wanted");
@@ -1306,23 +1303,23 @@ int main(int argc, char** argv)
         std::printf("%s\n", kVersion);
         return EXIT_OK;
     }
-    if (command == "journal")
-        return Journal(args, json);
-    if (command == "config")
-        return Config(args, json);
-    if (command == "trace")
-        return Trace(args, json);
-    if (command == "snoop")
-        return Snoop(args, json);
-    if (command == "send")
-        return Send(args, json);
-    if (command == "list")
-        return List(args, json);
-    if (command == "info")
-        return Info(args, json);
-    if (command == "eeprom")
-        return Eeprom(args, json);
-    if (command == "statusw")
-        return Statusw(args, json);
+    using tCommand = int (*)(std::vector<std::string>, bool);
+    static const struct {
+        const char* name;
+        tCommand run;
+    } kCommands[] = {
+        {"journal", [](std::vector<std::string> a, bool j) { return Journal(a, j); }},
+        {"config", Config},
+        {"trace", Trace},
+        {"snoop", Snoop},
+        {"send", Send},
+        {"list", List},
+        {"info", Info},
+        {"eeprom", [](std::vector<std::string> a, bool j) { return Eeprom(a, j); }},
+        {"statusw", [](std::vector<std::string> a, bool j) { return Statusw(a, j); }},
+    };
+    for (const auto& c : kCommands)
+        if (command == c.name)
+            return c.run(args, json);
     return Usage("unknown command '" + command + "'");
 }
