@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -603,6 +604,29 @@ void PrintJsonAnswer(const char* type, const cRecord& record, const std::string&
     std::printf("%s\n", out.dump(2, ' ', false, tJson::error_handler_t::replace).c_str());
 }
 
+// Hands the record of every message of type that arrives on client to show
+// until Ctrl-C or SIGTERM (true) or until the service closes the connection
+// or show returns false (false, said on standard error by then).
+bool Follow(orvo_ctl::cCtlClient& client, const std::string& sap, unsigned long type,
+            const std::function<bool(const cRecord&)>& show)
+{
+    std::signal(SIGINT, OnSignal);
+    std::signal(SIGTERM, OnSignal);
+    while (!g_Stop) {
+        cMsg msg;
+        bool timedOut = false;
+        if (!client.Receive(msg, 1000, timedOut)) {
+            if (timedOut)
+                continue;
+            std::fprintf(stderr, "orvo-ctl: the service at %s closed the connection\n", sap.c_str());
+            return false;
+        }
+        if (msg.GetType() == type && !show(msg.GetRecord()))
+            return false;
+    }
+    return true;
+}
+
 // The command line of a subcommand that talks to a service or the SCM,
 // split: "--help" or "-h" prints help; --scm and --timeout go to net; each
 // word of flags is noted in flags when given; each word of valued takes the
@@ -1121,20 +1145,11 @@ int Trace(std::vector<std::string> args, bool json)
     PrintUnits(info, json);
     if (!follow)
         return EXIT_OK;
-    std::signal(SIGINT, OnSignal);
-    std::signal(SIGTERM, OnSignal);
-    while (!g_Stop) {
-        cMsg msg;
-        bool timedOut = false;
-        if (!client.Receive(msg, 1000, timedOut)) {
-            if (timedOut)
-                continue;
-            std::fprintf(stderr, "orvo-ctl: the service at %s closed the connection\n", sap.c_str());
-            return EXIT_FAIL;
-        }
-        if (msg.GetType() == 0x7002)
-            PrintTraceLine(msg.GetRecord(), json);
-    }
+    if (!Follow(client, sap, 0x7002, [json](const cRecord& r) {
+            PrintTraceLine(r, json);
+            return true;
+        }))
+        return EXIT_FAIL;
     // Trace off: every unit of the service back to NONE, this connection no
     // longer a trace output. The answer to the information request shows
     // that the service has handled it before the connection closes.
@@ -1251,28 +1266,19 @@ int Snoop(std::vector<std::string> args, bool json)
     if (!json)
         std::fprintf(stderr, "orvo-ctl: snooping on %s (%s), Ctrl-C ends\n",
                      info.GetFirstPar("name").GetString().c_str(), sap.c_str());
-    std::signal(SIGINT, OnSignal);
-    std::signal(SIGTERM, OnSignal);
-    while (!g_Stop) {
-        cMsg msg;
-        bool timedOut = false;
-        if (!client.Receive(msg, 1000, timedOut)) {
-            if (timedOut)
-                continue;
-            std::fprintf(stderr, "orvo-ctl: the service at %s closed the connection\n", sap.c_str());
-            return EXIT_FAIL;
-        }
-        if (msg.GetType() != 0x7005)
-            continue;
-        const unsigned long type = msg.GetRecord().GetFirstPar("msg-type").GetUInt();
+    const bool followed = Follow(client, sap, 0x7005, [&](const cRecord& r) {
+        const unsigned long type = r.GetFirstPar("msg-type").GetUInt();
         bool wanted = types.empty();
         for (unsigned long t : types)
             wanted = wanted || t == type;
-        if (wanted && !ShowSnoop(msg.GetRecord(), json, pcapPath.empty() ? nullptr : &pcap)) {
+        if (wanted && !ShowSnoop(r, json, pcapPath.empty() ? nullptr : &pcap)) {
             std::fprintf(stderr, "orvo-ctl: cannot write %s\n", pcapPath.c_str());
-            return EXIT_FAIL;
+            return false;
         }
-    }
+        return true;
+    });
+    if (!followed)
+        return EXIT_FAIL;
     client.Send(orvo_ctl::Request(0x7004));
     return EXIT_OK;
 }
