@@ -347,13 +347,17 @@ TEST_F(Wan, ResetMidBodyContinuesAndTheFileIsWhole)
     EXPECT_EQ(d.status, 206u);
     EXPECT_EQ(ReadFile(m_Dir + "/reset.out").size(), n);
 
-    // Without continuations the broken attempt keeps its half for the next.
+    // Without continuations the broken attempt keeps what arrived for the
+    // next: a front part of the file, at most the half the peer sent (a
+    // reset may drop bytes the client had not read yet).
     r.file = m_Dir + "/reset2.out";
     r.retries = 0;
     d = Run(r);
     EXPECT_EQ(d.result, WAN_ERR_TRANSFER);
     EXPECT_FALSE(Exists(r.file));
-    EXPECT_EQ(ReadFile(r.file + ".part"), PeerBytes(n / 2));
+    const std::string part = ReadFile(r.file + ".part");
+    EXPECT_LE(part.size(), n / 2);
+    EXPECT_EQ(part, PeerBytes(n).substr(0, part.size()));
     d = Run(r);
     EXPECT_EQ(d.result, WAN_OK) << d.error;
     EXPECT_EQ(ReadFile(r.file), PeerBytes(n));
