@@ -117,6 +117,10 @@ int cAES::Begin(bool encrypt, const void* iv, size_t ivLen)
     m_Encrypt = encrypt;
     m_Running = true;
     m_TagSet = m_TagReady = m_DataStarted = false;
+    // Bytes held back by an unfinished message are plaintext (or its
+    // cipher): wiped like Clear() does.
+    if (!m_Held.empty())
+        OPENSSL_cleanse(m_Held.data(), m_Held.size());
     m_Held.clear();
     m_Aad.clear();
     std::memset(m_Iv, 0, sizeof(m_Iv));
@@ -319,6 +323,7 @@ int cAES::FinishKernel(unsigned char* out, size_t& outLen)
             std::memcpy(block, m_Held.data(), m_Held.size());
         std::memset(block + m_Held.size(), static_cast<int>(pad), pad);
         const int rc = RunKernel(block, BLOCK_SIZE, out);
+        OPENSSL_cleanse(block, sizeof(block));
         if (rc == 1)
             outLen = BLOCK_SIZE;
         return rc;
@@ -375,15 +380,18 @@ int cAES::FinishKernelGcm(unsigned char* out, size_t& outLen)
     std::vector<unsigned char> result(m_Aad.size() + len + GCM_TAG_SIZE);
     const ssize_t got = m_pKernel->Run(m_Encrypt, m_Iv, GCM_IV_SIZE, m_Aad.size(), buf.data(), buf.size(),
                                        result.data(), result.size());
+    OPENSSL_cleanse(buf.data(), buf.size());
     if (!m_Held.empty())
         OPENSSL_cleanse(m_Held.data(), m_Held.size());
     m_Held.clear();
-    if (got == -EBADMSG)
-        return Fail(ERR_AUTH, "GCM tag mismatch: message refused");
     const size_t want = m_Aad.size() + len + (m_Encrypt ? GCM_TAG_SIZE : 0);
-    if (got < 0 || static_cast<size_t>(got) < want)
+    if (got < 0 || static_cast<size_t>(got) < want) {
+        OPENSSL_cleanse(result.data(), result.size());
+        if (got == -EBADMSG)
+            return Fail(ERR_AUTH, "GCM tag mismatch: message refused");
         return Fail(ERR_CIPHER, std::string("kernel GCM request failed: ") +
                                     (got < 0 ? std::strerror(static_cast<int>(-got)) : "short"));
+    }
     if (len > 0)
         std::memcpy(out, result.data() + m_Aad.size(), len);
     if (m_Encrypt)
