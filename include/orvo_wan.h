@@ -21,14 +21,28 @@
 //
 // Messages to the owning service (records: docs/message_types.md):
 //  MSG_WAN_PROGRESS (0x9000) at most every progressMs per transfer;
-//  MSG_WAN_DONE (0x9001) exactly once per started transfer (also when
-//  cancelled). Both carry the request's tag as the message's tid.
+//  MSG_WAN_DONE (0x9001) exactly once per started transfer: also when
+//  cancelled, and when the process-wide stop flag ends the worker (each
+//  running and queued transfer: WAN_ERR_CANCELLED; the message waits in the
+//  owner's socket for a loop that runs again). Only a destroyed client
+//  reports nothing for what it still had. Both carry the request's tag as
+//  the message's tid.
 //
 // Downloads are written to "<file>.part" and renamed to file only when the
 // whole body arrived with a 2xx status (and the SHA-256 matched when one was
 // given), so a half file never looks whole. A "<file>.part" left by an
 // earlier attempt is continued from its end (range request); an attempt
 // interrupted mid-body is continued the same way up to retries times.
+// A continuation carries the validator of the transfer's first answer
+// (strong ETag, else a strong Last-Modified) in If-Range: a file that
+// changed meanwhile comes whole (200) and the download starts again from
+// zero instead of splicing old and new bytes. A ".part" left by an earlier
+// transfer (another Start, another process) has no validator: its range
+// request is unconditional, so give sha256 to be sure of the result. A
+// ".part" that already holds the whole file gets 416 (nothing left to
+// send): it is taken as whole when its size equals the file's size the
+// server names, else the download starts again from zero. Starting again
+// is free once per transfer and costs a retry after that.
 //
 // libcurl's process-wide start-up runs once, thread-safely, before the
 // first transfer (or in orvoInit when this library is loaded); orvoDeinit
@@ -38,7 +52,8 @@
 // Cancel, destructor). The worker posts with SendToInternal and holds no lock
 // while it does. Destroying the client, or the process-wide stop flag, ends
 // the worker within about 100 ms plus the time libcurl needs to close its
-// sockets; unfinished transfers keep their ".part" file.
+// sockets; unfinished transfers keep their ".part" file. A Start after the
+// stop flag ended the worker starts it again.
 #pragma once
 
 #include <atomic>
@@ -104,7 +119,7 @@ enum eWanResult {
     WAN_ERR_HTTP = -2,       // status outside 2xx
     WAN_ERR_FILE = -3,       // local file could not be read, written or renamed
     WAN_ERR_HASH = -4,       // SHA-256 differs; the download was removed
-    WAN_ERR_CANCELLED = -5,  // Cancel, client destroyed or process stopping
+    WAN_ERR_CANCELLED = -5,  // Cancel or process stopping (not posted when the client is destroyed)
 };
 
 class cCurlPerformThread;
@@ -114,8 +129,9 @@ class ORVO_API cWanClient {
 public:
     // owner receives the messages; it must outlive the client.
     explicit cWanClient(cService* owner);
-    // Ends the worker (bounded); transfers still running are cancelled
-    // without a message.
+    // Ends the worker (bounded); transfers still running or queued are
+    // cancelled without a message (their ids mean nothing any more; a new
+    // client counts ids from 1 again).
     ~cWanClient();
     cWanClient(const cWanClient&) = delete;
     cWanClient& operator=(const cWanClient&) = delete;
@@ -142,6 +158,9 @@ public:
     explicit cCurlPerformThread(cService* parent);
     ~cCurlPerformThread() override;
 
+    // Queues a transfer and starts the worker when none runs, or a new one
+    // when the process-wide stop flag is ending the one that runs. The id,
+    // or 0 without a libcurl multi handle or when the thread does not start.
     unsigned Add(const tWanRequest& req);
     bool Cancel(unsigned id);
     size_t GetActiveCount() const;
@@ -161,13 +180,16 @@ private:
     void Finish(sTransfer& t, int result, long status, const std::string& error);
     // True when a broken GET was put back into the multi handle to continue.
     bool Completed(sTransfer& t, CURLcode_t code);
+    bool Resume(sTransfer& t, bool fromZero, const std::string& why);
+    unsigned NewTransfer(const tWanRequest& req);   // under m_Lock
     void PostDone(const sTransfer& t, int result, long status, const std::string& error);
 
-    mutable std::mutex m_Lock;                  // guards the three below and m_NextId
+    mutable std::mutex m_Lock;                  // guards the three below, m_NextId and m_Ending
     std::map<unsigned, tWanRequest> m_Pending;  // added, not yet taken by the loop
     std::set<unsigned> m_Cancels;
     std::set<unsigned> m_Live;                  // added, not yet reported done
     unsigned m_NextId = 1;
+    bool m_Ending = false;                      // the loop ended: Add waits for it and starts anew
     std::atomic<bool> m_Stop{false};
     std::unique_ptr<sMulti> m_pMulti;
 };

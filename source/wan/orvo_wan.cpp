@@ -7,11 +7,15 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <strings.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <vector>
 
 #include "orvo_hash.h"
@@ -82,7 +86,22 @@ struct cCurlPerformThread::sTransfer {
     bool statusChecked = false;   // GET: the first body bytes decided what to do with the file
     bool discard = false;         // GET: body of an error status, not written
     bool writeFailed = false;
+    int writeErrno = 0;           // GET: errno of the failed write
     int attempts = 0;
+    bool restarted = false;       // GET: the ".part" file was started again from zero once
+    // GET: what the responses so far said about the remote file: its size
+    // (-1 unknown) and a validator (strong ETag or Last-Modified) that a
+    // range request carries in If-Range, so a changed file comes whole
+    // instead of being spliced onto the old bytes.
+    curl_off_t total = -1;
+    std::string validator;
+    // GET: the headers of the response being read (one response of
+    // several with redirects or authentication).
+    struct {
+        long status = 0;
+        curl_off_t length = -1, rangeTotal = -1;
+        std::string etag, lastModified, date;
+    } head;
     long long startMs = 0;
     long long lastProgressMs = 0;
     cCurlPerformThread* owner = nullptr;
@@ -114,18 +133,21 @@ struct cCurlPerformThread::sMulti {
 
 namespace {
 
-bool WriteAll(int fd, const char* p, size_t n)
+// 0, or the errno of the write that failed.
+int WriteAll(int fd, const char* p, size_t n)
 {
     while (n > 0) {
         ssize_t w = write(fd, p, n);
         if (w < 0 && errno == EINTR)
             continue;
-        if (w <= 0)
-            return false;
+        if (w < 0)
+            return errno;
+        if (w == 0)
+            return ENOSPC;
         p += w;
         n -= static_cast<size_t>(w);
     }
-    return true;
+    return 0;
 }
 
 long TlsFloor(const std::string& v)
@@ -168,20 +190,48 @@ void cCurlPerformThread::Wake()
         curl_multi_wakeup(m_pMulti->multi);
 }
 
+unsigned cCurlPerformThread::NewTransfer(const tWanRequest& req)
+{
+    const unsigned id = m_NextId++;
+    if (m_NextId == 0)
+        m_NextId = 1;
+    m_Pending[id] = req;
+    m_Live.insert(id);
+    return id;
+}
+
 unsigned cCurlPerformThread::Add(const tWanRequest& req)
 {
-    if (!m_pMulti->multi)
+    if (!m_pMulti->multi || m_Stop)
         return 0;
+    if (IsRunning()) {
+        unsigned id = 0;
+        {
+            std::lock_guard<std::mutex> guard(m_Lock);
+            if (!m_Ending)
+                id = NewTransfer(req);
+        }
+        if (id != 0) {
+            Wake();
+            return id;
+        }
+    }
+    // No worker yet, or one that the process-wide stop flag ends: the
+    // request is queued while no worker runs, then a new worker takes it
+    // (and, with the flag still set, reports it cancelled at once).
+    Join();
     unsigned id;
     {
         std::lock_guard<std::mutex> guard(m_Lock);
-        id = m_NextId++;
-        if (m_NextId == 0)
-            m_NextId = 1;
-        m_Pending[id] = req;
-        m_Live.insert(id);
+        m_Ending = false;
+        id = NewTransfer(req);
     }
-    Wake();
+    if (Start() != 0) {
+        std::lock_guard<std::mutex> guard(m_Lock);
+        m_Pending.erase(id);
+        m_Live.erase(id);
+        return 0;
+    }
     return id;
 }
 
@@ -216,11 +266,94 @@ size_t OnBody(char* p, size_t size, size_t n, void* arg)
     }
     if (t.discard)
         return len;
-    if (!WriteAll(t.fd, p, len)) {
+    if (int err = WriteAll(t.fd, p, len)) {
         t.writeFailed = true;
+        t.writeErrno = err;             // reported later, after other calls changed errno
         return 0;                       // libcurl ends the transfer with CURLE_WRITE_ERROR
     }
     t.written += static_cast<curl_off_t>(len);
+    return len;
+}
+
+bool StartsWithNoCase(const std::string& s, const char* prefix)
+{
+    return strncasecmp(s.c_str(), prefix, strlen(prefix)) == 0;
+}
+
+// "Content-Range: bytes 0-99/1000", "bytes */1000": the total, -1 when none.
+curl_off_t RangeTotal(const std::string& value)
+{
+    const size_t slash = value.rfind('/');
+    if (slash == std::string::npos || slash + 1 >= value.size() ||
+        !isdigit(static_cast<unsigned char>(value[slash + 1])))
+        return -1;
+    return static_cast<curl_off_t>(strtoll(value.c_str() + slash + 1, nullptr, 10));
+}
+
+// The response's validator for If-Range: a strong ETag, else a Last-Modified
+// date that is strong (at least a second older than the response's Date,
+// RFC 9110 8.8.2.2); "" when there is none.
+std::string Validator(const std::string& etag, const std::string& lastModified, const std::string& date)
+{
+    if (!etag.empty() && !StartsWithNoCase(etag, "W/"))
+        return etag;
+    if (lastModified.empty() || !etag.empty())
+        return "";
+    const time_t modified = curl_getdate(lastModified.c_str(), nullptr);
+    const time_t now = date.empty() ? -1 : curl_getdate(date.c_str(), nullptr);
+    return modified >= 0 && now >= 0 && now - modified >= 1 ? lastModified : "";
+}
+
+// GET: one header line of a response; at the blank line that ends the
+// headers, what they say about the remote file.
+size_t OnHeader(char* p, size_t size, size_t n, void* arg)
+{
+    sTransfer& t = *static_cast<sTransfer*>(arg);
+    const size_t len = size * n;
+    std::string line(p, len);
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+        line.pop_back();
+    auto& h = t.head;
+    if (StartsWithNoCase(line, "HTTP/")) {
+        h = {};
+        const size_t sp = line.find(' ');
+        h.status = sp == std::string::npos ? 0 : strtol(line.c_str() + sp + 1, nullptr, 10);
+        return len;
+    }
+    if (!line.empty()) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos)
+            return len;
+        const std::string name = line.substr(0, colon);
+        size_t v = colon + 1;
+        while (v < line.size() && (line[v] == ' ' || line[v] == '\t'))
+            ++v;
+        const std::string value = line.substr(v);
+        if (strcasecmp(name.c_str(), "ETag") == 0)
+            h.etag = value;
+        else if (strcasecmp(name.c_str(), "Last-Modified") == 0)
+            h.lastModified = value;
+        else if (strcasecmp(name.c_str(), "Date") == 0)
+            h.date = value;
+        else if (strcasecmp(name.c_str(), "Content-Length") == 0)
+            h.length = static_cast<curl_off_t>(strtoll(value.c_str(), nullptr, 10));
+        else if (strcasecmp(name.c_str(), "Content-Range") == 0)
+            h.rangeTotal = RangeTotal(value);
+        return len;
+    }
+    // End of one response's headers.
+    if (h.status == 200) {
+        // The whole file from its first byte: this version's size and validator.
+        t.total = h.length;
+        t.validator = Validator(h.etag, h.lastModified, h.date);
+    } else if (h.status == 206) {
+        if (h.rangeTotal >= 0)
+            t.total = h.rangeTotal;
+        if (t.validator.empty())
+            t.validator = Validator(h.etag, h.lastModified, h.date);
+    } else if (h.status == 416 && h.rangeTotal >= 0) {
+        t.total = h.rangeTotal;
+    }
     return len;
 }
 
@@ -263,6 +396,22 @@ int OnProgress(void* arg, curl_off_t dlTotal, curl_off_t dlNow, curl_off_t ulTot
     msg.GetRecord().AppendUInt64Par("total", total);
     t.owner->SendToParent(msg);
     return 0;
+}
+
+// The request headers of this attempt: a range request carries the
+// validator of the file it continues in If-Range.
+void SetHeaders(sTransfer& t)
+{
+    curl_slist* list = nullptr;
+    if (!t.req.contentType.empty())
+        list = curl_slist_append(list, ("Content-Type: " + t.req.contentType).c_str());
+    list = curl_slist_append(list, "Expect:");
+    if (t.req.method == tWanRequest::GET && t.offset > 0 && !t.validator.empty())
+        list = curl_slist_append(list, ("If-Range: " + t.validator).c_str());
+    curl_easy_setopt(t.easy, CURLOPT_HTTPHEADER, list);
+    if (t.headers)
+        curl_slist_free_all(t.headers);
+    t.headers = list;
 }
 
 // Options common to every attempt; false with a reason when unusable.
@@ -320,16 +469,17 @@ bool SetOptions(sTransfer& t, std::string& why)
         curl_easy_setopt(e, CURLOPT_USERNAME, r.user.c_str());
         curl_easy_setopt(e, CURLOPT_PASSWORD, r.password.c_str());
     }
-    if (!r.contentType.empty())
-        t.headers = curl_slist_append(t.headers, ("Content-Type: " + r.contentType).c_str());
-    t.headers = curl_slist_append(t.headers, "Expect:");
-    curl_easy_setopt(e, CURLOPT_HTTPHEADER, t.headers);
+    SetHeaders(t);
 
     if (r.method == tWanRequest::GET) {
         // Fewer, larger writes into the file; 64 kB stays small on the device.
         curl_easy_setopt(e, CURLOPT_BUFFERSIZE, 64L * 1024);
         curl_easy_setopt(e, CURLOPT_WRITEFUNCTION, &OnBody);
         curl_easy_setopt(e, CURLOPT_WRITEDATA, &t);
+        curl_easy_setopt(e, CURLOPT_HEADERFUNCTION, &OnHeader);
+        curl_easy_setopt(e, CURLOPT_HEADERDATA, &t);
+        // A proxy's answer to CONNECT is not a response about the file.
+        curl_easy_setopt(e, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
         return true;
     }
     // Uploads: the answer's body is not kept.
@@ -380,6 +530,7 @@ bool OpenPart(sTransfer& t, std::string& why)
     t.statusChecked = false;
     t.discard = false;
     curl_easy_setopt(t.easy, CURLOPT_RESUME_FROM_LARGE, static_cast<curl_off_t>(end));
+    SetHeaders(t);
     return true;
 }
 
@@ -451,6 +602,36 @@ size_t cCurlPerformThread::GetActiveCount() const
     return m_Live.size();
 }
 
+// GET: puts the attempt back into the multi handle to continue the ".part"
+// file from its end (after a broken body) or, with fromZero, to download the
+// file again from its first byte. False when the retries are used up or the
+// file cannot be reused. Starting again from zero is free once per transfer
+// (the old bytes are not this file's), further times it costs a retry.
+bool cCurlPerformThread::Resume(sTransfer& t, bool fromZero, const std::string& why)
+{
+    if (m_Stop || cService::GetStopFlag())
+        return false;
+    const bool freeRestart = fromZero && !t.restarted;
+    if (!freeRestart && t.attempts >= t.req.retries)
+        return false;
+    if (fromZero && ftruncate(t.fd, 0) != 0)
+        return false;
+    if (freeRestart)
+        t.restarted = true;
+    else
+        ++t.attempts;
+    curl_multi_remove_handle(m_pMulti->multi, t.easy);
+    t.error[0] = 0;
+    std::string openWhy;
+    if (!OpenPart(t, openWhy))
+        return false;
+    ORVO_TRACE(UnitORVO, INFO,
+               FormatString("wan transfer %u: %s, %s at %lld", t.id, why.c_str(),
+                            fromZero ? "starting again" : "continuing", static_cast<long long>(t.offset)));
+    curl_multi_add_handle(m_pMulti->multi, t.easy);
+    return true;
+}
+
 bool cCurlPerformThread::Completed(sTransfer& t, CURLcode_t codeValue)
 {
     CURLcode code = static_cast<CURLcode>(codeValue);
@@ -461,40 +642,39 @@ bool cCurlPerformThread::Completed(sTransfer& t, CURLcode_t codeValue)
 
     if (code != CURLE_OK) {
         if (isGet && t.writeFailed) {
-            Finish(t, WAN_ERR_FILE, status, t.part + ": " + strerror(errno));
+            Finish(t, WAN_ERR_FILE, status, t.part + ": " + strerror(t.writeErrno));
             return false;
         }
-        // The server ignores ranges: start the ".part" file again.
-        if (isGet && code == CURLE_RANGE_ERROR && t.offset > 0 && t.attempts < t.req.retries &&
-            ftruncate(t.fd, 0) == 0) {
-            ++t.attempts;
-            std::string why;
-            curl_multi_remove_handle(m_pMulti->multi, t.easy);
-            t.error[0] = 0;
-            if (OpenPart(t, why)) {
-                curl_multi_add_handle(m_pMulti->multi, t.easy);
-                return true;
-            }
-        }
+        // A range request answered with the whole file: the server ignores
+        // ranges, or the file changed and If-Range said so. The old bytes go.
+        if (isGet && code == CURLE_RANGE_ERROR && t.offset > 0 &&
+            Resume(t, true, "the server sent the whole file"))
+            return true;
         // A body cut short: go on from the end of what arrived.
-        if (isGet && !t.discard && t.written > 0 && t.attempts < t.req.retries &&
-            code != CURLE_OPERATION_TIMEDOUT && !m_Stop) {
-            ++t.attempts;
-            std::string why;
-            curl_multi_remove_handle(m_pMulti->multi, t.easy);
-            t.error[0] = 0;
-            if (OpenPart(t, why)) {
-                ORVO_TRACE(UnitORVO, INFO,
-                           FormatString("wan transfer %u: %s, continuing at %lld", t.id,
-                                        error.c_str(), static_cast<long long>(t.offset)));
-                curl_multi_add_handle(m_pMulti->multi, t.easy);
-                return true;
-            }
-        }
+        if (isGet && !t.discard && t.written > 0 && code != CURLE_OPERATION_TIMEDOUT &&
+            Resume(t, false, error))
+            return true;
         Finish(t, WAN_ERR_TRANSFER, status, error);
         return false;
     }
-    if (status < 200 || status > 299) {
+    bool whole = false;   // GET: the ".part" file already held the whole file
+    if (isGet && t.offset > 0 && status == 416) {
+        // Nothing left to send from the part's end: the part is whole when
+        // its size is the file's; otherwise (the file shrank, or its size
+        // is unknown) the download starts again.
+        if (t.total == t.offset)
+            whole = true;
+        else if (Resume(t, true, "range not satisfiable"))
+            return true;
+    } else if (isGet && t.offset > 0 && status >= 200 && status <= 299 && status != 206) {
+        // libcurl ends a whole-file answer to a range request without a
+        // body when its length equals the part's: not a continuation either.
+        if (Resume(t, true, "the server sent the whole file"))
+            return true;
+        Finish(t, WAN_ERR_TRANSFER, status, "the server did not continue the download");
+        return false;
+    }
+    if (!whole && (status < 200 || status > 299)) {
         Finish(t, WAN_ERR_HTTP, status, FormatString("HTTP status %ld", status));
         return false;
     }
@@ -588,11 +768,36 @@ void cCurlPerformThread::ThreadMain()
         curl_multi_poll(multi, nullptr, 0, 100, nullptr);
     }
     // Ending: unfinished transfers stop here and keep their ".part" files.
-    for (auto& t : running)
+    // With the process-wide stop flag each running and queued transfer
+    // reports WAN_ERR_CANCELLED (posting needs only the sockets, which live
+    // as long as the services); a destroyed client reports nothing. Add
+    // queues for a new worker from here on, so no transfer slips in
+    // unreported.
+    const bool report = !m_Stop;
+    std::map<unsigned, tWanRequest> pending;
+    {
+        std::lock_guard<std::mutex> guard(m_Lock);
+        m_Ending = true;
+        pending.swap(m_Pending);
+        m_Cancels.clear();
+    }
+    const std::string why = "cancelled: process stopping";
+    for (auto& t : running) {
         curl_multi_remove_handle(multi, t.second->easy);
+        if (report)
+            Finish(*t.second, WAN_ERR_CANCELLED, 0, why);
+    }
     running.clear();
+    if (report) {
+        for (auto& p : pending) {
+            sTransfer t;
+            t.id = p.first;
+            t.req = p.second;
+            t.startMs = GetMsecClock();
+            Finish(t, WAN_ERR_CANCELLED, 0, why);
+        }
+    }
     std::lock_guard<std::mutex> guard(m_Lock);
-    m_Pending.clear();
     m_Live.clear();
 }
 
@@ -621,11 +826,11 @@ unsigned cWanClient::Start(const tWanRequest& req)
     }
     if (!m_pThread)
         m_pThread.reset(new cCurlPerformThread(m_pOwner));
-    if (!m_pThread->IsRunning() && m_pThread->Start() != 0) {
-        ORVO_TRACE(UnitORVO, ERROR, "wan worker thread did not start");
-        return 0;
-    }
-    return m_pThread->Add(req);
+    const unsigned id = m_pThread->Add(req);
+    if (id == 0)
+        ORVO_TRACE(UnitORVO, ERROR,
+                   "wan transfer refused: no libcurl multi handle, or the worker did not start");
+    return id;
 }
 
 bool cWanClient::Cancel(unsigned id)
