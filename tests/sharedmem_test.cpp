@@ -26,42 +26,18 @@
 #include "orvo_init.h"
 #include "orvo_sharedmem.h"
 #include "orvo_trace.h"
+#include "shm_isolation.h"
 #include "test_helpers.h"
 
 using namespace orvo;
 
 namespace {
 
-bool WriteText(const char* path, const std::string& text)
-{
-    const int fd = open(path, O_WRONLY);
-    const bool ok = fd >= 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    if (fd >= 0)
-        close(fd);
-    return ok;
-}
-
-// Private IPC and mount namespaces (inside a user namespace when not root)
-// with a fresh tmpfs on /dev/shm, read-only when asked.
-bool Isolate(bool readOnlyShm)
-{
-    if (unshare(CLONE_NEWNS | CLONE_NEWIPC) != 0) {
-        const uid_t uid = getuid();
-        const gid_t gid = getgid();
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS | CLONE_NEWIPC) != 0 ||
-            !WriteText("/proc/self/setgroups", "deny") ||
-            !WriteText("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1") ||
-            !WriteText("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1"))
-            return false;
-    }
-    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("tmpfs", "/dev/shm", "tmpfs", readOnlyShm ? MS_RDONLY : 0, "mode=1777") == 0;
-}
-
 // Runs body isolated in a child; its exit code (77: no namespaces here).
 int RunIsolated(const std::function<int()>& body, std::string* out = nullptr, bool readOnlyShm = false)
 {
-    return orvo_test::RunInChild([&] { return Isolate(readOnlyShm) ? body() : 77; }, out, false, 60);
+    return orvo_test::RunInChild([&] { return orvo_test::IsolateSharedMemory(readOnlyShm) ? body() : 77; }, out,
+                                 false, 60);
 }
 
 #define EXPECT_ISOLATED(rc)                                                              \

@@ -544,7 +544,8 @@ bool ResolveService(const std::string& service, const tNetOptions& net, std::str
     cRecord entry;
     answer.GetRecord().GetFirstPar("service", RECORD_RECORD, RECORD_SEL_TYPE).GetRecord(entry);
     sap = entry.GetFirstPar("sap").GetString();
-    if (sap.find(':') == std::string::npos) {
+    // Port 0: the service could not bind its sap and listens nowhere.
+    if (sap.find(':') == std::string::npos || sap.compare(sap.rfind(':'), std::string::npos, ":0") == 0) {
         std::fprintf(stderr, "orvo-ctl: the SCM knows no sap for '%s'\n", service.c_str());
         return false;
     }

@@ -27,6 +27,8 @@ tArg gArgs[] = {
     {"-only-children", "registrations only from the services it started", nullptr, OnArg_Bool},
     {"-control-access", "who may send orvo-scm control messages (any, loopback, none, or a list)",
      "loopback", OnArg_Text},
+    {"-idle-timeout-ms", "close a connection that owes progress (part of a frame, no frame, answers "
+     "not taken) for this long, ms; 0: never", "0", OnArg_Int},
     {"-debug", "trace library internals too", nullptr, OnArg_Bool},
     {nullptr, nullptr, nullptr, nullptr}};
 
@@ -55,6 +57,12 @@ int main(int argc, char** argv)
     options.sharedTech = config.GetFirstPar("shared-tech").GetBool();
     options.onlyChildren = config.GetFirstPar("only-children").GetBool();
     options.controlAccess = config.GetFirstPar("control-access").GetString();
+    const int idleMs = config.GetFirstPar("idle-timeout-ms").GetSInt();
+    if (idleMs < 0) {
+        std::fprintf(stderr, "orvo-scm: -idle-timeout-ms wants milliseconds, 0 for never\n");
+        return 2;
+    }
+    options.idleTimeoutMs = static_cast<unsigned long>(idleMs);
     if (config.GetFirstPar("debug").GetBool())
         SetTraceLevel(UnitORVO, DEBUG);
     if (options.configPath.empty()) {

@@ -58,14 +58,29 @@ tService* cRegistry::ById(const orvo::cUuid& id)
     return nullptr;
 }
 
-tService* cRegistry::ByTech(const std::string& tech)
+tService* cRegistry::ByTech(const std::string& tech, bool reachable)
 {
     for (const tOffer& o : m_Offers) {
         tService* s = o.tech == tech ? ByName(o.service) : nullptr;
-        if (s != nullptr && s->channel != nullptr)
+        if (s != nullptr && s->channel != nullptr && (!reachable || HasSap(*s)))
             return s;
     }
     return nullptr;
+}
+
+bool cRegistry::HasSap(const tService& service)
+{
+    const size_t colon = service.sap.rfind(':');
+    if (colon == std::string::npos || colon + 1 >= service.sap.size())
+        return false;
+    unsigned long port = 0;
+    for (size_t i = colon + 1; i < service.sap.size(); ++i) {
+        const char c = service.sap[i];
+        if (c < '0' || c > '9' || port > 65535)
+            return false;
+        port = port * 10 + static_cast<unsigned long>(c - '0');
+    }
+    return port != 0 && port <= 65535;
 }
 
 std::vector<std::string> cRegistry::Offer(tService& service, const std::vector<std::string>& techs)

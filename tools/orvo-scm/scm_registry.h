@@ -50,8 +50,13 @@ public:
     tService* ByChannel(const orvo::cChannel* channel);
     tService* ByName(const std::string& name);
     tService* ById(const orvo::cUuid& id);
-    // The connected service that offered tech first.
-    tService* ByTech(const std::string& tech);
+    // The connected service that offered tech first. With reachable, only
+    // a service with a sap (see HasSap): what a look-up hands out.
+    tService* ByTech(const std::string& tech, bool reachable = false);
+    // Whether the service registered a sap others can connect to: "ip:port"
+    // with a port other than 0. A service whose sap could not be bound
+    // registers port 0 (include/orvo_scm.h, cScmService::Init).
+    static bool HasSap(const tService& service);
 
     // Takes the technologies service offers (replacing its earlier offer; a
     // technology it offered before keeps its place in the order). Returns

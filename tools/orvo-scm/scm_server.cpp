@@ -135,6 +135,10 @@ bool cScmServer::SetUp()
         std::fprintf(stderr, "orvo-scm: -listen %s is no ip:port address\n", m_Options.listen.c_str());
         return false;
     }
+    // The library's idle limit of sap connections (cService::SetIdleTimeout):
+    // one that holds part of a frame, has sent no frame or does not take its
+    // answers is closed after it. Off unless -idle-timeout-ms says so.
+    SetIdleTimeout(m_Options.idleTimeoutMs);
     Init("orvo-scm", asked);
     // Init keeps going when the bind fails (the port is taken): the socket
     // then is not bound, and a listen() on it would bind it anywhere, on a
@@ -280,6 +284,9 @@ void cScmServer::OnRegister(cMsg& msg)
     }
     const tService* s = m_Registry.ByName(name);
     Trace(INFO, FormatString("registered '%s' pid %d sap %s", name.c_str(), s->pid, s->sap.c_str()));
+    if (!cRegistry::HasSap(*s))
+        Trace(WARNING, "'" + name + "' registered without a sap it listens on (" + s->sap +
+                           "): technology look-ups never hand it out");
     Reply(msg, MSG_SCM_REGISTER_ACK, cRecord());
 }
 
@@ -484,7 +491,7 @@ void cScmServer::OnServiceInfoRequest(cMsg& msg)
     if (byName.IsValid())
         s = m_Registry.ByName(byName.GetString());
     else if (byTech.IsValid())
-        s = m_Registry.ByTech(byTech.GetString());
+        s = m_Registry.ByTech(byTech.GetString(), true);   // never a sap of port 0
     if (s != nullptr && s->channel != nullptr) {
         Reply(msg, MSG_SCM_SERVICE_INFO, cRegistry::InfoRecord(*s));
         return;
@@ -529,7 +536,7 @@ void cScmServer::OnSetServiceTech(cMsg& msg)
     for (const std::string& t : s->techs)
         list += (list.empty() ? "" : ", ") + t;
     Trace(INFO, "'" + s->name + "' offers " + (list.empty() ? "nothing" : list));
-    if (s->techs.empty())
+    if (s->techs.empty() || !cRegistry::HasSap(*s))   // nothing to connect to
         return;
     cRecord note;
     note.AppendTextPar("command", "add-technology");

@@ -33,6 +33,7 @@ struct tScmOptions {
     bool sharedTech = false;      // several services may offer one technology
     bool onlyChildren = false;    // registrations only from the children it started
     std::string controlAccess = "loopback";   // who may send it control messages
+    unsigned long idleTimeoutMs = 0;          // sap connections owing progress closed after it; 0: never
 };
 
 class cScmServer : public orvo::cService {

@@ -34,6 +34,7 @@
 #include <orvo.h>
 
 #include "soak_checks.h"
+#include "tool_args.h"
 
 using namespace orvo;
 using namespace orvo_soak;
@@ -702,6 +703,9 @@ int cSoak::Finish()
 
 int main(int argc, char** argv)
 {
+    // A mistyped option (-secnds) would otherwise run with the default.
+    if (!orvo_tools::CheckOptions("soak_driver", gArgs, argc, argv))
+        return 2;
     orvoInit(ERROR, OUTPUT_STDOUT, false);
     orvoParseArgs(gArgs, argc, argv);
     if (GetConfig()->GetFirstPar("write-config").GetBool())

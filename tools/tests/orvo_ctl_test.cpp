@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <string>
 
 #include <orvo_blockfile.h>
@@ -18,6 +19,8 @@
 #include <orvo_record.h>
 #include <orvo_time.h>
 
+#include "../../tests/shm_isolation.h"
+#include "../../tests/test_helpers.h"
 #include "record_json.h"
 #include "scm_process.h"
 
@@ -296,7 +299,13 @@ TEST(OrvoCtlServices, ListAndInfoByNameAndAddress)
         {"config nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
         {"list --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
         {"info nosuch --scm " + scmAddr, "unknown service 'nosuch'"},
+        // The SCM down: every command that names a service asks it first.
         {"info meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
+        {"config meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
+        {"config meter set tick-ms=1 --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
+        {"trace meter meter=INFO --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
+        {"snoop meter --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
+        {"send meter 0x7006 --wait --scm 127.0.0.1:1", "SCM at 127.0.0.1:1 is not reachable"},
     };
     for (const auto& f : failures) {
         tRun r = Ctl(f.args);
@@ -360,6 +369,116 @@ std::vector<tJson> JsonLines(const std::string& text)
     return lines;
 }
 
+// --follow prints a block appended while it runs, then ends on Ctrl-C.
+TEST_F(OrvoCtlJournal, FollowPrintsABlockAppendedWhileItRuns)
+{
+    orvo_test::cScmProcess follow;
+    ASSERT_TRUE(StartCtl(follow, {"journal", m_File, "--follow"}));
+    ASSERT_TRUE(follow.WaitFor("value=1004", 20000)) << follow.Output();
+    {
+        cRecordFile file;
+        ASSERT_TRUE(file.Open(m_File, false));
+        cRecord r;
+        r.AppendTextPar("meter", "m1");
+        r.AppendUIntPar("value", 2000);
+        cTime t;
+        t.FromSeconds(1700000000UL + 3600UL * 5, true);
+        ASSERT_EQ(file.Append(r, t, 105), BLOCKFILE_OK);
+        file.Close();
+    }
+    // Looked for every 300 ms.
+    EXPECT_TRUE(follow.WaitFor("value=2000", 10000)) << follow.Output();
+    EXPECT_EQ(follow.Interrupt(20000), 0) << follow.Output();
+    const std::string out = follow.Output();
+    EXPECT_EQ(out.find("value=2000"), out.rfind("value=2000")) << "printed once: " << out;
+    EXPECT_LT(out.find("value=1004"), out.find("value=2000")) << out;
+}
+
+// orvo-ctl run for each of commands in a child with private IPC and mount
+// namespaces and an empty /dev/shm (tests/shm_isolation.h, as
+// tests/sharedmem_test.cpp does): the status word it reads and changes is
+// the child's own, not the machine's one that other runs share, so no
+// RESOURCE_LOCK with sharedmem_test is needed. False when the system
+// refuses the namespaces.
+bool CtlIsolated(const std::vector<std::string>& commands, std::vector<tRun>& runs)
+{
+    const std::string results = "/tmp/orvo_ctl_test_isolated." + std::to_string(getpid());
+    const int rc = orvo_test::RunInChild(
+        [&] {
+            if (!orvo_test::IsolateSharedMemory())
+                return 77;
+            tJson all = tJson::array();
+            for (const std::string& c : commands) {
+                const tRun r = Ctl(c);
+                all.push_back({{"status", r.status}, {"out", r.out}, {"err", r.err}});
+            }
+            std::ofstream(results) << all.dump();
+            return 0;
+        },
+        nullptr, false, 120);
+    if (rc != 0) {
+        unlink(results.c_str());
+        EXPECT_EQ(rc, 77) << "the isolated child failed";
+        return false;
+    }
+    tJson all = Parsed(Slurp(results));
+    unlink(results.c_str());
+    for (const tJson& r : all)
+        runs.push_back(tRun{r["status"].get<int>(), r["out"].get<std::string>(), r["err"].get<std::string>()});
+    return true;
+}
+
+bool HasBit(const tJson& statusw, int bit)
+{
+    bool listed = false;
+    for (const tJson& b : statusw["bits"])
+        listed = listed || b.get<int>() == bit;
+    EXPECT_EQ(listed, (statusw["statusw"].get<unsigned long long>() >> bit & 1) != 0) << statusw.dump();
+    return listed;
+}
+
+// statusw get, set and clear, in human form and as JSON (parsed back).
+TEST(OrvoCtl, StatuswGetSetClear)
+{
+    const std::vector<std::string> commands = {"statusw", "statusw set 42", "statusw get --json",
+                                               "statusw clear 42 --json", "statusw get"};
+    std::vector<tRun> runs;
+    const bool isolated = CtlIsolated(commands, runs);
+    if (!isolated) {
+        // No namespaces here: the machine's status word, bit 42 put back as
+        // it was afterwards.
+        const tRun before = Ctl("statusw --json");
+        ASSERT_EQ(before.status, 0) << before.err;
+        const bool wasSet = HasBit(Parsed(before.out), 42);
+        for (const std::string& c : commands)
+            runs.push_back(Ctl(c));
+        if (wasSet) {
+            EXPECT_EQ(Ctl("statusw set 42").status, 0);
+        }
+    }
+    ASSERT_EQ(runs.size(), commands.size());
+    for (size_t i = 0; i < commands.size(); ++i)
+        EXPECT_EQ(runs[i].status, 0) << commands[i] << ": " << runs[i].err;
+
+    const tJson set = Parsed(runs[2].out);
+    const tJson cleared = Parsed(runs[3].out);
+    EXPECT_TRUE(HasBit(set, 42)) << runs[2].out;
+    EXPECT_FALSE(HasBit(cleared, 42)) << runs[3].out;
+    if (isolated) {
+        // A fresh cell: nothing else set.
+        EXPECT_EQ(runs[0].out, "statusw 0x0000000000000000\n");
+        EXPECT_EQ(runs[1].out, "statusw 0x0000040000000000  bits: 42\n");
+        EXPECT_EQ(set["statusw"].get<unsigned long long>(), 1ULL << 42);
+        EXPECT_EQ(set["bits"], tJson::array({42}));
+        EXPECT_EQ(cleared["statusw"].get<unsigned long long>(), 0u);
+        EXPECT_TRUE(cleared["bits"].empty());
+        EXPECT_EQ(runs[4].out, "statusw 0x0000000000000000\n");
+    } else {
+        EXPECT_NE(runs[1].out.find(" 42"), std::string::npos) << runs[1].out;
+        EXPECT_EQ(runs[4].out.find(" 42"), std::string::npos) << runs[4].out;
+    }
+}
+
 std::string ExamplesScmJson(const std::string& services)
 {
     return R"({"services": {)" + services + "}}";
@@ -413,6 +532,21 @@ TEST(OrvoCtlServices, TraceFollowsAConfigurationChange)
         }
     EXPECT_TRUE(seen) << trace.Output();
 
+    // The same in human form: the unit table, then each trace line as local
+    // time, unit, level and text; Ctrl-C says that the units are off again.
+    orvo_test::cScmProcess human;
+    ASSERT_TRUE(StartCtl(human, {"trace", "meter", "meter=INFO", "--follow", "--scm", scmAddr}));
+    ASSERT_TRUE(human.WaitFor("\nmeter" + std::string(20, ' ') + "INFO\n", 20000)) << human.Output();
+    EXPECT_EQ(human.Output().rfind("UNIT" + std::string(21, ' ') + "LEVEL\n", 0), 0u) << human.Output();
+    ASSERT_EQ(Ctl("config meter set tick-ms=250 --scm " + scmAddr).status, 0);
+    ASSERT_TRUE(human.WaitFor("new configuration, tick 250 ms\n", 20000)) << human.Output();
+    EXPECT_EQ(human.Interrupt(20000), 0) << human.Output();
+    const std::regex traceLine(
+        "\n\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} meter {9}INFO {5}new configuration, tick 250 ms\n");
+    EXPECT_TRUE(std::regex_search(human.Output(), traceLine)) << human.Output();
+    EXPECT_NE(human.Output().find("orvo-ctl: trace units of "), std::string::npos) << human.Output();
+    EXPECT_NE(human.Output().find(" switched off"), std::string::npos) << human.Output();
+
     tJson info = Parsed(Ctl("info meter --json --scm " + scmAddr).out);
     cRecord record, unitList;
     std::string error;
@@ -421,7 +555,7 @@ TEST(OrvoCtlServices, TraceFollowsAConfigurationChange)
     EXPECT_EQ(unitList.GetFirstParByPath("meter.level", ".").GetString(), "NONE") << unitList.ToString();
     EXPECT_EQ(record.GetFirstPar("service-id").GetString(), serviceId);
     EXPECT_EQ(record.GetFirstPar("config").IsValid(), true);
-    EXPECT_EQ(Parsed(Ctl("config meter tick-ms --json --scm " + scmAddr).out)[0]["value"], 300);
+    EXPECT_EQ(Parsed(Ctl("config meter tick-ms --json --scm " + scmAddr).out)[0]["value"], 250);
 
     tRun nested = Ctl("config meter set system.wdt-failures=5 --scm " + scmAddr);
     EXPECT_EQ(nested.status, 0) << nested.err;

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
 
 #include <orvo_record.h>
@@ -48,11 +49,11 @@ protected:
 
     // Registers name and takes its configuration; the answer's record.
     cRecord Register(cScmClient& c, cScmProcess& scm, const cUuid& id, const std::string& name,
-                     const cRecord& config)
+                     const cRecord& config, const std::string& sap = "127.0.0.1:1")
     {
         cMsg msg;
         EXPECT_TRUE(c.Connect(scm.Port()));
-        EXPECT_TRUE(c.Send(RegisterMsg(id, name, 4242, config)));
+        EXPECT_TRUE(c.Send(RegisterMsg(id, name, 4242, config, sap)));
         EXPECT_TRUE(c.ReceiveType(msg, 0x10001, kWait)) << name;
         cMsg request = Request(0x10003);
         request.GetRecord().AppendUuidPar("service-id", id);
@@ -283,6 +284,98 @@ TEST_F(OrvoScm, ATechnologyBelongsToItsFirstOfferWhileConnected)
         ASSERT_TRUE(scm.WaitFor("'zeta' offers meter", kWait, mark));
         EXPECT_EQ(lookUp(asker), shared ? "alpha" : "zeta");
     }
+}
+
+// A service whose sap could not be bound registers port 0
+// (cScmService::Init): a look-up of its technology never hands out that
+// address, subscribers hear nothing of it; with -shared-tech a later offer
+// with a sap answers the look-ups. By name it is still described.
+TEST_F(OrvoScm, ATechnologyOfAServiceWithoutSapIsNotHandedOut)
+{
+    for (const bool shared : {false, true}) {
+        SCOPED_TRACE(shared ? "-shared-tech" : "default");
+        cScmProcess scm;
+        ASSERT_TRUE(StartScm(scm, R"({"services": {}})",
+                             shared ? std::vector<std::string>{"-shared-tech"} : std::vector<std::string>{}));
+        cUuid askerId, sapless, withSap;
+        askerId.Create();
+        sapless.Create();
+        withSap.Create();
+        cScmClient asker, first, second;
+        Register(asker, scm, askerId, "asker", cRecord());
+        cMsg subscribe = Request(0x1006C);
+        subscribe.GetRecord().AppendUIntPar("mask", 2);
+        ASSERT_TRUE(asker.Send(subscribe));
+        Register(first, scm, sapless, "nosap", cRecord(), "127.0.0.1:0");
+        ASSERT_TRUE(scm.WaitFor("'nosap' registered without a sap it listens on (127.0.0.1:0)", kWait));
+        cMsg offer = Request(0x1001B);
+        offer.GetRecord().AppendUuidPar("service-id", sapless);
+        offer.GetRecord().AppendTextPar("service-tech", "meter");
+        ASSERT_TRUE(first.Send(offer));
+        ASSERT_TRUE(scm.WaitFor("'nosap' offers meter", kWait));
+
+        cMsg msg;
+        const cMsg lookUp = Request(0x10018, "service-tech", "meter");
+        ASSERT_TRUE(asker.Send(lookUp));
+        while (asker.Receive(msg, kWait) && msg.GetTid() != lookUp.GetTid())
+            EXPECT_NE(msg.GetType(), 0x10140u) << "a notification of a service without sap";
+        EXPECT_EQ(msg.GetType(), 0x1001Au);
+        EXPECT_EQ(msg.GetRecord().GetFirstPar("service-tech").GetString(), "meter");
+        ASSERT_TRUE(asker.Send(Request(0x10018, "service-name", "nosap")));
+        ASSERT_TRUE(asker.ReceiveType(msg, 0x10019, kWait));
+        EXPECT_EQ(Sub(msg.GetRecord(), "service").GetFirstPar("sap").GetString(), "127.0.0.1:0");
+
+        Register(second, scm, withSap, "meter-svc", cRecord(), "127.0.0.1:1");
+        offer = Request(0x1001B);
+        offer.GetRecord().AppendUuidPar("service-id", withSap);
+        offer.GetRecord().AppendTextPar("service-tech", "meter");
+        ASSERT_TRUE(second.Send(offer));
+        ASSERT_TRUE(scm.WaitFor("'meter-svc' offers meter", kWait));
+        ASSERT_TRUE(asker.Send(Request(0x10018, "service-tech", "meter")));
+        while (asker.Receive(msg, kWait) && msg.GetType() != 0x10019 && msg.GetType() != 0x1001A) {
+        }
+        if (shared) {
+            ASSERT_EQ(msg.GetType(), 0x10019u);
+            EXPECT_EQ(Sub(msg.GetRecord(), "service").GetFirstPar("name").GetString(), "meter-svc");
+        } else {
+            EXPECT_EQ(msg.GetType(), 0x1001Au) << "the first offer keeps the technology";
+        }
+        EXPECT_EQ(scm.Terminate(kWait), 0);
+    }
+}
+
+// -idle-timeout-ms: a connection that holds part of a frame is closed after
+// the limit; a registered service that is only quiet owes nothing and stays.
+// The option is in the -h table (and so in orvo-scm(8)).
+TEST_F(OrvoScm, IdleTimeoutClosesAConnectionStuckInAFrame)
+{
+    cScmProcess help;
+    ASSERT_TRUE(help.Spawn({EnvOr("ORVO_SCM_BIN", "orvo-scm"), "-h"}));
+    EXPECT_TRUE(help.WaitFor("-idle-timeout-ms", kWait)) << help.Output();
+    help.Exit(kWait);
+
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {}})", {"-idle-timeout-ms", "300"}));
+    cUuid id;
+    id.Create();
+    cScmClient quiet, stuck;
+    Register(quiet, scm, id, "quiet", cRecord());
+    ASSERT_TRUE(stuck.Connect(scm.Port()));
+    ASSERT_EQ(send(stuck.Fd(), "\x04", 1, MSG_NOSIGNAL), 1);   // the first byte of a frame
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_TRUE(stuck.WaitClosed(5000));
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    EXPECT_GE(ms.count(), 250);
+    usleep(600 * 1000);   // twice the limit more
+    cMsg msg;
+    const cMsg list = Request(0x10200);
+    ASSERT_TRUE(quiet.Send(list));
+    EXPECT_TRUE(quiet.ReceiveType(msg, 0x10201, kWait)) << "a quiet registered service was closed";
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+
+    cScmProcess bad;
+    EXPECT_FALSE(StartScm(bad, R"({"services": {}})", {"-idle-timeout-ms", "-5"}));
+    EXPECT_EQ(bad.Exit(kWait), 2);
 }
 
 // A configuration asked for by another service's name: the answer and the

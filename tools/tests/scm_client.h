@@ -128,7 +128,7 @@ namespace orvo_test {
 
 // A 0x10000 registration with a fresh transaction id.
 inline orvo::cMsg RegisterMsg(const orvo::cUuid& id, const std::string& name, int pid,
-                              const orvo::cRecord& config)
+                              const orvo::cRecord& config, const std::string& sap = "127.0.0.1:1")
 {
     orvo::cMsg msg(0x10000);
     orvo::cUuid tid;
@@ -137,7 +137,7 @@ inline orvo::cMsg RegisterMsg(const orvo::cUuid& id, const std::string& name, in
     orvo::cRecord& r = msg.GetRecord();
     r.AppendUuidPar("service-id", id);
     r.AppendTextPar("name", name);
-    r.AppendTextPar("sap", "127.0.0.1:1");
+    r.AppendTextPar("sap", sap);
     r.AppendSIntPar("pid", pid);
     r.AppendRecordPar("config", config);
     return msg;

@@ -11,6 +11,7 @@
 
 #include <orvo.h>
 
+#include "../../tests/test_helpers.h"
 #include "scm_process.h"
 
 using namespace orvo;
@@ -135,6 +136,39 @@ TEST_F(ScmService, LivesAWholeLifeWithOrvoScm)
     Pump(service, [&](cMsg& m) { return closed = closed || m == MSG_SOCKET_CLOSED, false; });
     EXPECT_TRUE(closed);
     EXPECT_TRUE(cService::GetStopFlag()) << "the SCM's loss ends the service";
+    service.DeInit();
+}
+
+// A service whose sap port is another process's: the library registers port
+// 0 (include/orvo_scm.h), and orvo-scm answers a look-up of its technology
+// with 0x1001a instead of an address the service does not own.
+TEST_F(ScmService, ATechnologyWhoseSapIsNotBoundIsUnknown)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {}})"));
+    unsigned short takenPort = 0;
+    const int taken = ListenOnLoopback(takenPort);
+    ASSERT_GE(taken, 0);
+    orvoInit(ERROR, OUTPUT_STDOUT, false);
+    GetConfig()->SetTextPar("scm-sap", scm.Sap());
+    GetConfig()->SetTextPar("ip", "127.0.0.1");
+    cTestScmService service;
+    service.Init("nosap", cSocketAddr("127.0.0.1", takenPort), "log");
+    EXPECT_FALSE(service.IsSapUp());
+    ASSERT_TRUE(PumpUntil(service, MSG_SCM_GETCONFIG_ACK));
+    EXPECT_TRUE(scm.WaitFor("registered 'nosap' pid " + std::to_string(getpid()) + " sap 127.0.0.1:0", kWait));
+    EXPECT_TRUE(scm.WaitFor("'nosap' registered without a sap it listens on", kWait));
+
+    service.SetServiceTech("meter", 1);
+    ASSERT_TRUE(scm.WaitFor("'nosap' offers meter", kWait));
+    service.RequestServiceInfoByTech("meter");
+    cMsg info;
+    ASSERT_TRUE(PumpUntil(service, MSG_SCM_TECH_UNKNOWN, &info));
+    EXPECT_EQ(info.GetRecord().GetFirstPar("service-tech").GetString(), "meter");
+    close(taken);
+
+    EXPECT_EQ(scm.Terminate(kWait), 0);
+    Pump(service, [](cMsg&) { return false; }, 2000);
     service.DeInit();
 }
 
