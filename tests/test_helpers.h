@@ -213,6 +213,27 @@ inline unsigned short FreeLoopbackPort()
     return a.GetPort();
 }
 
+// n distinct free ports: each one's socket stays bound until all are picked,
+// so the kernel cannot hand the same port out twice (one after another,
+// FreeLoopbackPort may).
+inline std::vector<unsigned short> FreeLoopbackPorts(size_t n)
+{
+    std::vector<int> fds;
+    std::vector<unsigned short> ports;
+    for (size_t i = 0; i < n; ++i) {
+        const int fd = socket(AF_INET, SOCK_STREAM, 0);
+        orvo::cSocketAddr a("127.0.0.1", 0);
+        socklen_t len = sizeof(sockaddr_in);
+        bind(fd, a.GetSockAddr(), len);
+        getsockname(fd, a.GetSockAddr(), &len);
+        fds.push_back(fd);
+        ports.push_back(a.GetPort());
+    }
+    for (int fd : fds)
+        close(fd);
+    return ports;
+}
+
 // Moves the calling process into a network namespace of its own (only a
 // loopback interface, down). False, with why, where the machine does not
 // allow it.

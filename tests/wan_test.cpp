@@ -30,7 +30,7 @@
 
 using namespace orvo;
 using orvo_test::cTestService;
-using orvo_test::FreeLoopbackPort;
+using orvo_test::FreeLoopbackPorts;
 
 namespace {
 
@@ -282,13 +282,16 @@ struct sPeers {
     {
         char tmpl[] = "/tmp/orvo-wan-XXXXXX";
         dir = mkdtemp(tmpl);
-        http = FreeLoopbackPort();
-        https = FreeLoopbackPort();
-        expired = FreeLoopbackPort();
-        wrongName = FreeLoopbackPort();
-        tls11 = FreeLoopbackPort();
-        peer = FreeLoopbackPort();
-        proxy = FreeLoopbackPort();
+        // Distinct ports: two servers on one port make nginx refuse its
+        // configuration (a plain listener and a TLS one on the same address).
+        const std::vector<unsigned short> ports = FreeLoopbackPorts(7);
+        http = ports[0];
+        https = ports[1];
+        expired = ports[2];
+        wrongName = ports[3];
+        tls11 = ports[4];
+        peer = ports[5];
+        proxy = ports[6];
         if (!MakeCertificates() || !StartNginx() || !StartProxy())
             return;
         Spawn({"python3", ORVO_SOURCE_DIR "/tests/wan_peer.py", std::to_string(peer), dir},
