@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_set>
 #include <vector>
 
 #include "orvo_blockfile_io.h"
@@ -242,14 +243,20 @@ bool cBlockFile::Open(const std::string& Name, bool Create)
             return false;
         return CreateFile();
     }
-    // A file shorter than its header holds no block: it is what a process
-    // killed while creating the file (in Open or Clear) leaves behind, and
-    // when creating is allowed it is created anew instead of being refused
+    // A file shorter than its header (a process killed while creating it, in
+    // Open or Clear) or whose header is all zeros (a power cut before the
+    // header written at creation reached the medium: the size did, the data
+    // did not) has no block that can be found: no version, no oldest block.
+    // When creating is allowed it is created anew instead of being refused
     // for ever.
-    struct stat st;
-    if (Create && ::fstat(m_fd, &st) == 0 && st.st_size < static_cast<off_t>(kFileHeaderSize)) {
-        Close();
-        return CreateFile();
+    if (Create) {
+        unsigned char header[kFileHeaderSize];
+        const ssize_t n = ReadAll(m_fd, header, sizeof header, 0);
+        if (n >= 0 && (n < static_cast<ssize_t>(kFileHeaderSize) ||
+                       std::all_of(header, header + kFileHeaderSize, [](unsigned char c) { return c == 0; }))) {
+            Close();
+            return CreateFile();
+        }
     }
     return ReadHeaderAndChain();
 }
@@ -369,8 +376,20 @@ bool cBlockFile::ReadChain()
             Clear();
             return false;
         }
-        if (m_Blocks.size() >= maxBlocks)
+        if (m_Blocks.size() >= maxBlocks) {
+            // Round a loop: the blocks from the first one the walk met again
+            // on are repeats, not blocks before the damage. (Without a repeat
+            // the blocks overlap: all are kept.)
+            std::unordered_set<long long> seen;
+            size_t kept = 0;
+            while (kept < m_Blocks.size() && seen.insert(m_Blocks[kept].m_FilePos).second)
+                ++kept;
+            if (kept < m_Blocks.size()) {
+                pos = static_cast<uint32_t>(m_Blocks[kept].m_FilePos);
+                m_Blocks.shrink(kept);
+            }
             return StopChain(pos, "the chain loops back to an earlier block", true);
+        }
         cBlock block;
         block.Decode(raw);
         if (block.m_Next == pos)
