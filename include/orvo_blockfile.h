@@ -60,8 +60,8 @@
 // at a block whose "next" it zeroed, and a block whose payload or CRC it
 // zeroed reads with BLOCKFILE_CRC_ERR.
 // OpenReadOnly reads up to any of these without refusing or writing, and
-// GetDamage says where the chain stopped. A file header of 17 zero bytes (or
-// a file shorter than it) is no file's: see Open.
+// GetDamage says where the chain stopped. A file shorter than its header is
+// no file's: see Open.
 //
 // Threads: none. One object per file, used from one thread; no file locking
 // between processes. GetIndizesByTime sorts through one process-wide pointer to
@@ -138,12 +138,10 @@ public:
     // true. False when the file cannot be opened or created, its header is
     // short or not version 1, or its chain is damaged (see above).
     // With Create, an existing file shorter than the 17-byte header (what a
-    // process killed while creating the file leaves) or whose 17-byte header
-    // is all zeros (what a power cut before the first Commit can leave: the
-    // size on the medium, the header not) is created anew: no block of it can
-    // be found without the header. Without Create both are refused. So is a
-    // file whose header sector was zeroed by damage, which Create also starts
-    // anew, dropping the blocks behind the header that nothing points at.
+    // process killed while creating the file leaves) is created anew. A
+    // header without version 1 is refused even with Create (a header of
+    // zeros after a power cut before the first Commit included): the blocks
+    // behind it are left for recovery by hand.
     // A block header whose size is below 26 (a zeroed sector) ends the chain:
     // the file opens with the blocks before it, and GetDamage says where.
     bool Open(const std::string& Name, bool Create);

@@ -243,20 +243,15 @@ bool cBlockFile::Open(const std::string& Name, bool Create)
             return false;
         return CreateFile();
     }
-    // A file shorter than its header (a process killed while creating it, in
-    // Open or Clear) or whose header is all zeros (a power cut before the
-    // header written at creation reached the medium: the size did, the data
-    // did not) has no block that can be found: no version, no oldest block.
-    // When creating is allowed it is created anew instead of being refused
-    // for ever.
-    if (Create) {
-        unsigned char header[kFileHeaderSize];
-        const ssize_t n = ReadAll(m_fd, header, sizeof header, 0);
-        if (n >= 0 && (n < static_cast<ssize_t>(kFileHeaderSize) ||
-                       std::all_of(header, header + kFileHeaderSize, [](unsigned char c) { return c == 0; }))) {
-            Close();
-            return CreateFile();
-        }
+    // A file shorter than its header holds no block: it is what a process
+    // killed while creating the file (in Open or Clear) leaves behind, and
+    // when creating is allowed it is created anew instead of being refused
+    // for ever. A header of the full size but without version 1 is refused
+    // even then: blocks behind it may still be recoverable by hand.
+    struct stat st;
+    if (Create && ::fstat(m_fd, &st) == 0 && st.st_size < static_cast<off_t>(kFileHeaderSize)) {
+        Close();
+        return CreateFile();
     }
     return ReadHeaderAndChain();
 }

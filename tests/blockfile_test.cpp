@@ -410,14 +410,15 @@ TEST_F(BlockFile, DamageEndsTheChainRefusesWipesOrStartsAnew)
         {"oldest block inside the file header", with(5, 3, 4), kRefused, kRefused, 0, -1, 3},
         {"block 1's next header cut by the end of the file", with(At(1) + 4, At(60) - 10, 4), kWiped, kWiped, 2,
          -1, 6007},
-        // File headers without a file: a creating open starts anew where no
-        // block can be found (a kill or a power cut while creating).
+        // File headers: a creating open starts anew only a file shorter than
+        // its header (a kill while creating); any other header without
+        // version 1 is refused, so blocks behind it are not wiped.
         {"version 2", with(0, 2, 1), kRefused, kRefused, kRefused, -1, -1},
         {"empty", "", kRefused, kAnew, kRefused, -1, -1},
         {"16 bytes of the header", good.substr(0, 16), kRefused, kAnew, kRefused, -1, -1},
-        {"17 zero bytes (a power cut before the first Commit)", std::string(17, '\0'), kRefused, kAnew, kRefused,
-         -1, -1},
-        {"sector 0: the file header and blocks 0 to 4", zeroed(0, 512), kRefused, kAnew, kRefused, -1, -1},
+        {"17 zero bytes (a power cut before the first Commit)", std::string(17, '\0'), kRefused, kRefused,
+         kRefused, -1, -1},
+        {"sector 0: the file header and blocks 0 to 4", zeroed(0, 512), kRefused, kRefused, kRefused, -1, -1},
     };
     // how: 0 OpenReadOnly, 1 Open(name, false), 2 Open(name, true).
     auto check = [&](const sCase& c, int want, int how) {
