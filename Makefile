@@ -79,7 +79,7 @@ asan-test: asan-build
 
 # The tests whose code runs on several threads, built with ThreadSanitizer;
 # any report fails.
-TSAN_TESTS := ^(thread|msgthread|service|service_ipc|socket|msgsocket|timer|stress|scm|sharedmem|tls|uart|wan)_test
+TSAN_TESTS := ^(thread|msgthread|service|service_ipc|selectloop|socket|msgsocket|timer|stress|scm|sharedmem|tls|uart|wan)_test
 
 tsan-build:
 	$(CMAKE) -S . -B $(TSAN_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DORVO_TSAN=ON \

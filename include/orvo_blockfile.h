@@ -55,8 +55,13 @@
 // round a loop of several blocks refuses the open; a block header cut short by
 // the end of the file wipes the file (Clear) and refuses the open; a payload
 // whose CRC does not match is reported by GetAt (BLOCKFILE_CRC_ERR) with the
-// data delivered. OpenReadOnly reads up to any of these without refusing or
-// writing, and GetDamage says where the chain stopped.
+// data delivered. So a zeroed 512-byte sector leaves the blocks before it
+// readable: the chain ends at the first block header whose size it zeroed, or
+// at a block whose "next" it zeroed, and a block whose payload or CRC it
+// zeroed reads with BLOCKFILE_CRC_ERR.
+// OpenReadOnly reads up to any of these without refusing or writing, and
+// GetDamage says where the chain stopped. A file shorter than its header is
+// no file's: see Open.
 //
 // Threads: none. One object per file, used from one thread; no file locking
 // between processes. GetIndizesByTime sorts through one process-wide pointer to
@@ -133,7 +138,10 @@ public:
     // true. False when the file cannot be opened or created, its header is
     // short or not version 1, or its chain is damaged (see above).
     // With Create, an existing file shorter than the 17-byte header (what a
-    // process killed while creating the file leaves) is created anew.
+    // process killed while creating the file leaves) is created anew. A
+    // header without version 1 is refused even with Create (a header of
+    // zeros after a power cut before the first Commit included): the blocks
+    // behind it are left for recovery by hand.
     // A block header whose size is below 26 (a zeroed sector) ends the chain:
     // the file opens with the blocks before it, and GetDamage says where.
     bool Open(const std::string& Name, bool Create);
@@ -235,6 +243,8 @@ private:
                 m_End -= kPerChunk;
             }
         }
+        // Keeps the n oldest (n <= size()).
+        void shrink(size_t n) { m_End = m_Head + n; }
         void clear()
         {
             m_Chunks.clear();

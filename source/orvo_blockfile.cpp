@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_set>
 #include <vector>
 
 #include "orvo_blockfile_io.h"
@@ -245,7 +246,8 @@ bool cBlockFile::Open(const std::string& Name, bool Create)
     // A file shorter than its header holds no block: it is what a process
     // killed while creating the file (in Open or Clear) leaves behind, and
     // when creating is allowed it is created anew instead of being refused
-    // for ever.
+    // for ever. A header of the full size but without version 1 is refused
+    // even then: blocks behind it may still be recoverable by hand.
     struct stat st;
     if (Create && ::fstat(m_fd, &st) == 0 && st.st_size < static_cast<off_t>(kFileHeaderSize)) {
         Close();
@@ -369,8 +371,20 @@ bool cBlockFile::ReadChain()
             Clear();
             return false;
         }
-        if (m_Blocks.size() >= maxBlocks)
+        if (m_Blocks.size() >= maxBlocks) {
+            // Round a loop: the blocks from the first one the walk met again
+            // on are repeats, not blocks before the damage. (Without a repeat
+            // the blocks overlap: all are kept.)
+            std::unordered_set<long long> seen;
+            size_t kept = 0;
+            while (kept < m_Blocks.size() && seen.insert(m_Blocks[kept].m_FilePos).second)
+                ++kept;
+            if (kept < m_Blocks.size()) {
+                pos = static_cast<uint32_t>(m_Blocks[kept].m_FilePos);
+                m_Blocks.shrink(kept);
+            }
             return StopChain(pos, "the chain loops back to an earlier block", true);
+        }
         cBlock block;
         block.Decode(raw);
         if (block.m_Next == pos)

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,6 +46,19 @@ uint32_t ToEpoll(int events)
            ((events & SELECT_EXCEPT) ? EPOLLPRI : 0u);
 }
 
+// How often, at most this many ms apart in wall time, a loop that keeps
+// passing checks that its descriptors are still open.
+constexpr int64_t kOpenCheckMs = 1000;
+
+// A monotonic clock good to a few ms: read on every pass, so the coarse one
+// (no hardware read, a vDSO call on the platforms this builds for).
+int64_t CoarseMs()
+{
+    timespec ts;
+    ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
 // What select would have reported for a descriptor registered for wanted:
 // readable also on hang-up and error, writable also on error, exception on
 // priority data only.
@@ -83,6 +97,7 @@ bool cKernelWait::Open()
 {
     m_EpollFd = ::epoll_create1(EPOLL_CLOEXEC);
     m_ForkGeneration = loop::ForkGeneration();
+    m_LastOpenCheck = CoarseMs();
     return m_EpollFd >= 0;
 }
 
@@ -255,13 +270,19 @@ int cKernelWait::Wait(unsigned long ms, int wake, bool& wokeUp)
     for (const int fd : m_Always)
         m_Ready.push_back(sReady{fd, m_State[fd] & (SELECT_READ | SELECT_WRITE), -1});
     // epoll forgets a closed descriptor without a word, where select fails
-    // with EBADF. A wait that ran out without any readiness checks that the
-    // descriptors it watches are still open, so a descriptor closed behind
-    // the loop's back is reported at the latest after the time-out (at once
-    // when its registration changed: epoll_ctl reports EBADF in Sync).
-    if (n == 0 && timeout > 0 && !AllOpen()) {
-        errno = EBADF;
-        return -1;
+    // with EBADF. The first pass that ends a second or more after the last
+    // check, whatever the wait returned, checks that the descriptors it
+    // watches are still open: a loop that keeps passing (traffic on every
+    // pass, an always-ready regular file) reports a descriptor closed behind
+    // its back within about a second, an idle one when its wait ends (at
+    // once when the registration changed: epoll_ctl reports EBADF in Sync).
+    const int64_t now = CoarseMs();
+    if (now - m_LastOpenCheck >= kOpenCheckMs) {
+        m_LastOpenCheck = now;
+        if (!AllOpen()) {
+            errno = EBADF;
+            return -1;
+        }
     }
     return static_cast<int>(m_Ready.size());
 }

@@ -93,6 +93,7 @@ private:
     int m_EpollFd = -1;
     unsigned m_ForkGeneration = 0;
     int m_WakeIn = -1;                       // the wake-up descriptor the kernel watches
+    int64_t m_LastOpenCheck = 0;             // coarse monotonic ms of the last AllOpen (or Open)
     uint8_t m_State[FD_SETSIZE] = {};
     std::vector<int> m_Dirty;
     std::vector<int> m_Always;               // descriptors with kAlways

@@ -97,6 +97,27 @@ std::string Payload(unsigned long long n)
     return p;
 }
 
+// A 74-byte payload: blocks of exactly 100 bytes, block i at At(i).
+std::string Fixed(unsigned long long n)
+{
+    std::string p = "block " + std::to_string(n) + ":";
+    p.resize(74, static_cast<char>('a' + n % 26));
+    return p;
+}
+
+size_t At(size_t i)
+{
+    return 17 + 100 * i;
+}
+
+// A 20 KiB payload: a file of these is walked one header read at a time.
+std::string Large(unsigned long long n)
+{
+    return std::string(20 * 1024, 'L') + std::to_string(n);
+}
+
+const std::string kNewHeader = std::string("\x01", 1) + std::string(16, '\0');
+
 int AppendText(cBlockFile& f, const std::string& text, unsigned long long bstime,
                unsigned long long ctimeMs = 1700000000000ULL)
 {
@@ -132,6 +153,54 @@ std::vector<unsigned long long> Stamps(cBlockFile& f)
     return v;
 }
 
+// Creates path anew (bounded to maxCount, 0: unbounded) with the blocks
+// payload(i), stamp i, for i below n.
+::testing::AssertionResult MakeFile(const std::string& path, unsigned long maxCount, unsigned long long n,
+                                    std::string (*payload)(unsigned long long) = Payload)
+{
+    ::unlink(path.c_str());
+    cBlockFile f;
+    if (!f.Open(path, true) || !f.SetMaxCount(maxCount))
+        return ::testing::AssertionFailure() << "cannot create " << path;
+    for (unsigned long long i = 0; i < n; ++i)
+        if (AppendText(f, payload(i), i) != BLOCKFILE_OK)
+            return ::testing::AssertionFailure() << "append " << i << " failed";
+    return ::testing::AssertionSuccess();
+}
+
+// Checks that the file opens and its chain is a run of intact test-stream
+// blocks with consecutive stamps; returns the youngest stamp (-1 when empty)
+// and the count through the pointers.
+::testing::AssertionResult ChainIsIntact(const std::string& path, long long* youngest,
+                                         unsigned long* count)
+{
+    cBlockFile f;
+    if (!f.Open(path, false))
+        return ::testing::AssertionFailure() << "file does not open";
+    *count = f.Count();
+    *youngest = -1;
+    for (unsigned long i = 0; i < f.Count(); ++i) {
+        sRead r = ReadAt(f, i);
+        if (r.result != BLOCKFILE_OK || r.data != Payload(r.bstime))
+            return ::testing::AssertionFailure() << "block " << i << " reads " << r.result;
+        if (i > 0 && static_cast<long long>(r.bstime) != *youngest + 1)
+            return ::testing::AssertionFailure() << "stamp " << r.bstime << " follows " << *youngest;
+        *youngest = static_cast<long long>(r.bstime);
+    }
+    return ::testing::AssertionSuccess();
+}
+
+// Open(path, false) with chains read through windows of the file for a
+// MapLimit of 0, mapped otherwise.
+bool OpenWithMapLimit(cBlockFile& f, const std::string& path, unsigned long long limit)
+{
+    const unsigned long long saved = blockfile_io::MapLimit;
+    blockfile_io::MapLimit = limit;
+    const bool opened = f.Open(path, false);
+    blockfile_io::MapLimit = saved;
+    return opened;
+}
+
 class BlockFile : public ::testing::Test {
 protected:
     void SetUp() override
@@ -153,18 +222,31 @@ TEST(BlockFileCrc, IndependentCrcMatchesTheCheckValue)
     EXPECT_EQ(X25("123456789"), 0x906E);
 }
 
-TEST_F(BlockFile, NewFileIsExactlyTheHeader)
+// A new file is exactly the header; its reserved words are written as 0
+// whatever the file held, by a header rewrite and by Clear.
+TEST_F(BlockFile, TheFileHeaderIsWrittenAsSpecified)
 {
     cBlockFile f;
     EXPECT_FALSE(f.Open(path, false));
     ASSERT_TRUE(f.Open(path, true));
     EXPECT_TRUE(f.IsValid());
-    EXPECT_EQ(ReadFile(path), std::string("\x01", 1) + std::string(16, '\0'));
+    EXPECT_EQ(ReadFile(path), kNewHeader);
     struct stat st;
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     EXPECT_EQ(f.GetHeaderSize(), 17u);
     EXPECT_EQ(cBlock::GetHeaderSize(), 26u);
+    f.Close();
+
+    std::string bytes = ReadFile(path);
+    PutLe(bytes, 9, 0xDEADBEEF, 4);
+    PutLe(bytes, 13, 0x01020304, 4);
+    WriteFile(path, bytes);
+    ASSERT_TRUE(f.Open(path, false));
+    ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);     // rewrites the header
+    EXPECT_EQ(Le(ReadFile(path), 9, 8), 0u);
+    f.Clear();
+    EXPECT_EQ(ReadFile(path), kNewHeader);
 
     // A bound set before the open is written into the file it creates.
     cBlockFile bounded;
@@ -249,11 +331,11 @@ TEST_F(BlockFile, ResultCodes)
     ASSERT_TRUE(f.Open(path, false));
     EXPECT_EQ(ReadAt(f, 1).result, BLOCKFILE_READ_PAYLOAD_ERR);
 
-    EXPECT_STREQ(GetBlockFileErrorText(BLOCKFILE_ERR), "error BLOCKFILE_ERR \n");
-    EXPECT_STREQ(GetBlockFileErrorText(BLOCKFILE_CRC_ERR), "error BLOCKFILE_CRC_ERR \n");
-    EXPECT_STREQ(GetBlockFileErrorText(BLOCKFILE_WRONG_POS), "error BLOCKFILE_WRONG_POS \n");
-    EXPECT_STREQ(GetBlockFileErrorText(BLOCKFILE_READ_PAYLOAD_ERR), "error BLOCKFILE_READ_PAYLOAD_ERR \n");
-    EXPECT_STREQ(GetBlockFileErrorText(BLOCKFILE_INVALID), "error BLOCKFILE_INVALID \n");
+    const char* const names[] = {"", "", "BLOCKFILE_ERR", "BLOCKFILE_CRC_ERR", "BLOCKFILE_WRONG_POS",
+                                 "BLOCKFILE_READ_PAYLOAD_ERR", "BLOCKFILE_INVALID", ""};
+    for (int code = 0; code <= BLOCKFILE_INVALID + 1; ++code)
+        EXPECT_EQ(GetBlockFileErrorText(code), *names[code] ? "error " + std::string(names[code]) + " \n" : "")
+            << code;
 }
 
 TEST_F(BlockFile, AWriteThatFailsGivesTwoAndLeavesTheChain)
@@ -275,92 +357,126 @@ TEST_F(BlockFile, AWriteThatFailsGivesTwoAndLeavesTheChain)
     EXPECT_EQ(Stamps(f), (std::vector<unsigned long long>{1, 3}));
 }
 
-// Three blocks "a", "b", "c" at 17, 44 and 71; each damage case is opened
-// read-write and read-only. A read-only open never changes a byte and reads
-// every block before the damage.
-TEST_F(BlockFile, DamageEndsTheChainRefusesOrWipesAndReadOnlyKeepsWhatIsBefore)
+// One file of sixty 100-byte blocks (payload Fixed(i) at At(i)), bounded to
+// 99, damaged one way per row and opened three ways. OpenReadOnly never
+// changes a byte and reads every block before the damage; Open(name, false)
+// opens with those blocks, refuses the file or wipes it; Open(name, true)
+// differs where no block of the file can be found and starts it anew. Where a
+// writing open succeeds, an append goes on from the last block read and the
+// file then opens whole.
+TEST_F(BlockFile, DamageEndsTheChainRefusesWipesOrStartsAnew)
 {
-    {
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true));
-        ASSERT_TRUE(f.SetMaxCount(9));
-        for (const char* t : {"a", "b", "c"})
-            ASSERT_EQ(AppendText(f, t, static_cast<unsigned long long>(t[0])), BLOCKFILE_OK);
-    }
+    ASSERT_TRUE(MakeFile(path, 99, 60, Fixed));
     const std::string good = ReadFile(path);
+    ASSERT_EQ(good.size(), At(60));
     auto with = [&](size_t at, uint64_t v, int n) {
         std::string b = good;
         PutLe(b, at, v, n);
         return b;
     };
-    auto zeroed = [&](size_t at) {
+    auto zeroed = [&](size_t at, size_t len) {
         std::string b = good;
-        std::fill(b.begin() + static_cast<long>(at), b.begin() + static_cast<long>(at) + 26, '\0');
+        std::fill_n(b.begin() + static_cast<long>(at), len, '\0');
         return b;
     };
+    enum { kRefused = -1, kWiped = -2, kAnew = -3 };
     struct sCase {
         const char* what;
         std::string bytes;
-        int readWrite;            // blocks after Open(false); -1 refused, -2 refused and wiped
-        unsigned long readOnly;   // blocks after OpenReadOnly
+        int open;        // blocks after Open(name, false), kRefused or kWiped
+        int create;      // the same for Open(name, true), or kAnew
+        int readOnly;    // blocks after OpenReadOnly, or kRefused
+        int crcAt;       // the block that reads BLOCKFILE_CRC_ERR, -1: none
+        long stopAt;     // GetDamage's position, -1: the walk reached a "next" of 0
     };
     const std::vector<sCase> cases = {
-        {"intact", good, 3, 3},
-        {"second header zeroed", zeroed(44), 1, 1},
-        {"first header zeroed", zeroed(17), 0, 0},
-        {"second block points to itself", with(44 + 4, 44, 4), -1, 1},
-        {"first block's next at the end of the file", with(17 + 4, good.size(), 4), -1, 1},
-        {"third block loops back to the first", with(71 + 4, 17, 4), -1, 3},
-        {"first-block position into the header", with(5, 3, 4), -1, 0},
-        {"next header cut by the end of the file", with(44 + 4, good.size() - 10, 4), -2, 2},
+        {"intact", good, 60, 60, 60, -1, -1},
+        // A block header whose size is below 26 ends the chain.
+        {"header of block 0 zeroed", zeroed(At(0), 26), 0, 0, 0, -1, 17},
+        {"header of block 1 zeroed", zeroed(At(1), 26), 1, 1, 1, -1, 117},
+        {"header of block 30 zeroed", zeroed(At(30), 26), 30, 30, 30, -1, 3017},
+        {"header of block 59 zeroed", zeroed(At(59), 26), 59, 59, 59, -1, 5917},
+        // A zeroed 512-byte sector: the block it starts in reads with a bad
+        // CRC, and the chain ends at the first header it zeroed or at that
+        // block when its "next" was zeroed.
+        {"sector 1: block 4's payload end, blocks 5 to 9", zeroed(512, 512), 5, 5, 5, 4, 517},
+        {"sector 2: block 10's header from its CRC on, block 11", zeroed(1024, 512), 11, 11, 11, 10, 1117},
+        {"sector 10: block 51's header from its next on", zeroed(5120, 512), 52, 52, 52, 51, -1},
+        // Links that cannot be followed.
+        {"block 1 points at itself", with(At(1) + 4, At(1), 4), kRefused, kRefused, 1, -1, 117},
+        {"block 0's next at the end of the file", with(At(0) + 4, At(60), 4), kRefused, kRefused, 1, -1, 6017},
+        {"block 59 loops back to block 0", with(At(59) + 4, At(0), 4), kRefused, kRefused, 60, -1, 17},
+        {"block 59 loops back to block 30", with(At(59) + 4, At(30), 4), kRefused, kRefused, 60, -1, 3017},
+        {"oldest block inside the file header", with(5, 3, 4), kRefused, kRefused, 0, -1, 3},
+        {"block 1's next header cut by the end of the file", with(At(1) + 4, At(60) - 10, 4), kWiped, kWiped, 2,
+         -1, 6007},
+        // File headers: a creating open starts anew only a file shorter than
+        // its header (a kill while creating); any other header without
+        // version 1 is refused, so blocks behind it are not wiped.
+        {"version 2", with(0, 2, 1), kRefused, kRefused, kRefused, -1, -1},
+        {"empty", "", kRefused, kAnew, kRefused, -1, -1},
+        {"16 bytes of the header", good.substr(0, 16), kRefused, kAnew, kRefused, -1, -1},
+        {"17 zero bytes (a power cut before the first Commit)", std::string(17, '\0'), kRefused, kRefused,
+         kRefused, -1, -1},
+        {"sector 0: the file header and blocks 0 to 4", zeroed(0, 512), kRefused, kRefused, kRefused, -1, -1},
+    };
+    // how: 0 OpenReadOnly, 1 Open(name, false), 2 Open(name, true).
+    auto check = [&](const sCase& c, int want, int how) {
+        SCOPED_TRACE(how == 0 ? "OpenReadOnly" : how == 1 ? "Open(name, false)" : "Open(name, true)");
+        WriteFile(path, c.bytes);
+        cBlockFile f;
+        const bool opened = how == 0 ? f.OpenReadOnly(path) : f.Open(path, how == 2);
+        ASSERT_EQ(opened, want >= 0 || want == kAnew);
+        const std::string after = ReadFile(path);
+        if (want == kWiped) {
+            ASSERT_EQ(after.size(), 17u);
+            EXPECT_EQ(Le(after, 1, 4), 99u);    // the maximum count survives
+            EXPECT_EQ(Le(after, 5, 4), 0u);
+            return;
+        }
+        if (want == kAnew) {
+            EXPECT_EQ(after, kNewHeader);
+            EXPECT_EQ(f.Count(), 0u);
+            return;
+        }
+        ASSERT_EQ(after, c.bytes) << "the open wrote";
+        if (!opened)
+            return;
+        ASSERT_EQ(f.Count(), static_cast<unsigned long>(want));
+        const std::string damage = c.stopAt < 0 ? "" : "block " + std::to_string(want) + " at position " +
+                                                           std::to_string(c.stopAt) + ": ";
+        EXPECT_EQ(f.GetDamage().substr(0, damage.size()), damage) << f.GetDamage();
+        EXPECT_EQ(f.GetDamage().empty(), damage.empty());
+        for (unsigned long i = 0; i < f.Count(); ++i) {
+            const sRead r = ReadAt(f, i);
+            ASSERT_EQ(r.result, static_cast<int>(i) == c.crcAt ? BLOCKFILE_CRC_ERR : BLOCKFILE_OK) << i;
+            if (r.result == BLOCKFILE_OK) {
+                ASSERT_EQ(r.data, Fixed(i));
+            }
+        }
+        if (how == 0) {
+            EXPECT_EQ(AppendText(f, "new", 99), BLOCKFILE_ERR);
+            return;
+        }
+        ASSERT_EQ(AppendText(f, "new", 99), BLOCKFILE_OK);
+        f.Close();
+        ASSERT_TRUE(f.Open(path, false));
+        ASSERT_EQ(f.Count(), static_cast<unsigned long>(want) + 1);
+        EXPECT_EQ(f.GetDamage(), "");
+        EXPECT_EQ(ReadAt(f, f.Count() - 1).data, "new");
     };
     for (const sCase& c : cases) {
-        WriteFile(path, c.bytes);
-        cBlockFile ro;
-        ASSERT_TRUE(ro.OpenReadOnly(path)) << c.what;
-        EXPECT_TRUE(ro.IsReadOnly());
-        EXPECT_EQ(ro.Count(), c.readOnly) << c.what;
-        EXPECT_EQ(ro.GetDamage().empty(), c.readWrite == 3) << c.what << ": " << ro.GetDamage();
-        for (unsigned long i = 0; i < ro.Count(); ++i)
-            EXPECT_EQ(ReadAt(ro, i).data, std::string(1, static_cast<char>('a' + i))) << c.what;
-        ro.Close();
-        EXPECT_EQ(ReadFile(path), c.bytes) << c.what << ": the read-only open wrote";
-
-        cBlockFile rw;
-        const bool opened = rw.Open(path, false);
-        EXPECT_EQ(opened, c.readWrite >= 0) << c.what;
-        if (opened) {
-            EXPECT_EQ(rw.Count(), static_cast<unsigned long>(c.readWrite)) << c.what;
-        }
-        if (c.readWrite == -2) {
-            const std::string wiped = ReadFile(path);
-            ASSERT_EQ(wiped.size(), 17u) << c.what;
-            EXPECT_EQ(Le(wiped, 1, 4), 9u);            // the maximum count survives
-            EXPECT_EQ(Le(wiped, 5, 4), 0u);
-        } else if (c.readWrite == -1) {
-            EXPECT_EQ(ReadFile(path), c.bytes) << c.what;
-        }
+        SCOPED_TRACE(c.what);
+        check(c, c.readOnly, 0);
+        check(c, c.open, 1);
+        check(c, c.create, 2);
     }
-    // Short or foreign headers are refused both ways.
-    cBlockFile f;
-    for (const std::string& bytes : {good.substr(0, 16), with(0, 2, 1)}) {
-        WriteFile(path, bytes);
-        EXPECT_FALSE(f.Open(path, false));
-        EXPECT_FALSE(f.OpenReadOnly(path));
-        EXPECT_FALSE(f.IsValid());
-    }
-    EXPECT_FALSE(f.OpenReadOnly(dir + "/missing"));
+    EXPECT_FALSE(cBlockFile().OpenReadOnly(dir + "/missing"));
 }
 
 TEST_F(BlockFile, AFileOpenedReadOnlyIsNeverWritten)
 {
-    {
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true));
-        ASSERT_TRUE(f.SetMaxCount(2));
-        ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);
-        ASSERT_EQ(AppendText(f, "b", 2), BLOCKFILE_OK);
-    }
+    ASSERT_TRUE(MakeFile(path, 2, 2));
     const std::string before = ReadFile(path);
     cRecordFile f;
     ASSERT_TRUE(f.OpenReadOnly(path));
@@ -370,47 +486,10 @@ TEST_F(BlockFile, AFileOpenedReadOnlyIsNeverWritten)
     f.Clear();
     EXPECT_TRUE(f.IsValid());
     EXPECT_EQ(f.Count(), 2u);
-    EXPECT_EQ(ReadAt(f, 1).data, "b");
+    EXPECT_EQ(ReadAt(f, 1).data, Payload(1));
     f.Close();
     EXPECT_FALSE(f.IsReadOnly());
     EXPECT_EQ(ReadFile(path), before);
-}
-
-// A zeroed block header anywhere in a longer file: the file opens with
-// exactly the blocks before it, and appending goes on from the last of them.
-TEST_F(BlockFile, AZeroedBlockHeaderKeepsEveryBlockBeforeIt)
-{
-    {
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true));
-        for (unsigned long long i = 0; i < 60; ++i)
-            ASSERT_EQ(AppendText(f, Payload(i * 7 % 50), i), BLOCKFILE_OK);
-    }
-    const std::string good = ReadFile(path);
-    std::vector<size_t> positions;
-    for (size_t pos = 17; pos < good.size(); pos += Le(good, pos, 4))
-        positions.push_back(pos);
-    ASSERT_EQ(positions.size(), 60u);
-    for (size_t k : {size_t(0), size_t(1), size_t(9), size_t(30), size_t(59)}) {
-        std::string bytes = good;
-        std::fill(bytes.begin() + static_cast<long>(positions[k]),
-                  bytes.begin() + static_cast<long>(positions[k]) + 26, '\0');
-        WriteFile(path, bytes);
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, false)) << "block " << k;
-        ASSERT_EQ(f.Count(), k);
-        EXPECT_NE(f.GetDamage().find("block " + std::to_string(k) + " at position " + std::to_string(positions[k])),
-                  std::string::npos)
-            << f.GetDamage();
-        for (unsigned long i = 0; i < k; ++i)
-            ASSERT_EQ(ReadAt(f, i).result, BLOCKFILE_OK);
-        ASSERT_EQ(AppendText(f, "new", 99), BLOCKFILE_OK);
-        f.Close();
-        ASSERT_TRUE(f.Open(path, false));
-        EXPECT_EQ(f.Count(), k + 1);
-        EXPECT_EQ(ReadAt(f, k).data, "new");
-        EXPECT_EQ(f.GetDamage(), "");
-    }
 }
 
 TEST_F(BlockFile, RingDropsTheOldestAndReusesItsSpace)
@@ -485,45 +564,41 @@ TEST_F(BlockFile, ClearKeepsTheBoundAndToStringCounts)
     EXPECT_EQ(f.ToString(), "name=" + path + ", count=0, maxcount=4, fd=-1");
 }
 
-TEST_F(BlockFile, IndicesByBsTime)
+// Selection by bstime and by creation time, one rule over one chain whose
+// creation times are its stamps 1700000000000 ms on: both bounds 0 the
+// smallest, both at the top the largest (first among equals), otherwise the
+// range in time order, equal times in chain order.
+TEST_F(BlockFile, IndicesByTime)
 {
     cBlockFile f;
     std::deque<unsigned long> idx;
     EXPECT_EQ(f.GetIndizesByTime(idx, 0ULL, 0ULL), 0u);
     ASSERT_TRUE(f.Open(path, true));
     EXPECT_EQ(f.GetIndizesByTime(idx, 0ULL, 100ULL), 0u);
-    const unsigned long long stamps[] = {50, 10, 0x1FFFFFFFFULL, 30, 10, 0x1FFFFFFFFULL, 20};
-    for (unsigned long long s : stamps)
-        ASSERT_EQ(AppendText(f, "x", s), BLOCKFILE_OK);
-    ASSERT_EQ(f.GetIndizesByTime(idx, 0ULL, 0ULL), 1u);
-    EXPECT_EQ(idx[0], 1u);                             // smallest, first among equals
-    ASSERT_EQ(f.GetIndizesByTime(idx, 0xFFFFFFFFULL, 0xFFFFFFFFULL), 1u);
-    EXPECT_EQ(idx[0], 2u);                             // largest, first among equals
-    ASSERT_EQ(f.GetIndizesByTime(idx, 10ULL, 30ULL), 4u);
-    EXPECT_EQ(f.Count(), 7u);
-    EXPECT_EQ(std::vector<unsigned long>(idx.begin() + 2, idx.end()), (std::vector<unsigned long>{6, 3}));
-    EXPECT_TRUE((idx[0] == 1 && idx[1] == 4) || (idx[0] == 4 && idx[1] == 1));
-    ASSERT_EQ(f.GetIndizesByTime(idx, 31ULL, 0x1FFFFFFFEULL), 1u);
-    EXPECT_EQ(idx[0], 0u);
-    // A range whose upper bound alone is huge is a plain range.
-    ASSERT_EQ(f.GetIndizesByTime(idx, 40ULL, 0xFFFFFFFFFFULL), 3u);
-    EXPECT_EQ(idx[0], 0u);
-}
-
-TEST_F(BlockFile, IndicesByCreationTime)
-{
-    cBlockFile f;
-    ASSERT_TRUE(f.Open(path, true));
-    const unsigned long long created[] = {3000, 1000, 5000, 2000};
-    for (unsigned long long ms : created)
-        ASSERT_EQ(AppendText(f, "x", 0, 1700000000000ULL + ms), BLOCKFILE_OK);
-    std::deque<unsigned long> idx;
-    ASSERT_EQ(f.GetIndizesByTime(idx, Ms(0), Ms(0)), 1u);
-    EXPECT_EQ(idx[0], 1u);
-    ASSERT_EQ(f.GetIndizesByTime(idx, Ms(cBlockFile::kNewestCTimeMs), Ms(cBlockFile::kNewestCTimeMs)), 1u);
-    EXPECT_EQ(idx[0], 2u);
-    ASSERT_EQ(f.GetIndizesByTime(idx, Ms(1700000001500ULL), Ms(1700000003000ULL)), 2u);
-    EXPECT_EQ(std::vector<unsigned long>(idx.begin(), idx.end()), (std::vector<unsigned long>{3, 0}));
+    EXPECT_EQ(f.GetIndizesByTime(idx, Ms(0), Ms(0)), 0u);
+    const unsigned long long base = 1700000000000ULL, top = 0x1FFFFFFFFULL;
+    for (unsigned long long s : {50ULL, 10ULL, top, 30ULL, 10ULL, top, 20ULL})
+        ASSERT_EQ(AppendText(f, "x", s, base + s), BLOCKFILE_OK);
+    struct sCase {
+        unsigned long long from, to;   // bstimes; creation times base + these but for the single ones
+        std::vector<unsigned long> want;
+    };
+    const sCase cases[] = {
+        {0, 0, {1}},                       // smallest, first among equals
+        {0xFFFFFFFFULL, 0xFFFFFFFFULL, {2}},   // largest, first among equals
+        {10, 30, {1, 4, 6, 3}},
+        {31, top - 1, {0}},
+        {40, 0xFFFFFFFFFFULL, {0, 2, 5}},  // an upper bound alone at the top: a plain range
+    };
+    for (const sCase& c : cases) {
+        EXPECT_EQ(f.GetIndizesByTime(idx, c.from, c.to), c.want.size()) << c.from;
+        EXPECT_EQ(std::vector<unsigned long>(idx.begin(), idx.end()), c.want) << "bstime " << c.from;
+        const bool single = c.from == c.to;
+        const unsigned long long from = single ? (c.from == 0 ? 0 : cBlockFile::kNewestCTimeMs) : base + c.from;
+        const unsigned long long to = single ? from : base + c.to;
+        EXPECT_EQ(f.GetIndizesByTime(idx, Ms(from), Ms(to)), c.want.size()) << from;
+        EXPECT_EQ(std::vector<unsigned long>(idx.begin(), idx.end()), c.want) << "ctime " << from;
+    }
 }
 
 TEST_F(BlockFile, RecordFileStoresRecords)
@@ -568,18 +643,11 @@ TEST_F(BlockFile, RecordFileStoresRecords)
 
 TEST_F(BlockFile, ManyBlocksReopenMappedAndThroughReadWindows)
 {
-    cBlockFile f;
-    ASSERT_TRUE(f.Open(path, true));
     const unsigned long n = 4000;    // ~0.3 MB: headers straddle read windows
-    for (unsigned long i = 0; i < n; ++i)
-        ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
-    f.Close();
+    ASSERT_TRUE(MakeFile(path, 0, n));
+    cBlockFile f;
     for (unsigned long long mapLimit : {blockfile_io::MapLimit, 0ULL}) {
-        const unsigned long long saved = blockfile_io::MapLimit;
-        blockfile_io::MapLimit = mapLimit;
-        const bool opened = f.Open(path, false);
-        blockfile_io::MapLimit = saved;
-        ASSERT_TRUE(opened);
+        ASSERT_TRUE(OpenWithMapLimit(f, path, mapLimit));
         ASSERT_EQ(f.Count(), n);
         for (unsigned long i = 0; i < n; ++i) {
             sRead r = ReadAt(f, i);
@@ -593,38 +661,13 @@ TEST_F(BlockFile, ManyBlocksReopenMappedAndThroughReadWindows)
     const size_t last = file.size() - (26 + Payload(n - 1).size());
     PutLe(file, last + 4, file.size() - 5, 4);
     WriteFile(path, file);
-    const unsigned long long saved = blockfile_io::MapLimit;
-    blockfile_io::MapLimit = 0;
-    EXPECT_FALSE(f.Open(path, false));
-    blockfile_io::MapLimit = saved;
+    EXPECT_FALSE(OpenWithMapLimit(f, path, 0));
     EXPECT_EQ(ReadFile(path).size(), 17u);    // wiped
 }
 
 // ---- crash consistency ---------------------------------------------------------
 
 namespace {
-
-// Checks that the file opens and its chain is a run of intact test-stream
-// blocks with consecutive stamps; returns the youngest stamp (-1 when empty)
-// and the count through the pointers.
-::testing::AssertionResult ChainIsIntact(const std::string& path, long long* youngest,
-                                         unsigned long* count)
-{
-    cBlockFile f;
-    if (!f.Open(path, false))
-        return ::testing::AssertionFailure() << "file does not open";
-    *count = f.Count();
-    *youngest = -1;
-    for (unsigned long i = 0; i < f.Count(); ++i) {
-        sRead r = ReadAt(f, i);
-        if (r.result != BLOCKFILE_OK || r.data != Payload(r.bstime))
-            return ::testing::AssertionFailure() << "block " << i << " reads " << r.result;
-        if (i > 0 && static_cast<long long>(r.bstime) != *youngest + 1)
-            return ::testing::AssertionFailure() << "stamp " << r.bstime << " follows " << *youngest;
-        *youngest = static_cast<long long>(r.bstime);
-    }
-    return ::testing::AssertionSuccess();
-}
 
 struct sWrite {
     off_t pos;
@@ -857,61 +900,58 @@ void RunKilledAt(int write, bool after, const std::function<void()>& body)
 
 }  // namespace
 
-// Clear and the Open that creates a file, killed before and after each of
-// their writes, and at random moments: every file opens again afterwards.
+// Clear and the Open that creates a file, on bounded files, killed before and
+// after each of their writes and of the appends between them (224 kill
+// points, each a known step): every file opens afterwards with
+// Open(name, true), its chain intact.
 TEST_F(BlockFile, AKilledClearOrCreationLeavesAFileThatOpens)
 {
-    for (bool after : {false, true}) {
-        // Creation: the header is its one write.
+    unsigned long maxCount = 0;
+    // From a missing file: the creating Open, five appends into a ring of
+    // maxCount, Clear, an append, Clear.
+    const auto script = [&] {
+        cBlockFile g;
+        g.SetMaxCount(maxCount);
+        if (!g.Open(path, true))
+            _exit(4);
+        for (unsigned long long i = 0; i < 5; ++i)
+            (void)AppendText(g, Payload(i), i);
+        g.Clear();
+        (void)AppendText(g, Payload(5), 5);
+        g.Clear();
+    };
+    int runs = 0;
+    for (maxCount = 1; maxCount <= 6; ++maxCount) {
         unlink(path.c_str());
-        RunKilledAt(0, after, [&] {
-            blockfile_io::Write = KillingWrite;
-            cBlockFile f;
-            (void)f.Open(path, true);
-        });
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true)) << (after ? "after" : "before") << " the creating write";
-        EXPECT_EQ(f.Count(), 0u);
-        ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);
-        f.Close();
-        // Clear of a file with blocks: its header write (and the maximum count's).
-        for (int write : {0, 1}) {
-            RunKilledAt(write, after, [&] {
-                cBlockFile g;
-                if (!g.Open(path, true) || !g.SetMaxCount(5))
-                    _exit(4);
-                blockfile_io::Write = KillingWrite;
-                g.Clear();
-            });
-            ASSERT_TRUE(f.Open(path, true)) << "write " << write;
-            EXPECT_LE(f.Count(), 1u);
-            ASSERT_EQ(AppendText(f, "b", 2), BLOCKFILE_OK);
-            f.Close();
+        gWrites.clear();
+        blockfile_io::Write = RecordWrite;
+        script();
+        blockfile_io::Write = nullptr;
+        // The header of the creation; two writes per append (block, link),
+        // three once the ring is full (the header dropping the oldest first);
+        // two per Clear (its creation's header, then the bound's).
+        ASSERT_EQ(gWrites.size(), 1 + 10 + (maxCount < 5 ? 5 - maxCount : 0) + 2 + 2 + 2) << maxCount;
+        for (size_t write = 0; write < gWrites.size(); ++write) {
+            for (bool after : {false, true}) {
+                SCOPED_TRACE("ring of " + std::to_string(maxCount) + ", killed " + (after ? "after" : "before") +
+                             " write " + std::to_string(write));
+                unlink(path.c_str());
+                RunKilledAt(static_cast<int>(write), after, [&] {
+                    blockfile_io::Write = KillingWrite;
+                    script();
+                });
+                cBlockFile f;
+                ASSERT_TRUE(f.Open(path, true)) << ReadFile(path).size() << " bytes";
+                f.Close();
+                long long youngest = -1;
+                unsigned long count = 0;
+                ASSERT_TRUE(ChainIsIntact(path, &youngest, &count));
+                EXPECT_LE(count, maxCount);
+                ++runs;
+            }
         }
     }
-    // Random moments in a loop of clears and appends.
-    for (int run = 0; run < 200; ++run) {
-        orvo_test::sChild child = orvo_test::StartChild(
-            [&](int toParent) {
-                cBlockFile g;
-                char ready = 1;
-                (void)!write(toParent, &ready, 1);
-                for (unsigned long long i = 0;; ++i) {
-                    if (!g.Open(path, true))
-                        return 5;
-                    (void)AppendText(g, "x", i);
-                    g.Clear();
-                }
-            },
-            30);
-        char ready = 0;
-        ASSERT_EQ(read(child.pipe, &ready, 1), 1);
-        usleep(static_cast<useconds_t>(run % 20) * 50);
-        kill(child.pid, SIGKILL);
-        ASSERT_EQ(orvo_test::EndChild(child), -1) << "run " << run;
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true)) << "run " << run << ": " << ReadFile(path).size() << " bytes";
-    }
+    EXPECT_GE(runs, 200);
 }
 
 // In a full ring, Append drops the oldest block (header rewrite) before it
@@ -920,14 +960,7 @@ TEST_F(BlockFile, AKilledClearOrCreationLeavesAFileThatOpens)
 TEST_F(BlockFile, AKillBetweenTheRingsHeaderAndBlockWritesLosesTheOldest)
 {
     for (unsigned long maxCount : {3UL, 1UL}) {
-        unlink(path.c_str());
-        {
-            cBlockFile f;
-            ASSERT_TRUE(f.Open(path, true));
-            ASSERT_TRUE(f.SetMaxCount(maxCount));
-            for (unsigned long long i = 0; i < maxCount; ++i)
-                ASSERT_EQ(AppendText(f, Payload(i), i), BLOCKFILE_OK);
-        }
+        ASSERT_TRUE(MakeFile(path, maxCount, maxCount));
         RunKilledAt(0, true, [&] {
             cBlockFile g;
             if (!g.Open(path, true))
@@ -970,48 +1003,22 @@ TEST_F(BlockFile, EqualStampsKeepChainOrderInARange)
     EXPECT_EQ(std::vector<unsigned long>(byCTime.begin(), byCTime.end()), wanted);
 }
 
-// The reserved header words are written as 0 whatever the file held.
-TEST_F(BlockFile, ReservedHeaderWordsAreWrittenAsZero)
-{
-    {
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true));
-    }
-    std::string bytes = ReadFile(path);
-    PutLe(bytes, 9, 0xDEADBEEF, 4);
-    PutLe(bytes, 13, 0x01020304, 4);
-    WriteFile(path, bytes);
-    cBlockFile f;
-    ASSERT_TRUE(f.Open(path, false));
-    ASSERT_EQ(AppendText(f, "a", 1), BLOCKFILE_OK);     // rewrites the header
-    EXPECT_EQ(Le(ReadFile(path), 9, 4), 0u);
-    EXPECT_EQ(Le(ReadFile(path), 13, 4), 0u);
-    f.Clear();
-    EXPECT_EQ(ReadFile(path), std::string("\x01\x00\x00\x00\x00", 5) + std::string(12, '\0'));
-}
-
 // Files of large blocks are walked one header read at a time: the same chain,
 // the same damage rules.
 TEST_F(BlockFile, LargeBlocksOpenHeaderByHeader)
 {
-    const std::string big(20 * 1024, 'L');
-    {
-        cBlockFile f;
-        ASSERT_TRUE(f.Open(path, true));
-        for (unsigned long long i = 0; i < 12; ++i)
-            ASSERT_EQ(AppendText(f, big + std::to_string(i), i), BLOCKFILE_OK);
-    }
+    ASSERT_TRUE(MakeFile(path, 0, 12, Large));
     cBlockFile f;
     ASSERT_TRUE(f.Open(path, false));
     ASSERT_EQ(f.Count(), 12u);
-    EXPECT_EQ(ReadAt(f, 11).data, big + "11");
+    EXPECT_EQ(ReadAt(f, 11).data, Large(11));
     f.Close();
     std::string bytes = ReadFile(path);
-    const size_t fifth = 17 + 5 * (26 + big.size() + 1);
+    const size_t fifth = 17 + 5 * (26 + Large(0).size());
     std::fill(bytes.begin() + static_cast<long>(fifth), bytes.begin() + static_cast<long>(fifth) + 26, '\0');
     WriteFile(path, bytes.substr(0, bytes.size() - 5));    // and the last payload cut short
     ASSERT_TRUE(f.OpenReadOnly(path));
     EXPECT_EQ(f.Count(), 5u);
-    EXPECT_EQ(ReadAt(f, 4).data, big + "4");
+    EXPECT_EQ(ReadAt(f, 4).data, Large(4));
     EXPECT_NE(f.GetDamage().find("block 5 at position " + std::to_string(fifth)), std::string::npos);
 }

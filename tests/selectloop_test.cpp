@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <string>
 #include <utility>
@@ -197,35 +198,65 @@ TEST_F(SelectLoop, ExceptionReadinessReachesTheChannelAsOnSelectZero)
 
 // A registered descriptor the loop already waited on, closed without being
 // unregistered: the pass fails as a select on it would, the whole table is
-// unregistered and the service gets 0x1003.
-TEST_F(SelectLoop, DescriptorClosedAfterItWasWatchedEndsInTheSelectError)
+// unregistered and the service gets 0x1003. So in an idle loop (passes ended
+// by a timer) and in busy ones whose wait returns at once on every pass: an
+// always-ready regular file (no wait at all under epoll) and an
+// always-writable socket (readiness on every pass). Bounded in wall time, not
+// in passes: epoll checks for closed descriptors about once a second.
+TEST_F(SelectLoop, DescriptorClosedBehindTheLoopsBackEndsInTheSelectError)
 {
-    cTestService svc;
-    tLog log;
-    sPair keep, gone;
-    cProbe other(&svc, log, "other"), closed(&svc, log, "closed");
-    other.Attach(::dup(keep.fd[0]));
-    const int fd = gone.fd[0];
-    gone.fd[0] = -1;   // the test closes it, behind the loop's back
-    closed.Attach(fd);
-    Pass(svc);
-    ASSERT_EQ(svc.GetQueueSize(), 0u);
-
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();   // opens a file: before the close
-    ::close(fd);
-    for (int i = 0; i < 40 && svc.GetQueueSize() == 0; ++i)
+    enum eBusy { kIdle, kRegularFile, kWritableSocket };
+    for (const eBusy busy : {kIdle, kRegularFile, kWritableSocket}) {
+        SCOPED_TRACE(busy == kIdle ? "idle" : busy == kRegularFile ? "regular file" : "writable socket");
+        cTestService svc;
+        tLog log;
+        sPair keep, gone;
+        cProbe other(&svc, log, "other"), closed(&svc, log, "closed");
+        int otherFd;
+        if (busy == kRegularFile) {
+            char name[] = "/tmp/orvo-selectloop-XXXXXX";
+            otherFd = ::mkstemp(name);
+            ASSERT_GE(otherFd, 0);
+            ::unlink(name);
+        } else {
+            otherFd = ::dup(keep.fd[0]);
+        }
+        other.Attach(otherFd);
+        if (busy != kIdle)
+            ASSERT_EQ(svc.ChannelAsyncSelect(otherFd, SELECT_READ | SELECT_WRITE, &other, nullptr), 1);
+        const int fd = gone.fd[0];
+        gone.fd[0] = -1;   // the test closes it, behind the loop's back
+        closed.Attach(fd);
         Pass(svc);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("select() error, retval=-1"), std::string::npos) << out;
-    EXPECT_EQ(svc.GetSelectEvents(other.GetFd()), 0);
-    EXPECT_EQ(svc.GetSelectEvents(fd), 0);
-    cMsg msg;
-    ASSERT_TRUE(svc.GetMessage(msg));
-    EXPECT_EQ(msg.GetType(), static_cast<unsigned long>(MSG_SELECT_FAILED));
-    ::close(other.GetFd());
-    other.Dettach();
-    closed.Dettach();
+        ASSERT_EQ(svc.GetQueueSize(), 0u);
+        EXPECT_EQ(log.empty(), busy == kIdle);
+
+        SetTraceOut(UnitORVO, OUTPUT_STDOUT);
+        testing::internal::CaptureStdout();   // opens a file: before the close
+        ::close(fd);
+        const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        unsigned long passes = 0;
+        while (svc.GetQueueSize() == 0 && std::chrono::steady_clock::now() < until) {
+            log.clear();
+            if (busy == kIdle)
+                Pass(svc);
+            else
+                svc.ScheduleSelect();   // returns at once
+            ++passes;
+        }
+        const std::string out = testing::internal::GetCapturedStdout();
+        SetTraceOut(UnitORVO, OUTPUT_NONE);
+        EXPECT_NE(out.find("select() error, retval=-1"), std::string::npos) << passes << " passes: " << out;
+        EXPECT_EQ(svc.GetSelectEvents(otherFd), 0);
+        EXPECT_EQ(svc.GetSelectEvents(fd), 0);
+        ASSERT_EQ(svc.GetQueueSize(), 1u) << passes << " passes";   // GetMessage would wait
+        cMsg msg;
+        ASSERT_TRUE(svc.GetMessage(msg));
+        EXPECT_EQ(msg.GetType(), static_cast<unsigned long>(MSG_SELECT_FAILED));
+        ::close(otherFd);
+        other.Dettach();
+        closed.Dettach();
+    }
 }
 
 // A regular file cannot be waited on by epoll; select always finds it ready,
