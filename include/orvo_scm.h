@@ -38,15 +38,26 @@
 //   0x10015                     valid "path": configuration changed, 0x10016
 //                               back, record = "old-config"        passed on
 //                               otherwise 0x10017 back              passed on
-//                               A partial change ("full-config" not true)
-//                               that holds no record to put in place of the
-//                               addressed record would only delete it: it
-//                               is refused with 0x10017 and the
-//                               configuration stays as it was.
+//                               "full-config" true: "config" replaces the
+//                               configuration whole. Otherwise the change
+//                               is ChangeRecord(configuration, path,
+//                               config): the record path addresses is
+//                               replaced by the records "config" holds. A
+//                               partial change is refused when it would
+//                               not be applied as sent: an element of
+//                               "config" that is not a record (it would be
+//                               dropped), a path that addresses nothing, or
+//                               no record to put in place of the target (it
+//                               would only be deleted).
+//                               Every refusal sends 0x10017 with the
+//                               request's id and a text "reason", traces
+//                               "change refused: <reason>" at ERROR and
+//                               leaves the configuration as it was.
 //   0x10141                     "scm-health" kept                  consumed
 //
-// The SCM's watchdog trigger (MSG_SCM_WDT, record "seq-no") reaches the
-// program like any other message; the program answers it with SetWDT.
+// The SCM's watchdog trigger 0x10009 (MSG_SCM_WDT, record "seq-no") is not
+// consumed: it reaches the program like any other message, and the program
+// answers it with SetWDT (0x1000a).
 //
 // Keys that are missing or of another type than the protocol names count as
 // absent: such a message changes nothing (a 0x10004 without a uuid
@@ -112,9 +123,14 @@ public:
     // cService::Init(name, sap); technology text "unknown"; connects the SCM
     // socket to the configuration's "scm-sap" ("a.b.c.d:port"; without it
     // "Can't connect SCM, missing SCM-SAP destination addr in config" at
-    // FATAL and no SCM at all); adds the "system" defaults to the
-    // configuration: "failure-action" = failureAction, "wdt-failures" 3,
-    // "wdt" "ON", "bc-timelost" 5000, "msgQsize" 200. Always true.
+    // FATAL and no SCM at all). A "scm-sap" that is no address ("malformed
+    // SCM-SAP '<text>'") or a socket that cannot be made ("SCM socket for
+    // <text> failed: <reason>", e.g. out of descriptors) is traced at ERROR
+    // and a 0x4000 of the SCM socket is queued: the loop then takes the
+    // failed-connect path as for a refused connect. Adds the "system"
+    // defaults to the configuration: "failure-action" = failureAction,
+    // "wdt-failures" 3, "wdt" "ON", "bc-timelost" 5000, "msgQsize" 200.
+    // Always true.
     // The register message's "sap" is "<ip>:<port>" with the configuration's
     // "ip" (the -ip option) and the sap's port; when the sap could not be
     // bound (IsSapUp() false: the port is another process's) the port sent is
@@ -147,11 +163,12 @@ public:
                    const cRecord& config) const;
     // 0x10015, fresh message id: "service-name", "broadcast" true.
     int SetConfigReady(const char* service) const;
-    // SetConfig with a config record of the one value name at path. A
-    // change replaces the addressed record by the records it holds, so this
-    // one-value shape can only delete; a service built on this library
-    // refuses it (0x10017) and orvo-scm refuses every push from a service.
-    // To change one value, send the addressed record whole with SetConfig.
+    // SetConfig with a config record of the one value name = value. The SCM
+    // decides how to read path: orvo-scm reads it as the levels above the
+    // change and sets the value in place, keeping its siblings (then pushes
+    // the service its whole new configuration). The same shape pushed as a
+    // partial change straight to a service built on this library is refused
+    // there (0x10017, "'<name>' is not a record"; see 0x10015 above).
     int SetConfigUInt(const char* service, const cRecordPath& path, const char* name,
                       unsigned int value) const;
     int SetConfigBool(const char* service, const cRecordPath& path, const char* name,

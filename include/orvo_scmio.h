@@ -104,8 +104,10 @@ public:
     void Start();
     // Not connected: "connect to tech '<tech>', sap=<announced>" (DEBUG),
     // closes the socket, drops the queued events of the old connection and
-    // connects it anew to the announced SAP; a SAP that is no address is
-    // traced at ERROR and ends in the closed state (OnClose, health timer).
+    // connects it anew to the announced SAP; a SAP that is no address, or a
+    // socket that cannot be made (out of descriptors, say), is traced at
+    // ERROR and ends in the closed state (OnClose, health timer), as a
+    // failed connect (0x4000) does.
     // Connected: "already connected to tech '<tech>', sap=<connected>"
     // (INFO), nothing else.
     void ConnectChannel();

@@ -3,8 +3,10 @@
 
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <cstring>
 
 #include "orvo_init.h"
 #include "orvo_msgsocket.h"
@@ -121,14 +123,23 @@ bool cScmService::Init(const std::string& name, cSocketAddr sap, const std::stri
         m_pScmSocket->SetObjName("scm");
         gSCMsocket = m_pScmSocket;
         const cSocketAddr addr(text.c_str(), 0);
+        bool failed = false;
         if (addr.GetIP() == 0 || addr.GetPort() == 0) {
-            // Not an address to connect to: the loop takes the failed-connect
-            // path as if the connection had been refused.
             ORVO_TRACE(UnitORVO, ERROR, "malformed SCM-SAP '" + text + "'");
-            cMsg failed(MSG_SOCKET_CONNECT_FAILED, m_pScmSocket, nullptr);
-            OnMsg(failed);
-        } else if (m_pScmSocket->Socket(AF_INET, SOCK_STREAM, 0) >= 0) {
+            failed = true;
+        } else if (m_pScmSocket->Socket(AF_INET, SOCK_STREAM, 0) < 0) {
+            ORVO_TRACE(UnitORVO, ERROR,
+                       "SCM socket for " + text + " failed: " + std::strerror(errno));
+            failed = true;
+        } else {
+            // A refused connect reports 0x4000 by itself.
             m_pScmSocket->Connect(addr);
+        }
+        if (failed) {
+            // No connection can come of it: the loop takes the failed-connect
+            // path as if the connection had been refused.
+            cMsg refused(MSG_SOCKET_CONNECT_FAILED, m_pScmSocket, nullptr);
+            OnMsg(refused);
         }
     }
     GetConfig()->AppendRecordPar("system", SystemDefaults(failureAction));
@@ -338,16 +349,35 @@ void cScmService::ApplyConfig(const cRecord& config, const char* logPrefix)
     ORVO_TRACE(UnitORVO, DEBUG, logPrefix + config.ToString());
 }
 
-// A configuration change pushed by the SCM; false when it is refused.
-// True when changing config at path gave the same as removing what path
-// addresses, and that removal takes something away: the change held no
-// record to put in place of the target.
-static bool WouldOnlyRemove(const cRecord& config, const cRecordPath& path, const cRecord& changed)
+// Why a partial change (ChangeRecord at path) would not be applied as sent,
+// or empty when it would: it sets records only (plain values beside them
+// would be dropped), its path must address something (else nothing
+// changes) and it must hold a record to put in place of the target (else
+// it would only delete the target, or do nothing).
+static std::string PartialChangeRefusal(const cRecord& config, const cRecordPath& path,
+                                        const cRecord& change)
 {
-    const cRecord removed = ChangeRecord(config, path, cRecord(), "", true);
-    return removed.ToString() == changed.ToString() && removed.ToString() != config.ToString();
+    for (cRecordPar p = change.GetFirstPar(); p.IsValid(); change.SeekNextPar(p))
+        if (p.GetType() != RECORD_RECORD)
+            return std::string("'") + p.GetName() + "' is not a record: a change sets records only";
+    // Any record in place of the target changes the configuration when the
+    // path addresses something: the target is replaced or added.
+    cRecord probe, probeChange;
+    probe.AppendTextPar("orvo-probe", FreshId().ToString());
+    probeChange.AppendRecordPar("probe", probe);
+    const std::string before = config.ToString();
+    if (ChangeRecord(config, path, probeChange, "", true).ToString() == before)
+        return path.ToString() + " addresses nothing in the configuration";
+    const std::string removed = ChangeRecord(config, path, cRecord(), "", true).ToString();
+    if (ChangeRecord(config, path, change, "", true).ToString() == removed)
+        return removed != before
+                   ? "no record to put at " + path.ToString() + ": the change would only remove it"
+                   : "no record to put at " + path.ToString();
+    return std::string();
 }
 
+// A configuration change pushed by the SCM; false when it is refused (0x10017
+// back, with a text "reason"; the configuration stays as it was).
 bool cScmService::OnSetConfig(cMsg& msg)
 {
     const cRecord& r = msg.GetRecord();
@@ -355,29 +385,24 @@ bool cScmService::OnSetConfig(cMsg& msg)
     const bool valid = TypedRecord(r, "path", pathRec) && !pathRec.IsEmpty() &&
                        cRecordPath(pathRec).GetFirstEntry().IsValid() &&
                        TypedRecord(r, "config", change);
-    cChannel* back = msg.GetChannel();
-    if (!valid) {
-        cMsg nack(MSG_SCM_SETCONFIG_NACK);
-        nack.SetTid(msg.GetTid());
-        if (back != nullptr)
-            back->Send(nack);
-        return false;
-    }
-    const cRecordPath path(pathRec);
-    ORVO_TRACE(UnitORVO, INFO, "change " + path.ToString());
     const bool full = TypedPar(r, "full-config", RECORD_BOOL).GetBool();
-
-    cRecord changed = full ? change : ChangeRecord(*GetConfig(), path, change, "", true);
-    if (!full && WouldOnlyRemove(*GetConfig(), path, changed)) {
-        // A change without a record to put in place would delete the
-        // addressed record: refused, so no sender loses data unknowingly.
-        ORVO_TRACE(UnitORVO, ERROR, "change " + path.ToString() + " refused: it would remove the target");
+    const cRecordPath path(pathRec);
+    const std::string refusal =
+        !valid ? std::string("\"path\" and \"config\" must be records, the path not empty")
+        : full ? std::string()
+               : PartialChangeRefusal(*GetConfig(), path, change);
+    cChannel* back = msg.GetChannel();
+    if (!refusal.empty()) {
+        ORVO_TRACE(UnitORVO, ERROR, "change refused: " + refusal);
         cMsg nack(MSG_SCM_SETCONFIG_NACK);
         nack.SetTid(msg.GetTid());
+        nack.GetRecord().AppendTextPar("reason", refusal);
         if (back != nullptr)
             back->Send(nack);
         return false;
     }
+    ORVO_TRACE(UnitORVO, INFO, "change " + path.ToString());
+    const cRecord changed = full ? change : ChangeRecord(*GetConfig(), path, change, "", true);
     cRecord old;
     old.AppendRecordPar("old-config", *GetConfig());
     *GetConfig() = changed;

@@ -3,6 +3,9 @@
 
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "orvo_msgtypes.h"
 #include "orvo_scm.h"
 #include "orvo_socketaddr.h"
@@ -132,8 +135,16 @@ void cScmServiceIO::ConnectChannel()
         EndInClosedState();
         return;
     }
-    if (m_Socket.Socket(AF_INET, SOCK_STREAM, 0) >= 0)
-        m_Socket.Connect(addr);
+    if (m_Socket.Socket(AF_INET, SOCK_STREAM, 0) < 0) {
+        // No socket (out of descriptors, say): no 0x4000 will come, so the
+        // link ends closed here and the health timer tries again.
+        ORVO_TRACE(UnitORVO, ERROR,
+                   "socket for tech '" + m_Tech + "' failed: " + std::strerror(errno));
+        EndInClosedState();
+        return;
+    }
+    // A connect that fails reports 0x4000, at once or later.
+    m_Socket.Connect(addr);
 }
 
 // Closed, the program told, a new look-up when the health timer runs out.

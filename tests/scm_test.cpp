@@ -9,11 +9,14 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -141,12 +144,51 @@ struct cPeer {
         const std::string f = Frame(m);
         return send(fd, f.data(), f.size(), MSG_NOSIGNAL) == ssize_t(f.size());
     }
+    // Connects as a client to port on 127.0.0.1.
+    bool Connect(unsigned short to)
+    {
+        fd = socket(AF_INET, SOCK_STREAM, 0);
+        cSocketAddr addr("127.0.0.1", to);
+        return connect(fd, addr.GetSockAddr(), sizeof(sockaddr_in)) == 0;
+    }
     // The 0x4002 a message socket announces itself with.
     bool Announce(const char* name) const
     {
         cRecord r;
         r.AppendTextPar("peer-name", name);
         return Send(Msg(MSG_SOCKET_CONNECTED, r));
+    }
+};
+
+// While it lives no socket can be had: cSocket::Socket fails with EMFILE.
+// Every free descriptor below FD_SETSIZE is taken (the library refuses the
+// ones above), so the process and the sanitizers (whose checks open pipes)
+// still get descriptors above it; under a lower limit every descriptor is
+// taken.
+struct cNoSockets {
+    rlimit before{};
+    std::vector<int> taken;
+    cNoSockets()
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlim_t room = FD_SETSIZE + 64;
+        if (before.rlim_cur < room && before.rlim_max >= room) {
+            rlimit raised = before;
+            raised.rlim_cur = room;
+            setrlimit(RLIMIT_NOFILE, &raised);
+        }
+        for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0; taken.push_back(fd)) {
+            if (fd >= FD_SETSIZE) {
+                close(fd);
+                break;
+            }
+        }
+    }
+    ~cNoSockets()
+    {
+        for (int fd : taken)
+            close(fd);
+        setrlimit(RLIMIT_NOFILE, &before);
     }
 };
 
@@ -289,6 +331,13 @@ protected:
         return r;
     }
 
+    // What reaches standard output while step runs.
+    static std::string Captured(const std::function<void()>& step)
+    {
+        testing::internal::CaptureStdout();
+        step();
+        return testing::internal::GetCapturedStdout();
+    }
     // What UnitORVO traces at level and above while step runs.
     static std::string OrvoTraces(eLEVEL level, const std::function<void()>& step)
     {
@@ -296,9 +345,7 @@ protected:
         const eOUTPUT output = UnitORVO->GetOutput();
         SetTraceLevel(UnitORVO, level);
         SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-        testing::internal::CaptureStdout();
-        step();
-        const std::string out = testing::internal::GetCapturedStdout();
+        const std::string out = Captured(step);
         SetTraceLevel(UnitORVO, before);
         SetTraceOut(UnitORVO, output);
         return out;
@@ -455,11 +502,17 @@ TEST_F(Scm, QueueSizeOnlyWithTimeLost)
     EXPECT_EQ(svc.GetMsgQSize(), 200u);
 }
 
-cRecord LevelPath(const char* name)
+// The record path of the levels names, in order.
+cRecord LevelPath(std::initializer_list<const char*> names)
 {
     cRecordPath path;
-    path.AddLevel(name, cRecord());
+    for (const char* name : names)
+        path.AddLevel(name, cRecord());
     return path.GetRecord();
+}
+cRecord LevelPath(const char* name)
+{
+    return LevelPath({name});
 }
 
 cRecord SetConfigRecord(const cRecord& path, const cRecord& config, int full)
@@ -475,8 +528,9 @@ cRecord SetConfigRecord(const cRecord& path, const cRecord& config, int full)
 
 // Configuration pushed by the SCM: changed at the path, or replaced whole;
 // answered 0x10016 with the request's id; the program gets the old
-// configuration. A push without a usable path or config is refused with
-// 0x10017 and changes nothing.
+// configuration. A push without a usable path or config, and a partial push
+// that would not be applied as sent, is refused with 0x10017 and a reason and
+// changes nothing.
 TEST_F(Scm, SetConfigurationFromScm)
 {
     Register();
@@ -510,67 +564,87 @@ TEST_F(Scm, SetConfigurationFromScm)
     EXPECT_EQ(gScmTestUnit.GetLevel(), DEBUG);
     SetTraceLevel(&gScmTestUnit, ERROR);
 
-    // Refused: no path, a text path, an empty path, a config that is no record.
-    cRecord textPath, emptyPath, textConfig;
+    // Refused, each with its reason.
+    cRecord textPath, textConfig, system, plain, recordAndPlain, emptySystem, deep, same;
     textPath.AppendTextPar("path", "a");
     textPath.AppendRecordPar("config", change);
-    emptyPath = SetConfigRecord(cRecord(), change, 0);
     textConfig.AppendRecordPar("path", LevelPath("a"));
     textConfig.AppendTextPar("config", "x");
+    ASSERT_TRUE(GetConfig()->GetFirstPar("system").GetRecord(system));
+    plain.AppendUIntPar("v", 3);                        // SetConfigUInt's shape
+    recordAndPlain.AppendRecordPar("system", system);
+    recordAndPlain.AppendUIntPar("v", 3);
+    emptySystem.AppendRecordPar("system", cRecord());
+    deep.AppendRecordPar("deep", system);
+    const std::string malformed = "\"path\" and \"config\" must be records";
+    const struct {
+        cRecord push;
+        std::string reason;
+    } refused[] = {
+        {cRecord(), malformed},
+        {textPath, malformed},
+        {SetConfigRecord(cRecord(), change, 0), malformed},
+        {textConfig, malformed},
+        {SetConfigRecord(LevelPath("system"), plain, 0), "'v' is not a record: a change sets records only"},
+        {SetConfigRecord(LevelPath("system"), recordAndPlain, 0), "'v' is not a record"},
+        {SetConfigRecord(LevelPath("system"), cRecord(), 0), "the change would only remove it"},
+        {SetConfigRecord(LevelPath("system"), emptySystem, -1), "the change would only remove it"},
+        {SetConfigRecord(LevelPath("nowhere"), cRecord(), 0), "no record to put at"},
+        {SetConfigRecord(LevelPath({"nowhere", "deep"}), deep, 0), "addresses nothing in the configuration"},
+    };
     const cRecord keep = *GetConfig();
-    for (const cRecord& r : {cRecord(), textPath, emptyPath, textConfig}) {
-        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, r, tid)));
+    for (const auto& c : refused) {
+        ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, c.push, tid)));
         cMsg nack = Next(scm.fd);
-        EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK);
+        EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK) << c.reason;
         EXPECT_EQ(nack.GetTid(), tid);
-        EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetRecord().ToString(), r.ToString());
+        EXPECT_NE(nack.GetRecord().GetFirstPar("reason").GetString().find(c.reason), std::string::npos)
+            << nack.GetRecord().ToString();
+        EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetRecord().ToString(), c.push.ToString());
         EXPECT_EQ(GetConfig()->ToString(), keep.ToString());
     }
+
+    // A partial push of what is there already is applied (and changes nothing).
+    same.AppendRecordPar("system", system);
+    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("system"), same, 0), tid)));
+    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(GetConfig()->ToString(), keep.ToString());
 }
 
-// A partial push that holds no record for its target would only delete it:
-// refused, nothing lost. The one-value request forms have exactly that shape.
-TEST_F(Scm, PartialPushThatWouldOnlyDeleteIsRefused)
-{
-    Register();
-    cRecord inner, start;
-    inner.AppendUIntPar("x", 1);
-    inner.AppendUIntPar("y", 2);
-    start.AppendRecordPar("a", inner);
-    *GetConfig() = start;
-    cRecord plain;
-    plain.AppendUIntPar("v", 3);
-    cUuid tid;
-    tid.Create();
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("a"), plain, 0), tid)));
-    cMsg nack = Next(scm.fd);
-    EXPECT_EQ(nack.GetType(), MSG_SCM_SETCONFIG_NACK);
-    EXPECT_EQ(nack.GetTid(), tid);
-    EXPECT_EQ(GetConfig()->ToString(), start.ToString());
-}
-
-// The library's own units are set by the names the service publishes for them
-// ("orvo", "default") as well as by their map keys.
+// The library's own units as orvoInit names them ("orvo", "default") and as
+// the service registers them: trace.orvo.trace-level = DEBUG in the SCM's
+// configuration answer shows the library's DEBUG traces. A unit's map key
+// ("UnitDefault") names it too. In a child: orvoInit sets up the process
+// (signals included).
 TEST_F(Scm, TraceLevelsOfBuiltInUnits)
 {
-    Register();
-    UnitORVO->SetObjName("orvo");
-    UnitDefault->SetObjName("default");
-    const eLEVEL orvoLevel = eLEVEL(UnitORVO->GetLevel()), defaultLevel = eLEVEL(UnitDefault->GetLevel());
-    cRecord debug, warn, trace, config;
-    debug.AppendTextPar("trace-level", "DEBUG");
-    warn.AppendTextPar("trace-level", "WARNING");
-    trace.AppendRecordPar("orvo", debug);
-    trace.AppendRecordPar("UnitDefault", warn);
-    config.AppendRecordPar("trace", trace);
-    cUuid tid;
-    tid.Create();
-    ASSERT_TRUE(scm.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), config, 1), tid)));
-    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SCM_SETCONFIG_ACK);
-    EXPECT_EQ(UnitORVO->GetLevel(), DEBUG);
-    EXPECT_EQ(UnitDefault->GetLevel(), WARNING);
-    SetTraceLevel(UnitORVO, orvoLevel);
-    SetTraceLevel(UnitDefault, defaultLevel);
+    std::string out;
+    EXPECT_EQ(orvo_test::RunInChild([&] {
+                  orvoInit(ERROR, OUTPUT_STDOUT, false);
+                  const cUuid pending = Register();
+                  // The configuration the service registered with, its "orvo"
+                  // unit at DEBUG.
+                  cRecord config = *GetConfig(), trace, orvo, warn;
+                  if (!config.GetFirstPar("trace").GetRecord(trace) ||
+                      trace.GetFirstParByPath("orvo.trace-level", ".").GetString() != "ERROR")
+                      return 2;
+                  orvo.AppendTextPar("trace-level", "DEBUG");
+                  trace.SetRecordPar("orvo", orvo);
+                  warn.AppendTextPar("trace-level", "WARNING");
+                  trace.AppendRecordPar("UnitDefault", warn);
+                  config.SetRecordPar("trace", trace);
+                  std::printf("--- answer ---\n");
+                  scm.Send(Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(config, svc.GetServiceId()), pending));
+                  Handed(MSG_SCM_GETCONFIG_ACK);
+                  scm.Send(Msg(MSG_SCM_RUN_ACK));
+                  Handed(MSG_SCM_RUN_ACK);
+                  return UnitORVO->GetLevel() == DEBUG && UnitDefault->GetLevel() == WARNING ? 0 : 3;
+              }, &out, false, 60), 0) << out;
+    const size_t answer = out.find("--- answer ---\n");
+    ASSERT_NE(answer, std::string::npos) << out;
+    EXPECT_EQ(out.find("[DEBUG"), out.find("[DEBUG", answer)) << "DEBUG before the answer:\n" << out;
+    EXPECT_NE(out.find("|orvo"), std::string::npos) << out;
+    EXPECT_NE(out.find("[DEBUG     ]: SCM_RUN_ACK service 'tsvc' ready\n", answer), std::string::npos) << out;
 }
 
 // A refused registration: the reason traced, 0x1005 handed to the program.
@@ -587,22 +661,14 @@ TEST_F(Scm, RegistrationRefused)
     both.AppendTextPar("sub-reason", "name in use");
     reasonOnly.AppendSIntPar("reason", -2);
     textReason.AppendTextPar("reason", "4");
-    const eLEVEL level = UnitORVO->GetLevel();
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceLevel(UnitORVO, FATAL);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    std::string out;
-    for (const cRecord& r : {both, reasonOnly, textReason}) {
-        testing::internal::CaptureStdout();
-        scm.Send(Msg(MSG_SCM_REGISTER_NACK, r));
-        cMsg refused = Handed(MSG_TERMINATE_REQUEST);
-        out += testing::internal::GetCapturedStdout();
-        EXPECT_EQ(refused.GetType(), MSG_TERMINATE_REQUEST);
-        EXPECT_EQ(CountHanded(MSG_SCM_REGISTER_NACK), 0u);
-        cService::SetStopFlag(false);
-    }
-    SetTraceLevel(UnitORVO, level);
-    SetTraceOut(UnitORVO, output);
+    const std::string out = OrvoTraces(FATAL, [&] {
+        for (const cRecord& r : {both, reasonOnly, textReason}) {
+            scm.Send(Msg(MSG_SCM_REGISTER_NACK, r));
+            EXPECT_EQ(Handed(MSG_TERMINATE_REQUEST).GetType(), MSG_TERMINATE_REQUEST);
+            EXPECT_EQ(CountHanded(MSG_SCM_REGISTER_NACK), 0u);
+            cService::SetStopFlag(false);
+        }
+    });
     EXPECT_NE(out.find("]: service not registered, reason=4 (name in use)\n"), std::string::npos) << out;
     EXPECT_NE(out.find("]: service not registered, reason=-2 (-no-sub-reason-)\n"), std::string::npos);
     EXPECT_NE(out.find("]: service not registered, unknown reason\n"), std::string::npos);
@@ -618,21 +684,16 @@ TEST_F(Scm, ASapThatCannotBeBoundIsRegisteredAsPortZero)
     ASSERT_GE(taken, 0);
     GetConfig()->AppendTextPar("scm-sap", scm.Sap());
     GetConfig()->AppendTextPar("ip", "127.0.0.1");
-    const eLEVEL level = UnitORVO->GetLevel();
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceLevel(UnitORVO, ERROR);
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    svc.Init("tsvc", cSocketAddr("127.0.0.1", takenPort), "log");
-    tick = new cTimer(&svc, true, nullptr);
-    tick->Start(10, TICK);
-    ASSERT_TRUE(scm.Accept());
-    ASSERT_TRUE(scm.Announce("scm"));
-    EXPECT_EQ(Next(scm.fd).GetType(), MSG_SOCKET_CONNECTED);
-    cMsg reg = Next(scm.fd);
-    const std::string out = testing::internal::GetCapturedStdout();
-    SetTraceLevel(UnitORVO, level);
-    SetTraceOut(UnitORVO, output);
+    cMsg reg;
+    const std::string out = OrvoTraces(ERROR, [&] {
+        svc.Init("tsvc", cSocketAddr("127.0.0.1", takenPort), "log");
+        tick = new cTimer(&svc, true, nullptr);
+        tick->Start(10, TICK);
+        ASSERT_TRUE(scm.Accept());
+        ASSERT_TRUE(scm.Announce("scm"));
+        EXPECT_EQ(Next(scm.fd).GetType(), MSG_SOCKET_CONNECTED);
+        reg = Next(scm.fd);
+    });
     close(taken);
     EXPECT_FALSE(svc.IsSapUp());
     ASSERT_EQ(reg.GetType(), MSG_SCM_REGISTER);
@@ -660,39 +721,57 @@ TEST_F(Scm, SocketEventsOfOtherChannels)
     EXPECT_TRUE(Silent(scm.fd, 0));
 }
 
-// A client on the sap that speaks the SCM protocol is an ordinary client: its
-// configuration push and its "syntax error" reach the program and change nothing.
+// A client on the sap that speaks the SCM protocol is an ordinary client:
+// each message the service would act on from the SCM (registration answers,
+// a configuration answer to the pending request, a configuration push, a
+// "syntax error", health) reaches the program as it was sent and changes
+// nothing: no configuration taken, no request to the SCM, no answer to the
+// client, no stop, the process goes on.
 TEST_F(Scm, ScmProtocolFromAnotherPeerIsApplicationTraffic)
 {
-    Register();
+    const cUuid pending = Register();
     const std::string before = GetConfig()->ToString();
     cPeer client;
-    client.fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(svc.GetSapAddress().GetPort());
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(connect(client.fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ASSERT_TRUE(client.Connect(svc.GetSapAddress().GetPort()));
     ASSERT_TRUE(client.Announce("intruder"));
-    cUuid tid;
-    tid.Create();
-    ASSERT_TRUE(client.Send(Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), SampleConfig(), 1), tid)));
-    ASSERT_TRUE(client.Send(Msg(MSG_SCM_SYNTAX_ERROR)));
-    EXPECT_EQ(Handed(MSG_SCM_SETCONFIG).GetTid(), tid);
-    EXPECT_NE(Handed(MSG_SCM_SYNTAX_ERROR).GetType(), 0u);
+    cRecord nack, health;
+    nack.AppendSIntPar("reason", 2);
+    health.AppendTextPar("scm-health", "stopping");
+    const std::vector<cMsg> intruders = {
+        Msg(MSG_SCM_REGISTER_ACK),
+        Msg(MSG_SCM_REGISTER_NACK, nack),
+        Msg(MSG_SCM_GETCONFIG_ACK, ConfigAnswer(SampleConfig(), svc.GetServiceId()), pending),
+        Msg(MSG_SCM_SETCONFIG, SetConfigRecord(LevelPath("."), SampleConfig(), 1), pending),
+        Msg(MSG_SCM_SYNTAX_ERROR),
+        Msg(MSG_SCM_HEALTH, health),
+    };
+    for (const cMsg& m : intruders) {
+        ASSERT_TRUE(client.Send(m));
+        cMsg got = Handed(m.GetType());
+        EXPECT_EQ(got.GetType(), m.GetType()) << std::hex << m.GetType();
+        EXPECT_EQ(got.GetRecord().ToString(), m.GetRecord().ToString()) << std::hex << m.GetType();
+    }
+    SpinFor(200);
     EXPECT_EQ(GetConfig()->ToString(), before);
-    SpinFor(300);
-    for (cMsg m; Readable(client.fd, 0) && (m = Next(client.fd)).GetType() != 0;)
-        EXPECT_NE(m.GetType(), MSG_SCM_SETCONFIG_ACK);
+    EXPECT_EQ(svc.GetPendingConfigId(), pending);
+    EXPECT_EQ(svc.GetConfigAnswersTaken(), 0u);
+    EXPECT_EQ(svc.GetScmHealth(), "");
+    EXPECT_EQ(CountHanded(MSG_TERMINATE_REQUEST), 0u);
+    EXPECT_FALSE(cService::GetStopFlag());
+    EXPECT_TRUE(Silent(scm.fd, 0));
+    EXPECT_EQ(Next(client.fd).GetType(), MSG_SOCKET_CONNECTED);    // the sap's own hello
+    EXPECT_FALSE(Readable(client.fd, 0));
 }
 
-// Every request carries its keys; ids are fresh where the caller gives none.
+// Every request carries its keys (representative rows; the header lists them
+// all); ids are fresh where the caller gives none, the caller's otherwise.
 TEST_F(Scm, RequestsCarryTheirKeys)
 {
     Register();
     const std::string sid = "service-id=" + svc.GetServiceId().ToString() + ";";
     cRecordPath path;
     path.AddLevel("a", cRecord());
+    const std::string pathText = "path=" + path.GetRecord().ToString() + ";";
     cRecord rec;
     rec.AppendSIntPar("v", -3);
     cUuid id;
@@ -704,41 +783,15 @@ TEST_F(Scm, RequestsCarryTheirKeys)
         int tid;        // 0 none, 1 fresh, 2 id
     };
     const std::vector<sCase> cases = {
-        {[&] { return svc.SetConfig("other", path, rec); }, MSG_SCM_SETCONFIG,
-         "service-name=other;path=" + path.GetRecord().ToString() + ";config=" + rec.ToString() + ";", 1},
         {[&] { return svc.SetConfig2(id, nullptr, path, rec); }, MSG_SCM_SETCONFIG,
-         "service-name=;path=" + path.GetRecord().ToString() + ";config=" + rec.ToString() + ";", 2},
+         "service-name=;" + pathText + "config=" + rec.ToString() + ";", 2},
         {[&] { return svc.SetConfigUInt("s", path, "n", 9); }, MSG_SCM_SETCONFIG,
-         "service-name=s;path=" + path.GetRecord().ToString() + ";config={n=9 };", 1},
-        {[&] { return svc.SetConfigBool("s", path, "b", true); }, MSG_SCM_SETCONFIG,
-         "service-name=s;path=" + path.GetRecord().ToString() + ";config={b=true };", 1},
-        {[&] { return svc.SetConfigText("s", path, "t", "hi"); }, MSG_SCM_SETCONFIG,
-         "service-name=s;path=" + path.GetRecord().ToString() + ";config={t=\"hi\" };", 1},
-        {[&] { return svc.SetConfigReady("s"); }, MSG_SCM_SETCONFIG, "service-name=s;broadcast=true;", 1},
-        {[&] { return svc.SystemReboot(true); }, MSG_SCM_SYSTEM_REBOOT, "set-factory-defaults=true;", 0},
-        {[&] { return svc.SetBroadcastConfig(); }, MSG_SCM_BROADCAST_CONFIG,
-         sid + "name=tsvc;config=" + GetConfig()->ToString() + ";", 0},
-        {[&] { return svc.RequestNotifications(2); }, MSG_SCM_NOTIFICATION_REQUEST, "mask=2;", 1},
+         "service-name=s;" + pathText + "config={n=9 };", 1},
         {[&] { return svc.StoreRecord("hist", rec); }, MSG_SCM_STORE_RECORD,
          "name=hist;record=" + rec.ToString() + ";", 0},
-        {[&] { return svc.RequestStoredRecord("hist"); }, MSG_SCM_GET_STORED_RECORD, "name=hist;", 0},
-        {[&] { return svc.RequestLog("events", rec); }, MSG_SCM_LOG_REQUEST,
-         sid + "log=events;filter=" + rec.ToString() + ";", 1},
-        {[&] { return svc.RequestLog2(id, "events", rec); }, MSG_SCM_LOG_REQUEST,
-         sid + "log=events;filter=" + rec.ToString() + ";", 2},
-        {[&] { return svc.FetchLog2(id, "events", 3, 10); }, MSG_SCM_LOG_FETCH,
-         sid + "log=events;index=3;count=10;", 2},
         {[&] { return svc.FetchLog("events", 0, 1); }, MSG_SCM_LOG_FETCH, sid + "log=events;index=0;count=1;", 1},
-        {[&] { return svc.DeleteLog("events"); }, MSG_SCM_LOG_DELETE, sid + "log=events;", 1},
-        {[&] { return svc.DeleteLog2(id, "events"); }, MSG_SCM_LOG_DELETE, sid + "log=events;", 2},
-        {[&] { return svc.RequestServiceConfig("meter", path, "f"); }, MSG_SCM_GETCONFIG,
-         "service-name=meter;path=" + path.GetRecord().ToString() + ";filter=f;", 1},
         {[&] { return svc.RequestServiceConfig2(id, "meter", path, nullptr); }, MSG_SCM_GETCONFIG,
-         "service-name=meter;path=" + path.GetRecord().ToString() + ";filter=;", 2},
-        {[&] { return svc.RequestServiceInfoByName("meter"); }, MSG_SCM_SERVICE_INFO_REQUEST,
-         "service-name=meter;", 1},
-        {[&] { return svc.RequestServiceInfoByTech("meter"); }, MSG_SCM_SERVICE_INFO_REQUEST,
-         "service-tech=meter;", 1},
+         "service-name=meter;" + pathText + "filter=;", 2},
         {[&] { return svc.SetServiceTech("meter", 3, "clock", "relay"); }, MSG_SCM_SET_SERVICE_TECH,
          sid + "service-tech=meter;service-tech=clock;service-tech=relay;", 1},
         {[&] { return svc.SetServiceTech("solo", 0); }, MSG_SCM_SET_SERVICE_TECH, sid + "service-tech=solo;", 1},
@@ -768,13 +821,10 @@ TEST_F(Scm, FailedSendsAreTraced)
     cRecord big;
     const std::string data(197000, 'b');
     big.AppendDataPar("d", data.data(), int(data.size()));
-    const eOUTPUT output = UnitORVO->GetOutput();
-    SetTraceOut(UnitORVO, OUTPUT_STDOUT);
-    testing::internal::CaptureStdout();
-    EXPECT_LT(svc.StoreRecord("huge", big), 0);
-    EXPECT_LT(svc.SetConfig("other", cRecordPath(), big), 0);
-    const std::string out = testing::internal::GetCapturedStdout();
-    SetTraceOut(UnitORVO, output);
+    const std::string out = OrvoTraces(ERROR, [&] {
+        EXPECT_LT(svc.StoreRecord("huge", big), 0);
+        EXPECT_LT(svc.SetConfig("other", cRecordPath(), big), 0);
+    });
     EXPECT_NE(out.find("[ERROR     ]: StoreRecord: send failed\n"), std::string::npos) << out.substr(0, 300);
     EXPECT_NE(out.find("[ERROR     ]: scmService[SetConfig] send failed, msg="), std::string::npos);
     EXPECT_TRUE(Silent(scm.fd, 50));
@@ -822,38 +872,44 @@ void FatalToStdout()
     SetTraceOut(UnitORVO, OUTPUT_STDOUT);
 }
 
-// An "scm-sap" that is no address is reported and ends like a refused connect.
-TEST_F(Scm, MalformedScmSapEndsLikeARefusedConnect)
+// Every connect to the SCM that cannot succeed ends the process with status 0
+// and "can't connect to SCM": a refused connect, an "scm-sap" that is no
+// address, no socket to be had (out of descriptors); the last two are
+// reported first.
+TEST_F(Scm, EveryFailedConnectEndsLikeARefusedConnect)
 {
-    for (const char* sap : {"garbage", "127.0.0.1", "1.2.3"}) {
+    const std::string dead = "127.0.0.1:" + std::to_string(DeadPort());
+    const struct {
+        std::string sap;
+        bool noSockets;
+        std::string report;
+    } cases[] = {
+        {dead, false, ""},
+        {"garbage", false, "malformed SCM-SAP 'garbage'"},
+        {"127.0.0.1", false, "malformed SCM-SAP '127.0.0.1'"},
+        {"1.2.3", false, "malformed SCM-SAP '1.2.3'"},
+        {scm.Sap(), true, "SCM socket for " + scm.Sap() + " failed: "},
+    };
+    for (const auto& c : cases) {
         std::string out;
         EXPECT_EQ(orvo_test::RunInChild([&] {
                       FatalToStdout();
                       SetTraceLevel(UnitORVO, ERROR);
-                      GetConfig()->AppendTextPar("scm-sap", sap);
+                      GetConfig()->AppendTextPar("scm-sap", c.sap);
+                      std::unique_ptr<cNoSockets> none(c.noSockets ? new cNoSockets : nullptr);
                       svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), "log");
                       return QuietLoop(svc);
-                  }, &out, false, 60), 0) << sap;
-        EXPECT_NE(out.find("malformed SCM-SAP '" + std::string(sap) + "'"), std::string::npos) << out;
+                  }, &out, false, 60), 0) << c.sap;
+        EXPECT_NE(out.find("]: " + c.report), std::string::npos) << out;
         EXPECT_NE(out.find("]: can't connect to SCM; exit service\n"), std::string::npos) << out;
     }
 }
 
 TEST_F(Scm, LossOfTheScmEndsTheProcess)
 {
-    // Refused connect: exit code 0.
     std::string out;
-    EXPECT_EQ(orvo_test::RunInChild([&] {
-                  FatalToStdout();
-                  GetConfig()->AppendTextPar("scm-sap", "127.0.0.1:" + std::to_string(DeadPort()));
-                  svc.Init("tsvc", cSocketAddr("127.0.0.1", 0), "log");
-                  return QuietLoop(svc);
-              }, &out, false, 60), 0);
-    EXPECT_NE(out.find("]: can't connect to SCM; exit service\n"), std::string::npos) << out;
-
     // Closed by the SCM: the close reaches the program, then 0x1004, then the
     // loop ends normally.
-    out.clear();
     EXPECT_EQ(orvo_test::RunInChild([&] {
                   FatalToStdout();
                   Register();
@@ -917,9 +973,7 @@ TEST_F(Scm, TracesCopiedToTheScm)
     cRecord big;
     const std::string data(197000, 'z');
     big.AppendDataPar("d", data.data(), int(data.size()));
-    testing::internal::CaptureStdout();
-    _Trace(&unit, ERROR, big);
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = Captured([&] { _Trace(&unit, ERROR, big); });
     EXPECT_EQ(out.rfind("--FAILED-->>", 0), 0u) << out.substr(0, 200);
     EXPECT_NE(out.find("|tcopy        [ERROR     ]: "), std::string::npos);
     EXPECT_TRUE(Silent(scm.fd, 50));
@@ -1019,8 +1073,16 @@ TEST(ScmServiceInfo, Decoding)
 
 struct cTechLink : cScmServiceIO {
     using cScmServiceIO::cScmServiceIO;
-    void OnConnect() override { ++connects; }
-    void OnClose() override { ++closes; }
+    void OnConnect() override
+    {
+        ++connects;
+        calls += "connect,";
+    }
+    void OnClose() override
+    {
+        ++closes;
+        calls += "close,";
+    }
     int DispatchMessage(const cMsg& m) override
     {
         dispatched.push_back(m.GetType());
@@ -1028,6 +1090,7 @@ struct cTechLink : cScmServiceIO {
     }
     int connects = 0;
     int closes = 0;
+    std::string calls;      // the callbacks in order
     std::vector<unsigned long> dispatched;
 };
 
@@ -1254,6 +1317,24 @@ TEST_F(TechLink, FailedConnectEndsClosedWithARetry)
     ExpectLookUp();
 }
 
+// No socket to be had (out of descriptors): traced, closed, and a new
+// look-up 5 s later.
+TEST_F(TechLink, NoSocketEndsClosedWithARetry)
+{
+    LookedUp();
+    const std::string dead = "127.0.0.1:" + std::to_string(DeadPort());
+    const std::string out = OrvoTraces(ERROR, [&] {
+        const cNoSockets none;
+        Announce(dead);
+    });
+    EXPECT_NE(out.find("]: socket for tech 'meter' failed: "), std::string::npos) << out;
+    EXPECT_EQ(io.calls, "close,");
+    EXPECT_TRUE(io.GetHealthTimer().IsRunning());
+    gClockOffset += 5100;
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SCM_TECH_HEALTH_TIMEOUT)), 1);
+    ExpectLookUp();
+}
+
 // A SAP that is no address: traced, closed, retried by the health timer.
 TEST_F(TechLink, MalformedSapIsTracedAndEndsClosed)
 {
@@ -1264,23 +1345,34 @@ TEST_F(TechLink, MalformedSapIsTracedAndEndsClosed)
     EXPECT_TRUE(io.GetHealthTimer().IsRunning());
 }
 
-// Events still queued for the old connection are dropped on reconnect: one
-// OnConnect for the new link.
+// Events still queued for the old connection are dropped on reconnect: A
+// up, A's close taken while a stale 0x4002 and 0x4003 of A still wait in the
+// queue, then B announced: connect, close, connect, and nothing more.
 TEST_F(TechLink, ReconnectDropsTheOldConnectionsEvents)
 {
     LookedUp();
-    cMsg stale(MSG_SOCKET_CONNECTED, &io.GetSocket(), nullptr);
-    svc.OnMsg(stale);
-    cPeer tech;
-    Announce(tech.Sap());
-    ASSERT_TRUE(tech.Accept());
-    ASSERT_TRUE(tech.Announce("metersvc"));
-    cMsg up = Handed(MSG_SOCKET_CONNECTED);
-    EXPECT_EQ(io.ProcessMsg(up), 1);
+    cPeer techA, techB;
+    ConnectTo(techA);
+    techA.Drop();
+    cMsg closeA = Handed(MSG_SOCKET_CLOSED);
+    ASSERT_TRUE(io.IsMsgFromHere(closeA));
+    cMsg staleUp(MSG_SOCKET_CONNECTED, &io.GetSocket(), nullptr);
+    cMsg staleClose(MSG_SOCKET_CLOSED, &io.GetSocket(), nullptr);
+    svc.OnMsg(staleUp);
+    svc.OnMsg(staleClose);
+    EXPECT_EQ(io.ProcessMsg(closeA), 1);
+
+    Announce(techB.Sap());
+    ASSERT_TRUE(techB.Accept());
+    ASSERT_TRUE(techB.Announce("metersvc"));
+    EXPECT_EQ(io.ProcessMsg(Handed(MSG_SOCKET_CONNECTED)), 1);
     SpinFor(200);
-    EXPECT_EQ(CountHanded(MSG_SOCKET_CONNECTED), 0u);
-    EXPECT_EQ(io.connects, 1);
-    EXPECT_EQ(io.GetConnectedSAP(), tech.Sap());
+    for (const cMsg& m : handed)     // what a loop would give the link
+        io.ProcessMsg(m);
+    EXPECT_EQ(io.calls, "connect,close,connect,");
+    EXPECT_EQ(io.connects, 2);
+    EXPECT_EQ(io.closes, 1);
+    EXPECT_EQ(io.GetConnectedSAP(), techB.Sap());
 }
 
 }  // namespace
