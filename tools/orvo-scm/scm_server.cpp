@@ -324,8 +324,12 @@ void cScmServer::OnConfigRequest(cMsg& msg)
     const cRecord& r = msg.GetRecord();
     cUuid id;
     tService* s = nullptr;
+    // Service ids are made from the time of day and a generator seeded with
+    // the second: two services started in the same microsecond carry the
+    // same id. The asker's own registration is the one it means.
+    tService* asker = m_Registry.ByChannel(msg.GetChannel());
     if (r.GetFirstPar("service-id", RECORD_UUID, RECORD_SEL_TYPE).GetUuid(id))
-        s = m_Registry.ById(id);
+        s = asker != nullptr && asker->id == id ? asker : m_Registry.ById(id);
     else if (r.GetFirstPar("service-name", RECORD_TEXT, RECORD_SEL_TYPE).IsValid())
         s = m_Registry.ByName(Text(r, "service-name"));
     if (s == nullptr) {
@@ -340,9 +344,8 @@ void cScmServer::OnConfigRequest(cMsg& msg)
     Trace(INFO, "configuration sent to '" + s->name + "'");
     // The health goes to whoever asked: a request by name or id for another
     // service must not reach that service.
-    tService* requester = m_Registry.ByChannel(msg.GetChannel());
-    if (requester != nullptr)
-        SendHealth(*requester, "running");
+    if (asker != nullptr)
+        SendHealth(*asker, "running");
 }
 
 void cScmServer::SendHealth(tService& service, const char* health)

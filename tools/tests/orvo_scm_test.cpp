@@ -174,6 +174,22 @@ TEST_F(OrvoScm, RegistersRefusesASecondLiveNameAndServesTheConfiguration)
     EXPECT_EQ(scm.Terminate(kWait), 0);
 }
 
+// Two services started in the same microsecond carry the same id (time of
+// day and a generator seeded with the second): each configuration request is
+// answered with the asker's own configuration, not the first of that id.
+TEST_F(OrvoScm, ServicesSharingAnIdEachGetTheirOwnConfiguration)
+{
+    cScmProcess scm;
+    ASSERT_TRUE(StartScm(scm, R"({"services": {"zeta": {"config": [
+        {"name": "journal", "type": "text", "value": "/zeta.journal"}]}}})"));
+    cUuid id;
+    id.Create();
+    cScmClient alpha, zeta;
+    Register(alpha, scm, id, "alpha", cRecord());
+    const cRecord answer = Register(zeta, scm, id, "zeta", cRecord());
+    EXPECT_EQ(Sub(answer, "config").GetFirstPar("journal").GetString(), "/zeta.journal");
+}
+
 TEST_F(OrvoScm, FindsServicesByNameAndTechnologyAndNotifiesSubscribers)
 {
     cScmProcess scm;
