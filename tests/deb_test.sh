@@ -60,9 +60,9 @@ for page in ./usr/share/man/man1/orvo-ctl.1.gz ./usr/share/man/man8/orvo-scm.8.g
     awk -v p="$page" '$NF == p { found = 1 } END { exit !found }' "$work/armhf-tools" || fail "${armhf_tools[0]##*/} does not hold ${page#.}"
 done
 step "${armhf_tools[0]##*/} holds orvo-ctl(1) and orvo-scm(8)"
-# The device's library: 300 KiB (300 * 1024 = 307200 bytes) at most, stripped
+# The device's library: 300 kB (300,000 bytes) at most, stripped
 # as the package ships it.
-limit=$((300 * 1024))
+limit=300000
 armhf_lib=("$debs"/liborvo3_*_armhf.deb)
 mkdir "$work/armhf-lib"
 dpkg-deb -x "${armhf_lib[0]}" "$work/armhf-lib" || fail "dpkg-deb -x ${armhf_lib[0]##*/}"
@@ -71,8 +71,8 @@ so=("$work"/armhf-lib/usr/lib/arm-linux-gnueabihf/liborvo.so.3.*)
     || fail "${armhf_lib[0]##*/}: expected one file usr/lib/arm-linux-gnueabihf/liborvo.so.3.*, found ${#so[@]}"
 size="$(stat -c %s "${so[0]}")"
 [ "$size" -le "$limit" ] \
-    || fail "armhf ${so[0]##*/} is $size bytes, over the limit of 300 KiB ($limit bytes)"
-step "armhf ${so[0]##*/} is $size bytes (limit 300 KiB = $limit bytes)"
+    || fail "armhf ${so[0]##*/} is $size bytes, over the limit of 300 kB ($limit bytes)"
+step "armhf ${so[0]##*/} is $size bytes (limit 300 kB = $limit bytes)"
 
 # Every file the packages hold, to check afterwards that none stays.
 for d in "${amd64[@]}"; do
