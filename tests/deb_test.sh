@@ -5,7 +5,7 @@
 # the tools and their manual pages answer, the orvo-scm unit is accepted by
 # systemd, and purging leaves none of their files behind. The armhf packages
 # are checked without installing them: orvo-tools holds both man pages, and
-# the stripped library in liborvo3 is at most 300 KiB.
+# the stripped library in liborvo3 is at most 300 kB (300,000 bytes).
 #
 #     tests/deb_test.sh DEB-DIR SOURCE-DIR
 #
