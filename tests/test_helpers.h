@@ -200,22 +200,9 @@ inline orvo::cMsg AwaitFrom(orvo::cService& svc, unsigned long type, orvo::cChan
     return m;
 }
 
-// A TCP port of 127.0.0.1 that was free a moment ago (bound to port 0,
-// read back, closed); another process may take it meanwhile.
-inline unsigned short FreeLoopbackPort()
-{
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    orvo::cSocketAddr a("127.0.0.1", 0);
-    socklen_t len = sizeof(sockaddr_in);
-    bind(fd, a.GetSockAddr(), len);
-    getsockname(fd, a.GetSockAddr(), &len);
-    close(fd);
-    return a.GetPort();
-}
-
-// n distinct free ports: each one's socket stays bound until all are picked,
-// so the kernel cannot hand the same port out twice (one after another,
-// FreeLoopbackPort may).
+// n distinct TCP ports of 127.0.0.1 that were free a moment ago (each bound
+// to port 0 and read back, all closed once every one is picked, so the kernel
+// cannot hand one out twice); another process may take them meanwhile.
 inline std::vector<unsigned short> FreeLoopbackPorts(size_t n)
 {
     std::vector<int> fds;
@@ -232,6 +219,12 @@ inline std::vector<unsigned short> FreeLoopbackPorts(size_t n)
     for (int fd : fds)
         close(fd);
     return ports;
+}
+
+// One such port; called one after another it may give the same port again.
+inline unsigned short FreeLoopbackPort()
+{
+    return FreeLoopbackPorts(1)[0];
 }
 
 // Moves the calling process into a network namespace of its own (only a

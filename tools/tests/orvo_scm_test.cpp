@@ -47,6 +47,13 @@ protected:
         return m_Dir.StartScm(scm, json, more);
     }
 
+    // An SCM with no configured services, with or without -shared-tech.
+    bool StartEmptyScm(cScmProcess& scm, bool sharedTech)
+    {
+        return StartScm(scm, R"({"services": {}})",
+                        sharedTech ? std::vector<std::string>{"-shared-tech"} : std::vector<std::string>{});
+    }
+
     // Registers name and takes its configuration; the answer's record.
     cRecord Register(cScmClient& c, cScmProcess& scm, const cUuid& id, const std::string& name,
                      const cRecord& config, const std::string& sap = "127.0.0.1:1")
@@ -269,8 +276,7 @@ TEST_F(OrvoScm, ATechnologyBelongsToItsFirstOfferWhileConnected)
     for (const bool shared : {false, true}) {
         SCOPED_TRACE(shared ? "-shared-tech" : "default");
         cScmProcess scm;
-        ASSERT_TRUE(StartScm(scm, R"({"services": {}})",
-                             shared ? std::vector<std::string>{"-shared-tech"} : std::vector<std::string>{}));
+        ASSERT_TRUE(StartEmptyScm(scm, shared));
         cUuid zetaId, alphaId, askerId;
         zetaId.Create();
         alphaId.Create();
@@ -311,8 +317,7 @@ TEST_F(OrvoScm, ATechnologyOfAServiceWithoutSapIsNotHandedOut)
     for (const bool shared : {false, true}) {
         SCOPED_TRACE(shared ? "-shared-tech" : "default");
         cScmProcess scm;
-        ASSERT_TRUE(StartScm(scm, R"({"services": {}})",
-                             shared ? std::vector<std::string>{"-shared-tech"} : std::vector<std::string>{}));
+        ASSERT_TRUE(StartEmptyScm(scm, shared));
         cUuid askerId, sapless, withSap;
         askerId.Create();
         sapless.Create();
