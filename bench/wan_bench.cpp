@@ -6,8 +6,10 @@
 //     curl command-line tool, alternating rounds;
 //  3. the service loop during that download: a request/answer pair between a
 //     thread service and the service that owns the transfer, p99 against the
-//     same pairs while idle.
-// Options: --mb=N (file size, 200), --rounds=N (3), --starts=N (40), --pings=N (2000).
+//     same pairs while idle; at loopback speed, and with the transfer capped
+//     at a WAN-like rate (--cap=N MB/s), the device's own case.
+// Options: --mb=N (file size, 200), --rounds=N (3), --starts=N (40), --pings=N (2000),
+// --cap=N (20).
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -206,7 +208,7 @@ private:
 // Answers pings until the pinger ends; with a request, downloads meanwhile.
 // Returns the ping round trips; seconds gets the download's time.
 std::vector<double> LoopWhile(const std::string& url, const std::string& file, long pings,
-                              double* seconds, bool ping = true)
+                              double* seconds, bool ping = true, long long capBytesPerSecond = 0)
 {
     cBenchService svc;
     svc.Init("bench", cSocketAddr("127.0.0.1", 0));
@@ -218,6 +220,7 @@ std::vector<double> LoopWhile(const std::string& url, const std::string& file, l
         r.url = url;
         r.file = file;
         r.progressMs = 200;
+        r.maxBytesPerSecond = capBytesPerSecond;
         if (wan.Start(r) == 0)
             return {};
     }
@@ -253,6 +256,7 @@ int main(int argc, char** argv)
     long rounds = Option(argc, argv, "rounds", 3);
     long starts = Option(argc, argv, "starts", 40);
     long pings = Option(argc, argv, "pings", 2000);
+    long cap = Option(argc, argv, "cap", 20);
     if (!StartUp(starts))
         return 1;
 
@@ -264,7 +268,7 @@ int main(int argc, char** argv)
     }
     std::string out = nginx.dir + "/out.bin";
     std::vector<double> ours, theirs, theirsSynced;
-    std::vector<double> busy;
+    std::vector<double> busy, capped;
     for (long i = 0; i < rounds; ++i) {
         // Throughput with the loop otherwise idle, as the tool runs; then
         // the same download again while the loop answers pings.
@@ -279,6 +283,11 @@ int main(int argc, char** argv)
         if (pinged <= 0)
             return 1;
         busy.insert(busy.end(), r.begin(), r.end());
+        unlink(out.c_str());
+        r = LoopWhile(nginx.Url(), out, 0, &pinged, true, static_cast<long long>(cap) << 20);
+        if (pinged <= 0)
+            return 1;
+        capped.insert(capped.end(), r.begin(), r.end());
         unlink(out.c_str());
         double ms = RunTimed({"curl", "-s", "-o", out, nginx.Url()});
         if (ms < 0) {
@@ -306,5 +315,9 @@ int main(int argc, char** argv)
            "during download p50 %.0f p99 %.0f (%zu pairs), p99 ratio %.2fx (goal <= 2x)\n",
            Percentile(idle, 0.5), Percentile(idle, 0.99), idle.size(), Percentile(busy, 0.5),
            Percentile(busy, 0.99), busy.size(), Percentile(busy, 0.99) / Percentile(idle, 0.99));
+    printf("the same during a download capped at %ld MB/s: p50 %.0f p99 %.0f (%zu pairs), "
+           "p99 ratio %.2fx (goal <= 2x)\n",
+           cap, Percentile(capped, 0.5), Percentile(capped, 0.99), capped.size(),
+           Percentile(capped, 0.99) / Percentile(idle, 0.99));
     return 0;
 }

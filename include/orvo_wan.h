@@ -90,6 +90,10 @@ struct ORVO_API tWanRequest {
     long lowSpeedBytes = 1;
     long lowSpeedSeconds = 60;
     long progressMs = 1000;               // 0: no progress messages
+    // Average rate the transfer keeps below, in bytes per second each way;
+    // 0 = as fast as the link goes. A device sharing a slow WAN link with
+    // its other traffic caps its bulk transfers with it.
+    long long maxBytesPerSecond = 0;
     int retries = 3;                      // GET: continuations after a broken body
 
     std::string sha256;                   // expected hex digest of the result, "" = none

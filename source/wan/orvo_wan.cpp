@@ -82,6 +82,7 @@ struct cCurlPerformThread::sTransfer {
     std::string part;             // GET: temporary name
     curl_off_t offset = 0;        // GET: bytes already in the ".part" file at this attempt's start
     curl_off_t written = 0;       // GET: bytes this attempt wrote
+    curl_off_t unflushed = 0;     // GET: bytes written since writeback was last started
     curl_off_t sent = 0;          // PUT/POST: bytes read from the file
     bool statusChecked = false;   // GET: the first body bytes decided what to do with the file
     bool discard = false;         // GET: body of an error status, not written
@@ -253,6 +254,9 @@ namespace {
 
 using sTransfer = cCurlPerformThread::sTransfer;
 
+// Written bytes after which a download starts their writeback.
+const curl_off_t kWriteBehindBytes = 8 << 20;
+
 size_t OnBody(char* p, size_t size, size_t n, void* arg)
 {
     sTransfer& t = *static_cast<sTransfer*>(arg);
@@ -272,6 +276,14 @@ size_t OnBody(char* p, size_t size, size_t n, void* arg)
         return 0;                       // libcurl ends the transfer with CURLE_WRITE_ERROR
     }
     t.written += static_cast<curl_off_t>(len);
+    t.unflushed += static_cast<curl_off_t>(len);
+    if (t.unflushed >= kWriteBehindBytes) {
+        // Starts writing the file's dirty pages to the disk without waiting
+        // for them, so the sync before the rename has little left to do:
+        // otherwise a large download waits for all of its bytes at the end.
+        t.unflushed = 0;
+        (void)sync_file_range(t.fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+    }
     return len;
 }
 
@@ -429,6 +441,10 @@ bool SetOptions(sTransfer& t, std::string& why)
     curl_easy_setopt(e, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(e, CURLOPT_CONNECTTIMEOUT_MS, r.connectTimeoutMs);
     curl_easy_setopt(e, CURLOPT_TIMEOUT_MS, r.totalTimeoutMs);
+    if (r.maxBytesPerSecond > 0) {
+        curl_easy_setopt(e, CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(r.maxBytesPerSecond));
+        curl_easy_setopt(e, CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(r.maxBytesPerSecond));
+    }
     if (r.lowSpeedSeconds > 0 && r.lowSpeedBytes > 0) {
         curl_easy_setopt(e, CURLOPT_LOW_SPEED_LIMIT, r.lowSpeedBytes);
         curl_easy_setopt(e, CURLOPT_LOW_SPEED_TIME, r.lowSpeedSeconds);
