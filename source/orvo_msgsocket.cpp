@@ -346,9 +346,11 @@ private:
     {
         s.NoteSendProgress(wasEmpty, written);
     }
-    // While connecting the registration belongs to the connect, and the
-    // write-pending flag alone makes it ask for writing.
-    static bool Connecting(const cTpktTcpSocket& s) { return s.IsConnecting(); }
+    // Bytes that wait ask for writability; while connecting the
+    // registration belongs to the connect, and the write-pending flag alone
+    // makes it ask for writing.
+    static bool WaitsForWritability(const cTpktTcpSocket&) { return true; }
+    static bool AsksWritability(const cTpktTcpSocket& s) { return !s.IsConnecting(); }
     static std::string OverflowDetail(const cTpktTcpSocket&, unsigned long room, long long total)
     {
         return FormatString(" (sendb=%d, tpkt=%d)", static_cast<int>(room), static_cast<int>(total));
@@ -389,7 +391,13 @@ private:
         return written < 0 && errno == EMSGSIZE;
     }
     static void NoteSent(cTpktUdpSocket&, bool, int) {}
-    static bool Connecting(const cTpktUdpSocket&) { return false; }
+    // A datagram the kernel did not take stays queued and goes out in front
+    // of the next frame, or with a flush when the loop finds the socket
+    // writable; it does not ask for writability itself (a socket whose sends
+    // keep failing, with no route, would wake the loop on every pass).
+    // cUdpSocket::SendTo keeps the write-pending flag as it always did.
+    static bool WaitsForWritability(const cTpktUdpSocket&) { return false; }
+    static bool AsksWritability(const cTpktUdpSocket&) { return false; }
     static std::string OverflowDetail(const cTpktUdpSocket&, unsigned long, long long)
     {
         return std::string();
@@ -451,9 +459,10 @@ ORVO_HOT ORVO_FRAMER_INLINE tWriteOutcome cFramer::WriteOrWait(tSocket& s, const
     }
     out.waiting = buffer.size() > 0;
     if (out.waiting) {
-        s.SetWritePending(true);
+        if (WaitsForWritability(s))
+            s.SetWritePending(true);
         NoteSent(s, wasEmpty, out.written);
-    } else if (writable) {
+    } else if (writable && WaitsForWritability(s)) {
         s.SetWritePending(false);
     }
     return out;
@@ -505,7 +514,7 @@ ORVO_HOT ORVO_FRAMER_INLINE int cFramer::Send(tSocket& s, const cSocketAddr* to,
     const int saved = errno;
     // Bytes that wait need write readiness whatever made the connection
     // (connect, accept, Attach or a datagram socket's Socket).
-    if (out.waiting && !Connecting(s))
+    if (out.waiting && AsksWritability(s))
         s.WantWriteReady();
     s.HandleWriteFailure();
     errno = saved;
