@@ -40,6 +40,9 @@
 
 namespace orvo {
 
+// The framing both framed sockets share (internal).
+class cFramer;
+
 // The lock around every framed socket's send buffer.
 ORVO_API extern cCriticalSection g_FrameLock;
 
@@ -179,6 +182,8 @@ protected:
     cFrameReader m_RecvBuffer;      // bytes not yet a whole frame
 
 private:
+    friend class cFramer;
+
     // Notes that the peer took bytes, or that bytes began to wait; caller
     // holds g_FrameLock.
     void NoteSendProgress(bool wasEmpty, int written);
@@ -187,9 +192,6 @@ private:
     uint32_t m_RecvSince;           // the unfinished frame's first bytes came
     std::atomic<uint32_t> m_SendSince{0};   // waiting bytes last moved
     bool m_bHeard = false;          // a complete frame came
-
-    static void FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
-                             int size);
 };
 
 // cTpktUdpSocket: a datagram socket that sends and receives frames.
@@ -202,7 +204,8 @@ public:
     cTpktUdpSocket(cService* service, cStateMachine* statem);
     ~cTpktUdpSocket() override;
 
-    // Flushes the send buffer to the remote address (under g_FrameLock).
+    // Flushes the send buffer to the remote address in one datagram (under
+    // g_FrameLock).
     void OnWrite() override;
     // Empties both buffers and gives their memory back, then
     // cSocket::Close().
@@ -216,7 +219,9 @@ public:
     virtual void OnPacketRead(unsigned char type, const void* payload, int size);
 
     // Frames four pieces (null pieces skipped) and sends the whole send
-    // buffer to `to` in one datagram. Returns as WritePacket, with the trace
+    // buffer to `to` in one datagram; a frame the kernel does not take waits
+    // there (write readiness asked for) and goes out in front of the next
+    // frame or with the flush. Returns as WritePacket, with the trace
     // texts "cTpktUdpSocket::WritePacket error: packet size %i to large,
     // support only %ikB" and "cTpktUdpSocket::WritePacket packetlen=%i
     // buffer overflow". The same strict-append quirk applies. A datagram the
@@ -235,13 +240,7 @@ protected:
     cFrameReader m_RecvBuffer;      // bytes not yet a whole frame
 
 private:
-    static void FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
-                             int size);
-    // Writes the send buffer to `to`; caller holds g_FrameLock. A datagram
-    // the kernel refuses for its size is dropped (its length in dropped),
-    // to be traced by the caller once it released the lock.
-    int FlushTo(const cSocketAddr& to, unsigned long& dropped);
-    static void TraceDropped(unsigned long dropped, const cSocketAddr& to);
+    friend class cFramer;
 };
 
 // cMsgTcpSocket: one cMsg per frame over a stream. Sends packet type 1 when

@@ -170,15 +170,16 @@ public:
     // Shuts a TLS session down and frees it, clears the connected,
     // connecting, accepting and listening states, then cSocket::Close().
     void Close() override;
-    // TLS-aware send/recv. rawWrite with a session retries SSL_write while
-    // it wants to write, waiting for writability in between (the loop is
-    // blocked meanwhile); a peer that takes nothing for 5 s loses the
-    // connection (ERROR trace, Close(), OnClose(), -1 with errno
-    // ETIMEDOUT). Another TLS failure prints "SSL_write failed: %s\n".
-    // With or without session a negative result with errno EPIPE closes the
-    // socket (Close(), then OnClose()). rawRead with a session returns 0 and
-    // marks a read retry when the session wants more input; without one it
-    // is cSocket's recv.
+    // TLS-aware send/recv. rawWrite never waits: a session that cannot
+    // write now (the peer takes nothing) returns -1 with errno EAGAIN, like
+    // a full plain socket, and the caller keeps the bytes queued until the
+    // descriptor is writable (the retry may start from another address with
+    // the same bytes). Another TLS failure prints "SSL_write failed: %s\n".
+    // With or without session a negative result with errno EPIPE marks the
+    // write as failed; the loop thread closes the socket (Close(), then
+    // OnClose()) once the writer let go (HandleWriteFailure). rawRead with
+    // a session returns 0 and marks a read retry when the session wants
+    // more input; without one it is cSocket's recv.
     int rawWrite(const void* data, int size) override;
     int rawRead(void* buffer, int size) override;
     // A plain stream socket carries no messages: records itself as msg's

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <string>
 
 #include "orvo_handle.h"
 #include "orvo_service.h"
@@ -258,6 +259,322 @@ ORVO_HOT int cFrameReader::Feed(const void* data, int size, tHandler handler, vo
     }
 }
 
+// ------------------------------------------------------------------ cFramer
+
+// The framer's steps are written once for both sockets but compiled into
+// each socket's own member function, so a send makes no more calls than a
+// socket with its own copy of the code would.
+#define ORVO_FRAMER_INLINE __attribute__((always_inline)) inline
+
+namespace {
+
+// Where a flush sends to: nowhere in particular for a stream; for a
+// datagram socket a copy of the remote address taken under g_FrameLock
+// (the dropped-datagram trace names it after the lock is released).
+struct tStreamTarget {
+    const cSocketAddr* get() const { return nullptr; }
+};
+struct tDatagramTarget {
+    cSocketAddr addr;
+    const cSocketAddr* get() const { return &addr; }
+};
+
+// What one write under the send policy left behind.
+struct tWriteOutcome {
+    int written = 0;            // the write's result; 0 when nothing was written
+    bool held = false;          // queued behind bytes that wait for writability
+    bool waiting = false;       // bytes wait in the send buffer afterwards
+    unsigned long dropped = 0;  // a datagram the kernel refused for its size
+};
+
+// A datagram the kernel refused for its size, traced once g_FrameLock is
+// released.
+void TraceDropped(unsigned long dropped, const cSocketAddr& to)
+{
+    ORVO_TRACE(UnitORVO, ERROR,
+               FormatString("cTpktUdpSocket: datagram of %lu bytes to %s too large for UDP, "
+                            "dropped",
+                            dropped, to.ToString().c_str()));
+    errno = EMSGSIZE;
+}
+
+}  // namespace
+
+// The framing the stream and the datagram socket share: a frame is checked,
+// put together and handed to the one send policy (WriteOrWait), the send
+// buffer is flushed on writability through the same policy, received bytes
+// are cut into frames (a broken stream traced and acted on), and Close
+// gives both buffers back. It works on the sockets' own buffers; the small
+// overloads at the end are where a stream and a datagram socket differ.
+class cFramer {
+public:
+    // WritePacket / SendTo: frames the pieces and sends them to `to` (null
+    // for a stream). Result as documented for WritePacket.
+    template <class tSocket>
+    static int Send(tSocket& s, const cSocketAddr* to, unsigned char type, const tPiece* pieces,
+                    int count);
+    // OnWrite: writes out the send buffer. false when it was empty.
+    template <class tSocket>
+    static bool Flush(tSocket& s);
+    // OnRead / OnReceiveFrom: hands every complete frame to OnPacketRead; a
+    // broken stream is traced and acted on (peer names the sender).
+    template <class tSocket>
+    static void Receive(tSocket& s, const void* data, int size, const cSocketAddr& peer);
+    // Close: both buffers emptied and their memory given back.
+    template <class tSocket>
+    static void ReleaseBuffers(tSocket& s);
+
+private:
+    template <class tSocket>
+    static tWriteOutcome WriteOrWait(tSocket& s, const cSocketAddr* to, const unsigned char* frame,
+                                     unsigned long size, bool wasEmpty, bool writable);
+    template <class tSocket>
+    static void OnFrame(void* ctx, unsigned char type, const unsigned char* payload, int size);
+
+    // A stream: bytes that wait for writability hold later frames back (the
+    // socket is full; writing before the flush would only meet it again),
+    // a frame may go out in pieces, a broken stream closes the connection.
+    static const char* Name(const cTpktTcpSocket&) { return "cTpktTcpSocket"; }
+    static bool HoldsBack(const cTpktTcpSocket& s) { return s.IsWritePending(); }
+    static tStreamTarget FlushTarget(const cTpktTcpSocket&) { return {}; }
+    static int Put(cTpktTcpSocket& s, const cSocketAddr*, const void* data, int size)
+    {
+        return s.rawWrite(data, size);
+    }
+    static bool RefusedForSize(const cTpktTcpSocket&, int) { return false; }
+    static void NoteSent(cTpktTcpSocket& s, bool wasEmpty, int written)
+    {
+        s.NoteSendProgress(wasEmpty, written);
+    }
+    // Bytes that wait ask for writability; while connecting the
+    // registration belongs to the connect, and the write-pending flag alone
+    // makes it ask for writing.
+    static bool WaitsForWritability(const cTpktTcpSocket&) { return true; }
+    static bool AsksWritability(const cTpktTcpSocket& s) { return !s.IsConnecting(); }
+    static std::string OverflowDetail(const cTpktTcpSocket&, unsigned long room, long long total)
+    {
+        return FormatString(" (sendb=%d, tpkt=%d)", static_cast<int>(room), static_cast<int>(total));
+    }
+    static void NoteReceived(cTpktTcpSocket& s, bool wasEmpty)
+    {
+        if (wasEmpty && s.m_RecvBuffer.size() > 0)
+            s.m_RecvSince = static_cast<uint32_t>(GetMsecClockCoarse());
+    }
+    static void NoteFrame(cTpktTcpSocket& s) { s.m_bHeard = true; }
+    static const char* ReceiveName(const cTpktTcpSocket&) { return "cTpktTcpSocket::OnRead"; }
+    static std::string BrokenOutcome(const cTpktTcpSocket&, const cSocketAddr& peer)
+    {
+        return ", stream broken, closing " + peer.ToString();
+    }
+    static void OnBroken(cTpktTcpSocket& s)
+    {
+        s.OnClose();
+        s.Close();
+    }
+
+    // A datagram socket: sendto takes a datagram whole or not at all, so
+    // nothing is ever held back: what waits (a datagram the kernel did not
+    // take) goes out in front of the new frame, in the same datagram, or
+    // with the flush on writability. A broken header only drops the
+    // buffered bytes (the socket is shared by every sender).
+    static const char* Name(const cTpktUdpSocket&) { return "cTpktUdpSocket"; }
+    static bool HoldsBack(const cTpktUdpSocket&) { return false; }
+    static tDatagramTarget FlushTarget(const cTpktUdpSocket& s) { return {s.m_RemoteAddr}; }
+    static int Put(cTpktUdpSocket& s, const cSocketAddr* to, const void* data, int size)
+    {
+        return s.cUdpSocket::SendTo(*to, data, size);
+    }
+    // Kept, such a datagram would go out in front of every later frame and
+    // fail them all.
+    static bool RefusedForSize(const cTpktUdpSocket&, int written)
+    {
+        return written < 0 && errno == EMSGSIZE;
+    }
+    static void NoteSent(cTpktUdpSocket&, bool, int) {}
+    // A datagram the kernel did not take stays queued and goes out in front
+    // of the next frame, or with a flush when the loop finds the socket
+    // writable; it does not ask for writability itself (a socket whose sends
+    // keep failing, with no route, would wake the loop on every pass).
+    // cUdpSocket::SendTo keeps the write-pending flag as it always did.
+    static bool WaitsForWritability(const cTpktUdpSocket&) { return false; }
+    static bool AsksWritability(const cTpktUdpSocket&) { return false; }
+    static std::string OverflowDetail(const cTpktUdpSocket&, unsigned long, long long)
+    {
+        return std::string();
+    }
+    static void NoteReceived(cTpktUdpSocket&, bool) {}
+    static void NoteFrame(cTpktUdpSocket&) {}
+    static const char* ReceiveName(const cTpktUdpSocket&) { return "cTpktUdpSocket::OnReceiveFrom"; }
+    static std::string BrokenOutcome(const cTpktUdpSocket&, const cSocketAddr& peer)
+    {
+        return " from " + peer.ToString() + ", buffered bytes dropped";
+    }
+    static void OnBroken(cTpktUdpSocket&) {}
+};
+
+// The send policy: the one place where a framed socket decides to write.
+// Caller holds g_FrameLock. The bytes to send are the send buffer, which a
+// new frame has joined, or (frame not null) a frame that found the buffer
+// empty and is still on the caller's stack; only what the descriptor does
+// not take of it is queued, so an idle connection's frame never passes
+// through the buffer. Bytes that wait for writability hold the frame back,
+// unless the descriptor just reported writability (writable: the flush);
+// otherwise everything is written now, as far as the descriptor takes it.
+// Write pending is set while bytes wait and cleared by a flush that left
+// nothing; a send then asks for writability once it released the lock, a
+// flush leaves that to the loop's re-registration (OnSelectWrite).
+template <class tSocket>
+ORVO_HOT ORVO_FRAMER_INLINE tWriteOutcome cFramer::WriteOrWait(tSocket& s, const cSocketAddr* to,
+                                                               const unsigned char* frame,
+                                                               unsigned long size, bool wasEmpty,
+                                                               bool writable)
+{
+    cByteBuffer& buffer = s.m_SendBuffer;
+    tWriteOutcome out;
+    if (!writable && HoldsBack(s)) {
+        // The write readiness that the waiting bytes asked for flushes this
+        // frame with them.
+        if (frame != nullptr)
+            buffer.pushback(frame, size);
+        NoteSent(s, wasEmpty, 0);
+        out.held = true;
+        return out;
+    }
+    if (frame != nullptr) {
+        out.written = Put(s, to, frame, static_cast<int>(size));
+        const unsigned long sent = out.written > 0 ? static_cast<unsigned long>(out.written) : 0;
+        if (RefusedForSize(s, out.written))
+            out.dropped = size;
+        else if (sent < size)
+            buffer.pushback(frame + sent, size - sent);
+    } else {
+        out.written = Put(s, to, buffer.data(), static_cast<int>(buffer.size()));
+        if (out.written > 0) {
+            buffer.popfront(static_cast<unsigned long>(out.written));
+        } else if (RefusedForSize(s, out.written)) {
+            out.dropped = buffer.size();
+            buffer.clear();
+            errno = EMSGSIZE;
+        }
+    }
+    out.waiting = buffer.size() > 0;
+    if (out.waiting) {
+        if (WaitsForWritability(s))
+            s.SetWritePending(true);
+        NoteSent(s, wasEmpty, out.written);
+    } else if (writable && WaitsForWritability(s)) {
+        s.SetWritePending(false);
+    }
+    return out;
+}
+
+template <class tSocket>
+ORVO_HOT ORVO_FRAMER_INLINE int cFramer::Send(tSocket& s, const cSocketAddr* to,
+                                              unsigned char type, const tPiece* pieces,
+                                              int count)
+{
+    const long long total = CheckedFrameTotal(Name(s), pieces, count);
+    if (total < 0)
+        return -1;
+
+    unsigned char stack[kDirectFrameMax];
+    const bool small = total <= kDirectFrameMax;
+    if (small)
+        AssembleFrame(stack, type, static_cast<uint32_t>(total), pieces, count);
+
+    cFrameLockGuard lock;
+    cByteBuffer& buffer = s.m_SendBuffer;
+    const unsigned long room = buffer.asize();
+    if (room < static_cast<unsigned long>(total)) {
+        lock.Release();
+        // Traced only now: a trace sends on the trace channels, which takes
+        // g_FrameLock in whatever thread sends them.
+        ORVO_TRACE(UnitORVO, INFO,
+                   FormatString("%s::WritePacket packetlen=%i buffer overflow", Name(s),
+                                pieces[0].n) +
+                       OverflowDetail(s, room, total));
+        errno = EAGAIN;
+        return -2;
+    }
+    const bool wasEmpty = buffer.size() == 0;
+    const unsigned char* frame = nullptr;
+    if (small && wasEmpty)
+        frame = stack;
+    else
+        QueueFrame(buffer, type, static_cast<uint32_t>(total), pieces, count);
+    const tWriteOutcome out =
+        WriteOrWait(s, to, frame, static_cast<unsigned long>(total), wasEmpty, false);
+    lock.Release();
+    if (out.held)
+        return static_cast<int>(total);
+    if (out.dropped != 0) {
+        TraceDropped(out.dropped, *to);
+        return -1;
+    }
+    const int saved = errno;
+    // Bytes that wait need write readiness whatever made the connection
+    // (connect, accept, Attach or a datagram socket's Socket).
+    if (out.waiting && AsksWritability(s))
+        s.WantWriteReady();
+    s.HandleWriteFailure();
+    errno = saved;
+    return out.written > 0 ? out.written : static_cast<int>(total);
+}
+
+template <class tSocket>
+ORVO_FRAMER_INLINE bool cFramer::Flush(tSocket& s)
+{
+    cFrameLockGuard lock;
+    if (s.m_SendBuffer.size() == 0)
+        return false;
+    const auto target = FlushTarget(s);
+    const cSocketAddr* to = target.get();
+    // The loop re-registers after the flush (OnSelectWrite): write
+    // readiness stays asked for while bytes wait.
+    const tWriteOutcome out = WriteOrWait(s, to, nullptr, 0, false, true);
+    lock.Release();
+    if (out.dropped != 0)
+        TraceDropped(out.dropped, *to);
+    s.HandleWriteFailure();
+    return true;
+}
+
+template <class tSocket>
+ORVO_HOT void cFramer::OnFrame(void* ctx, unsigned char type, const unsigned char* payload,
+                               int size)
+{
+    tSocket& s = *static_cast<tSocket*>(ctx);
+    NoteFrame(s);
+    s.OnPacketRead(type, payload, size);
+}
+
+template <class tSocket>
+ORVO_HOT ORVO_FRAMER_INLINE void cFramer::Receive(tSocket& s, const void* data, int size,
+                                                 const cSocketAddr& peer)
+{
+    const bool wasEmpty = s.m_RecvBuffer.size() == 0;
+    const int fed = s.m_RecvBuffer.Feed(data, size, &cFramer::OnFrame<tSocket>, &s);
+    NoteReceived(s, wasEmpty);
+    if (fed != cFrameReader::FEED_BROKEN)
+        return;
+    ORVO_TRACE(UnitORVO, ERROR,
+               FormatString("%s error: frame length %u outside %i..%i", ReceiveName(s),
+                            static_cast<unsigned>(s.m_RecvBuffer.GetBrokenLength()),
+                            kFrameHeaderSize, kFrameMaxSize) +
+                   BrokenOutcome(s, peer));
+    OnBroken(s);
+}
+
+template <class tSocket>
+void cFramer::ReleaseBuffers(tSocket& s)
+{
+    {
+        cFrameLockGuard lock;
+        s.m_SendBuffer.Release();
+    }
+    s.m_RecvBuffer.Release();
+}
+
 // ----------------------------------------------------------- cTpktTcpSocket
 
 cTpktTcpSocket::cTpktTcpSocket(cService* service, cStateMachine* statem)
@@ -274,58 +591,21 @@ cTpktTcpSocket::~cTpktTcpSocket()
     cTpktTcpSocket::Close();
 }
 
-ORVO_HOT void cTpktTcpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
-                                  int size)
-{
-    cTpktTcpSocket* self = static_cast<cTpktTcpSocket*>(ctx);
-    self->m_bHeard = true;
-    self->OnPacketRead(type, payload, size);
-}
-
 ORVO_HOT int cTpktTcpSocket::OnRead(const void* data, int size)
 {
-    const bool wasEmpty = m_RecvBuffer.size() == 0;
-    const int fed = m_RecvBuffer.Feed(data, size, &cTpktTcpSocket::FrameHandler, this);
-    if (wasEmpty && m_RecvBuffer.size() > 0)
-        m_RecvSince = static_cast<uint32_t>(GetMsecClockCoarse());
-    if (fed == cFrameReader::FEED_BROKEN) {
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("cTpktTcpSocket::OnRead error: frame length %u outside %i..%i, "
-                                "stream broken, closing %s",
-                                static_cast<unsigned>(m_RecvBuffer.GetBrokenLength()),
-                                kFrameHeaderSize, kFrameMaxSize, m_RemoteAddr.ToString().c_str()));
-        OnClose();
-        Close();
-    }
+    cFramer::Receive(*this, data, size, m_RemoteAddr);
     return size;
 }
 
 void cTpktTcpSocket::OnWrite()
 {
-    {
-        cFrameLockGuard lock;
-        if (m_SendBuffer.size() > 0) {
-            int written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
-            if (written > 0)
-                m_SendBuffer.popfront(static_cast<unsigned long>(written));
-            NoteSendProgress(false, written);
-            // OnSelectWrite re-registers: write readiness only while bytes wait.
-            SetWritePending(m_SendBuffer.size() > 0);
-            lock.Release();
-            HandleWriteFailure();
-            return;
-        }
-    }
-    cSocket::OnWrite();
+    if (!cFramer::Flush(*this))
+        cSocket::OnWrite();
 }
 
 void cTpktTcpSocket::Close()
 {
-    {
-        cFrameLockGuard lock;
-        m_SendBuffer.Release();
-    }
-    m_RecvBuffer.Release();
+    cFramer::ReleaseBuffers(*this);
     cTcpSocket::Close();
 }
 
@@ -343,67 +623,11 @@ void cTpktTcpSocket::OnConnect(int err)
     cTcpSocket::OnConnect(err);
 }
 
-ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, const void* p2, int n2,
-                                const void* p3, int n3)
+ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int n1, const void* p2,
+                                         int n2, const void* p3, int n3)
 {
     const tPiece pieces[3] = {{p1, n1}, {p2, n2}, {p3, n3}};
-    const long long total = CheckedFrameTotal("cTpktTcpSocket", pieces, 3);
-    if (total < 0)
-        return -1;
-
-    unsigned char frame[kDirectFrameMax];
-    const bool direct = total <= kDirectFrameMax;
-    if (direct)
-        AssembleFrame(frame, type, static_cast<uint32_t>(total), pieces, 3);
-
-    cFrameLockGuard lock;
-    const bool wasEmpty = m_SendBuffer.size() == 0;
-    int written;
-    if (direct && wasEmpty && !IsWritePending()) {
-        // Nothing waits: write the frame as it is, keep what did not go out.
-        written = rawWrite(frame, static_cast<int>(total));
-        const long long sent = written > 0 ? written : 0;
-        if (sent < total)
-            m_SendBuffer.pushback(frame + sent, static_cast<unsigned long>(total - sent));
-    } else {
-        const int room = static_cast<int>(m_SendBuffer.asize());
-        if (room < total) {
-            lock.Release();
-            // Traced only now: a trace sends on the trace channels, which takes
-            // g_FrameLock in whatever thread sends them.
-            ORVO_TRACE(UnitORVO, INFO,
-                       FormatString("cTpktTcpSocket::WritePacket packetlen=%i buffer overflow "
-                                    "(sendb=%d, tpkt=%d)",
-                                    n1, room, static_cast<int>(total)));
-            errno = EAGAIN;
-            return -2;
-        }
-        QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 3);
-        // Frames already waiting for writability go out with the flush; writing
-        // now would only meet a full socket again.
-        if (IsWritePending()) {
-            NoteSendProgress(wasEmpty, 0);
-            return static_cast<int>(total);
-        }
-        written = rawWrite(m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
-        if (written > 0)
-            m_SendBuffer.popfront(static_cast<unsigned long>(written));
-    }
-    const bool waiting = m_SendBuffer.size() > 0;
-    if (waiting) {
-        SetWritePending(true);
-        NoteSendProgress(wasEmpty, written);
-    }
-    lock.Release();
-    const int saved = errno;
-    // Bytes that wait need write readiness whatever made the connection
-    // (connect, accept or Attach); only while connecting the registration
-    // belongs to the connect, and the flag alone makes it ask for writing.
-    if (waiting && !IsConnecting())
-        WantWriteReady();
-    HandleWriteFailure();
-    errno = saved;
-    return written > 0 ? written : static_cast<int>(total);
+    return cFramer::Send(*this, nullptr, type, pieces, 3);
 }
 
 void cTpktTcpSocket::OnPacketRead(unsigned char /*type*/, const void* /*payload*/, int /*size*/)
@@ -465,100 +689,28 @@ cTpktUdpSocket::~cTpktUdpSocket()
     cTpktUdpSocket::Close();
 }
 
-void cTpktUdpSocket::FrameHandler(void* ctx, unsigned char type, const unsigned char* payload,
-                                  int size)
-{
-    static_cast<cTpktUdpSocket*>(ctx)->OnPacketRead(type, payload, size);
-}
-
-int cTpktUdpSocket::FlushTo(const cSocketAddr& to, unsigned long& dropped)
-{
-    dropped = 0;
-    int sent = cUdpSocket::SendTo(to, m_SendBuffer.data(), static_cast<int>(m_SendBuffer.size()));
-    if (sent > 0) {
-        m_SendBuffer.popfront(static_cast<unsigned long>(sent));
-    } else if (sent < 0 && errno == EMSGSIZE) {
-        // The kernel will never take this datagram; kept, it would go out
-        // in front of every later frame and fail them all.
-        dropped = m_SendBuffer.size();
-        m_SendBuffer.clear();
-        errno = EMSGSIZE;
-    }
-    return sent;
-}
-
-void cTpktUdpSocket::TraceDropped(unsigned long dropped, const cSocketAddr& to)
-{
-    ORVO_TRACE(UnitORVO, ERROR,
-               FormatString("cTpktUdpSocket: datagram of %lu bytes to %s too large for UDP, "
-                            "dropped",
-                            dropped, to.ToString().c_str()));
-    errno = EMSGSIZE;
-}
-
 int cTpktUdpSocket::SendTo(const cSocketAddr& to, unsigned char type, const void* p1, int n1,
                            const void* p2, int n2, const void* p3, int n3, const void* p4, int n4)
 {
     const tPiece pieces[4] = {{p1, n1}, {p2, n2}, {p3, n3}, {p4, n4}};
-    const long long total = CheckedFrameTotal("cTpktUdpSocket", pieces, 4);
-    if (total < 0)
-        return -1;
-
-    cFrameLockGuard lock;
-    if (m_SendBuffer.asize() < static_cast<unsigned long>(total)) {
-        lock.Release();
-        ORVO_TRACE(UnitORVO, INFO,
-                   FormatString("cTpktUdpSocket::WritePacket packetlen=%i buffer overflow", n1));
-        errno = EAGAIN;
-        return -2;
-    }
-    QueueFrame(m_SendBuffer, type, static_cast<uint32_t>(total), pieces, 4);
-    unsigned long dropped = 0;
-    int sent = FlushTo(to, dropped);
-    lock.Release();
-    if (dropped != 0) {
-        TraceDropped(dropped, to);
-        return -1;
-    }
-    if (sent > 0)
-        return sent;
-    return static_cast<int>(total);
+    return cFramer::Send(*this, &to, type, pieces, 4);
 }
 
 void cTpktUdpSocket::OnWrite()
 {
-    cFrameLockGuard lock;
-    if (m_SendBuffer.size() == 0)
-        return;
-    const cSocketAddr to = m_RemoteAddr;
-    unsigned long dropped = 0;
-    FlushTo(to, dropped);
-    lock.Release();
-    if (dropped != 0)
-        TraceDropped(dropped, to);
+    cFramer::Flush(*this);
 }
 
 void cTpktUdpSocket::Close()
 {
-    {
-        cFrameLockGuard lock;
-        m_SendBuffer.Release();
-    }
-    m_RecvBuffer.Release();
+    cFramer::ReleaseBuffers(*this);
     cSocket::Close();
 }
 
 void cTpktUdpSocket::OnReceiveFrom(const cSocketAddr& from, const void* data, int size)
 {
     m_RemoteAddr = from;
-    if (m_RecvBuffer.Feed(data, size, &cTpktUdpSocket::FrameHandler, this) ==
-        cFrameReader::FEED_BROKEN) {
-        ORVO_TRACE(UnitORVO, ERROR,
-                   FormatString("cTpktUdpSocket::OnReceiveFrom error: frame length %u outside "
-                                "%i..%i from %s, buffered bytes dropped",
-                                static_cast<unsigned>(m_RecvBuffer.GetBrokenLength()),
-                                kFrameHeaderSize, kFrameMaxSize, from.ToString().c_str()));
-    }
+    cFramer::Receive(*this, data, size, from);
 }
 
 void cTpktUdpSocket::OnPacketRead(unsigned char /*type*/, const void* /*payload*/, int /*size*/)

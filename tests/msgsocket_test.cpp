@@ -309,6 +309,41 @@ TEST(TpktTcpSocket, FreeSpaceEqualToTheFrameLeavesOutItsLastPiece)
     EXPECT_EQ(s.Queued().substr(196587), Frame(1, "hdr4", 20));
 }
 
+// The refusals of both framed sockets trace in their own words (a stream
+// and a datagram socket word them differently).
+TEST(TpktSockets, RefusalsTraceTheirOwnTexts)
+{
+    const cSocketAddr from("127.0.0.2", 4711);
+    std::string out;
+    const int rc = orvo_test::RunInChild([&from] {
+        orvoInit(INFO, OUTPUT_STDOUT, false);
+        SetTraceLevel(UnitORVO, INFO);
+        const std::string big(196601, 'x');
+        const std::string broken = Frame(0, "", 3);
+        cPeek tcp;
+        cTpktUdpSocket udp(nullptr, nullptr);   // no descriptor either: keeps what is queued
+        tcp.WritePacket(0, big.data(), 196601, nullptr, 0, nullptr, 0);
+        tcp.WritePacket(0, big.data(), 196600, nullptr, 0, nullptr, 0);
+        tcp.WritePacket(0, "abcdefgh", 8, nullptr, 0, nullptr, 0);
+        udp.SendTo(from, 0, big.data(), 196600, nullptr, 0, nullptr, 0, nullptr, 0);
+        udp.SendTo(from, 0, "abcdefgh", 8, nullptr, 0, nullptr, 0, nullptr, 0);
+        tcp.OnRead(broken.data(), int(broken.size()));
+        udp.OnReceiveFrom(from, broken.data(), int(broken.size()));
+        std::fflush(stdout);
+        return 0;
+    }, &out);
+    ASSERT_EQ(rc, 0);
+    for (const char* text :
+         {"cTpktTcpSocket::WritePacket error: packet size 196607 to large, support only 191kB",
+          "cTpktTcpSocket::WritePacket packetlen=8 buffer overflow (sendb=1, tpkt=14)",
+          "cTpktUdpSocket::WritePacket packetlen=8 buffer overflow\n",
+          "cTpktTcpSocket::OnRead error: frame length 3 outside 6..196606, stream broken, closing "
+          "0.0.0.0:0\n",
+          "cTpktUdpSocket::OnReceiveFrom error: frame length 3 outside 6..196606 from "
+          "127.0.0.2:4711, buffered bytes dropped\n"})
+        EXPECT_NE(out.find(text), std::string::npos) << text << "\n" << out;
+}
+
 TEST(MsgSocket, DatagramKindCarriesTidAndStateMachine)
 {
     struct cCapture : cMsgUdpSocket {
@@ -793,4 +828,38 @@ TEST_F(MsgSocketSmallBuffer, AttachedSocketSendsAFrameTheKernelTakesInPieces)
     const std::string got = FlushToPeer(svc, s, peer, 150006);
     EXPECT_EQ(s.GetSendQueued(), 0u);
     EXPECT_EQ(got, Frame(1, Payload(big, 1)));
+}
+
+// A datagram socket holds nothing back: a frame the kernel did not take
+// (here: no descriptor yet) waits in the send buffer and leaves in front of
+// the next frame, in the same datagram; a frame left waiting is flushed by
+// the loop once the socket can write.
+TEST(MsgSocketDatagram, AFrameLeftWaitingLeavesWithTheNextOrOnWritability)
+{
+    cTestService svc;
+    const int peer = RawSocket(SOCK_DGRAM);
+    cSocketAddr to("127.0.0.1", 0);
+    socklen_t len = sizeof(sockaddr_in);
+    ASSERT_EQ(bind(peer, to.GetSockAddr(), len), 0);
+    ASSERT_EQ(getsockname(peer, to.GetSockAddr(), &len), 0);
+    auto next = [&] {
+        char buf[256];
+        const ssize_t n = recv(peer, buf, sizeof buf, 0);
+        return n < 0 ? std::string("recv failed") : std::string(buf, size_t(n));
+    };
+
+    cTpktUdpSocket s(&svc, nullptr);
+    EXPECT_EQ(s.SendTo(to, 0, "one", 3, nullptr, 0, nullptr, 0, nullptr, 0), 9);
+    EXPECT_EQ(s.GetSendQueued(), 9u);
+    ASSERT_GT(s.Socket(AF_INET, SOCK_DGRAM, 0), 0);
+    EXPECT_EQ(s.SendTo(to, 1, "two", 3, nullptr, 0, nullptr, 0, nullptr, 0), 18);
+    EXPECT_EQ(s.GetSendQueued(), 0u);
+    EXPECT_EQ(next(), Frame(0, "one") + Frame(1, "two"));
+
+    cTpktUdpSocket late(&svc, nullptr);
+    EXPECT_EQ(late.SendTo(to, 2, "three", 5, nullptr, 0, nullptr, 0, nullptr, 0), 11);
+    ASSERT_GT(late.Socket(AF_INET, SOCK_DGRAM, 0), 0);
+    EXPECT_TRUE(LoopUntil(svc, [&] { return late.GetSendQueued() == 0; }));
+    EXPECT_EQ(next(), Frame(2, "three"));
+    close(peer);
 }
