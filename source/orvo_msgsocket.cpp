@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "orvo_handle.h"
+#include "orvo_selectloop.h"
 #include "orvo_service.h"
 #include "orvo_time.h"
 #include "orvo_trace.h"
@@ -400,7 +401,7 @@ ORVO_HOT int cTpktTcpSocket::WritePacket(unsigned char type, const void* p1, int
     // (connect, accept or Attach); only while connecting the registration
     // belongs to the connect, and the flag alone makes it ask for writing.
     if (waiting && !IsConnecting())
-        WantWriteReady();
+        loop::WantWriteReady(*this);
     HandleWriteFailure();
     errno = saved;
     return written > 0 ? written : static_cast<int>(total);
