@@ -24,11 +24,11 @@
 //
 // Thread safety: a channel belongs to the thread that runs its service's
 // loop; every member is called on that thread, except what a framed
-// socket's cross-thread Send needs: the flags are atomic, a sender of
-// another thread asks the loop for write readiness (the library's sockets
-// do that through the loop's internal interface), and a write failure found
-// on another thread is handed to the loop (SetWriteFailed), which closes
-// the channel there.
+// socket's cross-thread Send needs: the flags are atomic, Write() from
+// another thread asks the loop for write readiness (added at the loop's
+// next pass; the library's sockets ask the same way), and a write failure
+// found on another thread is handed to the loop (SetWriteFailed), which
+// closes the channel there.
 //
 // Re-entrancy: a channel may be closed from inside its own OnRead/OnClose or
 // from any handler that runs in the loop; the loop notices the descriptor
@@ -207,8 +207,8 @@ protected:
     void SetWriteFailed() { m_bWriteFailed.store(true); }
     // On the loop thread and after a write failure: Close(), OnClose(),
     // true. On another thread: asks the loop to act (write readiness at its
-    // next pass and a wake-up) and returns false. Writers call it after releasing their
-    // locks; OnSelect calls it first.
+    // next pass and a wake-up) and returns false. Writers call it after
+    // releasing their locks; OnSelect calls it first.
     bool HandleWriteFailure();
 
     int m_fd;                         // -1 when none is attached
