@@ -185,7 +185,6 @@ void cService::SetStopFlag(bool on)
         DrainWake();
 }
 
-
 namespace loop {
 
 ORVO_HOT void WantWriteReady(cChannel& channel, bool wakeLoop)
