@@ -24,9 +24,11 @@
 //
 // Thread safety: a channel belongs to the thread that runs its service's
 // loop; every member is called on that thread, except what a framed
-// socket's cross-thread Send needs: the flags are atomic, WantWriteReady
-// works from any thread, and a write failure found on another thread is
-// handed to the loop (SetWriteFailed), which closes the channel there.
+// socket's cross-thread Send needs: the flags are atomic, Write() from
+// another thread asks the loop for write readiness (added at the loop's
+// next pass; the library's sockets ask the same way), and a write failure
+// found on another thread is handed to the loop (SetWriteFailed), which
+// closes the channel there.
 //
 // Re-entrancy: a channel may be closed from inside its own OnRead/OnClose or
 // from any handler that runs in the loop; the loop notices the descriptor
@@ -195,12 +197,6 @@ public:
     uint32_t GetHandle() const { return m_Handle; }
 
 protected:
-    // Asks for write readiness from any thread. On the loop thread (or
-    // before the service's loop first ran) this is UpdateSelect(); on
-    // another thread it sets write pending, adds write readiness to the
-    // channel's registration and, with wakeLoop, wakes the loop so its next
-    // select sees it. The rest of the channel's state stays the loop's.
-    void WantWriteReady(bool wakeLoop = true);
     // For rawRead implementations: the 0 about to be returned means "call
     // again later", not end of stream (a TLS read that needs more input).
     void SetReadRetry() { m_bReadRetry = 1; }
@@ -210,9 +206,9 @@ protected:
     // write: the writer may hold g_FrameLock or be another thread.
     void SetWriteFailed() { m_bWriteFailed.store(true); }
     // On the loop thread and after a write failure: Close(), OnClose(),
-    // true. On another thread: asks the loop to act (write readiness and a
-    // wake-up) and returns false. Writers call it after releasing their
-    // locks; OnSelect calls it first.
+    // true. On another thread: asks the loop to act (write readiness at its
+    // next pass and a wake-up) and returns false. Writers call it after
+    // releasing their locks; OnSelect calls it first.
     bool HandleWriteFailure();
 
     int m_fd;                         // -1 when none is attached

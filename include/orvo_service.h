@@ -66,7 +66,7 @@ class cMsgTcpSocket;
 class cMsgUdpSocket;
 template <class T> class cTcpServer;
 class cService;
-class cKernelWait;
+class cSelectLoop;
 class cIdleSweep;
 
 // Direction of a snoop report: 1 for messages received (handed out by
@@ -191,7 +191,7 @@ public:
     // same scan is not fired.
     void ScanTimers();
     // Number of armed timer entries.
-    size_t GetTimerCount() const { return m_Timers.size(); }
+    size_t GetTimerCount() const;
 
     // ---- The loop -----------------------------------------------------------
 
@@ -312,59 +312,11 @@ protected:
     void SetThreadService(bool on) { m_bThreadService = on; }
 
 private:
-    // Channels keep their registration in step through these (cChannel
-    // only; not part of the API).
-    friend class cChannel;
-    // True when fd is registered for channel with exactly events (and no
-    // context), so that registering it again would change nothing. Any
-    // thread, without the table lock: channels use it to skip the
-    // re-registration after each read.
-    bool IsRegisteredAs(int fd, const cChannel* channel, int events) const
-    {
-        return fd >= 0 && fd < kMaxSelect && (events & ~3) == 0 &&   // read and write only
-               m_RegisteredAs[fd].load(std::memory_order_relaxed) ==
-                   (reinterpret_cast<uintptr_t>(channel) | static_cast<uintptr_t>(events));
-    }
-    // Drops every entry that names channel, whatever its descriptor; a
-    // channel's destructor calls it so the loop never sees it again.
-    void ForgetChannel(cChannel* channel);
-    // Any thread: adds write readiness to channel's registration (when it
-    // is registered) and, with wakeLoop, wakes the loops so the next select
-    // sees it. Senders of other threads use it (cChannel::WantWriteReady).
-    void AddWriteInterest(cChannel* channel, bool wakeLoop);
+    // The select loop (orvo_selectloop.cpp) reaches the service's time
+    // stamp and hands its messages to OnMsg; channels reach the loop through
+    // it. Not part of the API.
+    friend class cSelectLoop;
 
-    struct sSelectEntry {
-        int fd;                  // the descriptor
-        cChannel* channel;       // null: free entry
-        void* ctx;               // caller's context
-        uint32_t seq;            // registration number (see ScheduleSelect)
-    };
-    struct sTimerEntry {
-        cTimer* timer;           // not owned; null for a WaitSyncMsg time-out
-        uint64_t due;            // GetMsecClock() value
-        uint32_t wait;           // non-zero: the WaitSyncMsg time-out of that number
-    };
-
-    // One pass of ScheduleSelect: the registration number at its start and
-    // errno after the wait.
-    struct sSelectPass {
-        uint32_t seq;
-        int error;
-    };
-    // Brings the kernel's interest in step with the table and waits (the
-    // wake-up descriptor included) with the nearest timer as time-out; the
-    // number of ready descriptors of the table, or -1.
-    int WaitForEvents(sSelectPass& pass);
-    // Hands the ready descriptors of the pass to their channels, in table
-    // order.
-    void DispatchReady(const sSelectPass& pass);
-    // Hands events to channel, or drops fd's entry when the channel has
-    // moved to another descriptor.
-    void HandOn(cChannel* channel, int fd, int events);
-    // Runs the handlers of the pending signals; true when any was pending.
-    bool RunSignalHandlers();
-    // A failed select: trace, full unregistration on EBADF, 0x1003.
-    void ReportSelectError(int error);
     // The control messages, one each (see PreDispatchMessage).
     void OnTraceOn(cMsg& msg);
     void OnTraceOff(cMsg& msg);
@@ -379,37 +331,18 @@ private:
     // Starts, re-times or stops the idle timer from m_IdleTimeoutMs.
     void ArmIdleSweep();
 
-    void AddTimerEntry(const sTimerEntry& entry);
-    // ChannelAsyncSelect; with merge, events are added to those the entry
-    // already has for this channel.
-    int Register(int fd, int events, cChannel* channel, void* ctx, bool merge);
-    // The events registered for fd; the caller holds m_TableLock.
-    int GetEventsLocked(int fd) const;
-    // Brings fd's entry of m_RegisteredAs up to date; the caller holds
-    // m_TableLock.
-    void MirrorLocked(int fd);
     // Queues msg, or hands it to its state machine.
     void Deliver(cMsg& msg);
-    void ClearSelectTable();
-    // No entries and empty sets; count and highest descriptor stay.
-    void EmptySelectTable();
-    void UnregisterAll();
     void RunDeferredDeletion();
     // PostHdlMessage for a message of this channel and type.
     void PostHdl(cChannel* channel, unsigned long type);
     void CloseSockets();
 
-    // Select table: count of used entries (never decreases), the highest
-    // descriptor ever registered, the three sets; the entries themselves
-    // close the object (see below).
-    int m_SelectCount;
-    int m_SelectHighest;
-    fd_set m_ReadSet;
-    fd_set m_WriteSet;
-    fd_set m_ExceptSet;
+    // The select loop: registrations, table order, the kernel wait, the
+    // armed timers (owned; orvo_selectloop.h).
+    std::unique_ptr<cSelectLoop> m_pLoop;
 
     cMsgQueue m_MsgQ;                        // front = newest, back = oldest
-    std::vector<sTimerEntry> m_Timers;       // sorted by due time
     cTcpServer<cMsgTcpSocket>* m_pSapSocket; // owned
     cUuid m_ServiceId;
     // What is kept of the message handed out last: its channel and type are
@@ -428,15 +361,7 @@ private:
     unsigned m_QueueLimit;                   // 200
     cCriticalSection* m_pSendLock;           // owned; guards internal sends
     std::vector<cObject*> m_Deferred;        // deleted at the next GetMessage
-    // Guards the select table: the loop thread copies the sets while an
-    // internal send from another thread may update its socket's entry.
-    mutable std::mutex m_TableLock;
-    uint32_t m_SelectSeq;                    // last registration number given
-    std::atomic<pid_t> m_LoopThread{0};      // thread that runs the loop; 0 before the first pass
-    // The kernel side of the wait (epoll, or select in a select build).
-    std::unique_ptr<cKernelWait> m_pWait;
     uint32_t m_WaitSerial = 0;               // last WaitSyncMsg time-out number
-    std::vector<uint32_t> m_WaitFired;       // time-outs fired, not yet collected
     cControlAccess m_ControlAccess;          // in force when m_bControlAccessSet
     bool m_bControlAccessSet = false;
     std::string m_ConfigAccessText;          // "control-access" last read
@@ -445,17 +370,6 @@ private:
     unsigned long m_IdleTimeoutMs = 0;       // 0: off
     bool m_bIdleTimeoutSet = false;          // SetIdleTimeout was called
     cIdleSweep* m_pIdleSweep = nullptr;      // owned; the idle timer
-
-    // The two large arrays last, so that the members every message uses
-    // share a few cache lines and pages; only the first entries are busy.
-    sSelectEntry m_Select[kMaxSelect];
-    int16_t m_SlotOfFd[kMaxSelect];          // entry index of a descriptor; -1 none
-    // What each descriptor is registered as: its channel's address with the
-    // read and write bits in its two low bits (a channel holds pointers, so
-    // its address is a multiple of 4); 0 when it is not registered, has a
-    // context or waits for exceptions. Written under m_TableLock
-    // wherever the sets change, read without it (IsRegisteredAs).
-    std::atomic<uintptr_t> m_RegisteredAs[kMaxSelect];
 };
 
 // Sends a snoop report (0x7005) about msg to every channel of the snoop list:

@@ -11,6 +11,7 @@
 
 #include "orvo_handle.h"
 #include "orvo_msg.h"
+#include "orvo_selectloop.h"
 #include "orvo_service.h"
 #include "orvo_snoop.h"
 #include "orvo_trace.h"
@@ -47,7 +48,7 @@ cChannel::~cChannel()
     // remain after the descriptor changed; the loop must never see this
     // object again, nor may the snoop and trace lists.
     if (m_pService != nullptr)
-        m_pService->ForgetChannel(this);
+        cSelectLoop::Of(m_pService)->ForgetChannel(this);
     SnoopRemoveChannel(this);
     UnRegisterTraceChannel(this);
     HandleRelease(m_Handle);
@@ -134,9 +135,10 @@ ORVO_HOT void cChannel::UpdateSelect()
         if (m_RecvFill < m_RecvBufferSize && !(m_Flags & CHANNEL_READDISABLED))
             events |= SELECT_READ;
     }
-    // After most reads nothing changed: no table lock round then.
-    if (m_pService != nullptr && !m_pService->IsRegisteredAs(m_fd, this, events))
-        m_pService->ChannelAsyncSelect(this, events, nullptr);
+    // After most reads nothing changed: the loop then leaves the
+    // registration alone.
+    if (m_pService != nullptr)
+        cSelectLoop::Of(m_pService)->UpdateChannel(this, m_fd, events);
 }
 
 ORVO_HOT int cChannel::Read(void* buffer, int size)
@@ -149,21 +151,11 @@ int cChannel::Write(const void* data, int size)
     m_Flags |= CHANNEL_WRITEPENDING;
     int n = rawWrite(data, size);
     if (n > 0)
-        WantWriteReady();
+        loop::WantWriteReady(*this);
     const int saved = errno;
     HandleWriteFailure();
     errno = saved;
     return n;
-}
-
-ORVO_HOT void cChannel::WantWriteReady(bool wakeLoop)
-{
-    m_Flags |= CHANNEL_WRITEPENDING;
-    if (m_pService == nullptr || m_pService->IsLoopThread()) {
-        UpdateSelect();
-        return;
-    }
-    m_pService->AddWriteInterest(this, wakeLoop);
 }
 
 bool cChannel::HandleWriteFailure()
@@ -171,7 +163,7 @@ bool cChannel::HandleWriteFailure()
     if (!m_bWriteFailed.load(std::memory_order_relaxed))
         return false;
     if (m_pService != nullptr && !m_pService->IsLoopThread()) {
-        m_pService->AddWriteInterest(this, true);
+        cSelectLoop::Of(m_pService)->AskWrite(this, true);
         return false;
     }
     m_bWriteFailed.store(false);

@@ -35,9 +35,7 @@ constexpr bool kBlockInPoll = false;
 
 int TableEvents(const cKernelWait::sTable& table, int fd)
 {
-    return (FD_ISSET(fd, table.read) ? SELECT_READ : 0) |
-           (FD_ISSET(fd, table.write) ? SELECT_WRITE : 0) |
-           (FD_ISSET(fd, table.except) ? SELECT_EXCEPT : 0);
+    return table.eventsOf(table.ctx, fd);
 }
 
 uint32_t ToEpoll(int events)
@@ -314,6 +312,8 @@ inline void ZeroWords(fd_set& set, int top)
 cKernelWait::cKernelWait()
 {
     m_Ready.reserve(FD_SETSIZE);
+    m_Dirty.reserve(FD_SETSIZE);
+    Reset();
 }
 
 cKernelWait::~cKernelWait() = default;
@@ -323,12 +323,42 @@ const char* cKernelWait::Kind()
     return "select";
 }
 
-void cKernelWait::Reset() {}
+void cKernelWait::Reset()
+{
+    FD_ZERO(&m_WatchRead);
+    FD_ZERO(&m_WatchWrite);
+    FD_ZERO(&m_WatchExcept);
+    std::memset(m_Marked, 0, sizeof m_Marked);
+    m_Dirty.clear();
+}
 
-void cKernelWait::MarkDirty(int, bool) {}
+void cKernelWait::MarkDirty(int fd, bool)
+{
+    if (!m_Marked[fd]) {
+        m_Marked[fd] = 1;
+        m_Dirty.push_back(fd);
+    }
+}
 
 bool cKernelWait::Sync(const sTable& table, int wake)
 {
+    for (const int fd : m_Dirty) {
+        const int events = table.eventsOf(table.ctx, fd);
+        if (events & SELECT_READ)
+            FD_SET(fd, &m_WatchRead);
+        else
+            FD_CLR(fd, &m_WatchRead);
+        if (events & SELECT_WRITE)
+            FD_SET(fd, &m_WatchWrite);
+        else
+            FD_CLR(fd, &m_WatchWrite);
+        if (events & SELECT_EXCEPT)
+            FD_SET(fd, &m_WatchExcept);
+        else
+            FD_CLR(fd, &m_WatchExcept);
+        m_Marked[fd] = 0;
+    }
+    m_Dirty.clear();
     // Only the words up to the highest descriptor are copied: select reads
     // no further.
     m_Highest = table.highest;
@@ -339,9 +369,9 @@ bool cKernelWait::Sync(const sTable& table, int wake)
         ZeroWords(m_Except, m_Top);
         m_WaitWrite = m_WaitExcept = false;
     } else {
-        CopyWords(m_Read, *table.read, m_Top);
-        m_WaitWrite = CopyWords(m_Write, *table.write, m_Top);
-        m_WaitExcept = CopyWords(m_Except, *table.except, m_Top);
+        CopyWords(m_Read, m_WatchRead, m_Top);
+        m_WaitWrite = CopyWords(m_Write, m_WatchWrite, m_Top);
+        m_WaitExcept = CopyWords(m_Except, m_WatchExcept, m_Top);
     }
     if (wake >= 0)
         FD_SET(wake, &m_Read);

@@ -1,6 +1,8 @@
 // orvo_kernelwait.h - internal: the kernel side of a service's wait. The
-// select table (orvo_selectloop.cpp) stays the model of what the service
-// watches; cKernelWait keeps the kernel's interest in step with it and waits.
+// select loop's registration records (cSelectLoop, orvo_selectloop.cpp)
+// stay the model of what the service watches; cKernelWait keeps the
+// kernel's interest in step with them, once per pass from the descriptors
+// marked dirty since the last one, and waits.
 //
 // Two builds:
 //  - epoll (default): one level-triggered epoll instance per service. The
@@ -9,8 +11,9 @@
 //    descriptor whose interest really changed, so interest switched on and
 //    off within one pass costs nothing, and a pass costs time in proportion
 //    to the ready descriptors, not the registered ones.
-//  - select (ORVO_SELECT_WAIT): the table's sets are copied and passed to
-//    select(), as the loop always did.
+//  - select (ORVO_SELECT_WAIT): three descriptor sets of what is watched,
+//    updated from the dirty descriptors at each pass, are copied and passed
+//    to select().
 // Both hand back the same list of ready descriptors; the service dispatches
 // it in table order.
 #pragma once
@@ -34,11 +37,11 @@ public:
         int events;
         int index;
     };
-    // The table's state a pass waits on, read under the table lock.
+    // What the loop has registered, asked for by descriptor: eventsOf(ctx,
+    // fd) gives fd's SELECT_* bits (0: not registered).
     struct sTable {
-        const fd_set* read;
-        const fd_set* write;
-        const fd_set* except;
+        int (*eventsOf)(const void* ctx, int fd);
+        const void* ctx;
         int highest;   // highest descriptor ever registered; -1 with no entries
     };
 
@@ -54,9 +57,10 @@ public:
     // even when the events stay the same.
     void MarkDirty(int fd, bool newOwner);
 
-    // Brings the kernel's interest in step with table and the wake-up
-    // descriptor wake (-1: not watched). Caller holds the table lock. false
-    // with errno EBADF when a registered descriptor is no longer open.
+    // Brings the kernel's interest in step with table (for the dirty
+    // descriptors) and the wake-up descriptor wake (-1: not watched). Loop
+    // thread. false with errno EBADF when a registered descriptor is no
+    // longer open.
     bool Sync(const sTable& table, int wake);
     // Waits up to ms for readiness; the ready descriptors (the wake-up one
     // excluded) are in Ready(). Returns their count, or -1 with errno set
@@ -99,7 +103,10 @@ private:
     std::vector<int> m_Always;               // descriptors with kAlways
     std::vector<epoll_event> m_Events;
 #else
-    fd_set m_Read, m_Write, m_Except;
+    fd_set m_WatchRead, m_WatchWrite, m_WatchExcept;   // what is watched
+    uint8_t m_Marked[FD_SETSIZE] = {};                 // on the dirty list
+    std::vector<int> m_Dirty;
+    fd_set m_Read, m_Write, m_Except;                  // the copies select() fills
     int m_Top = 0;
     int m_Highest = -1;
     bool m_WaitWrite = false, m_WaitExcept = false;

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "orvo_handle.h"
+#include "orvo_selectloop.h"
 #include "orvo_service.h"
 #include "orvo_time.h"
 #include "orvo_trace.h"
@@ -515,7 +516,7 @@ ORVO_HOT ORVO_FRAMER_INLINE int cFramer::Send(tSocket& s, const cSocketAddr* to,
     // Bytes that wait need write readiness whatever made the connection
     // (connect, accept, Attach or a datagram socket's Socket).
     if (out.waiting && AsksWritability(s))
-        s.WantWriteReady();
+        loop::WantWriteReady(s);
     s.HandleWriteFailure();
     errno = saved;
     return out.written > 0 ? out.written : static_cast<int>(total);

@@ -1,10 +1,10 @@
 #define ORVO_SOURCE "orvo_selectloop"
-// The select loop of cService: the select table, the armed timers, the
-// signal table and the wake-up descriptor. It knows channels and timers
-// only; the queue, the service's own sockets and the control messages are
-// in orvo_service.cpp.
+// The select loop of a service (cSelectLoop, see orvo_selectloop.h): the
+// registration records and table entries, the armed timers, the pass; and
+// the process-wide signal table and wake-up descriptor. It knows channels
+// and timers only; the queue, the service's own sockets and the control
+// messages are in orvo_service.cpp.
 #include "orvo_selectloop.h"
-#include "orvo_kernelwait.h"
 #include "orvo_threadid.h"
 
 #include <fcntl.h>
@@ -185,59 +185,117 @@ void cService::SetStopFlag(bool on)
         DrainWake();
 }
 
-// ---- Select table ---------------------------------------------------------------
+namespace loop {
 
-void cService::ClearSelectTable()
+ORVO_HOT void WantWriteReady(cChannel& channel, bool wakeLoop)
 {
-    m_SelectCount = 0;
-    m_SelectHighest = 0;
-    EmptySelectTable();
+    channel.SetWritePending(true);
+    cService* service = channel.GetService();
+    if (service == nullptr || service->IsLoopThread()) {
+        channel.UpdateSelect();
+        return;
+    }
+    cSelectLoop::Of(service)->AskWrite(&channel, wakeLoop);
 }
 
-void cService::EmptySelectTable()
-{
-    FD_ZERO(&m_ReadSet);
-    FD_ZERO(&m_WriteSet);
-    FD_ZERO(&m_ExceptSet);
-    std::memset(m_Select, 0, sizeof m_Select);
-    std::fill(std::begin(m_SlotOfFd), std::end(m_SlotOfFd), int16_t(-1));
-    for (std::atomic<uintptr_t>& as : m_RegisteredAs)
-        as.store(0, std::memory_order_relaxed);
-    if (m_pWait)
-        m_pWait->Reset();
-}
+}  // namespace loop
 
-static_assert(alignof(cChannel) >= 4, "m_RegisteredAs keeps two event bits in a channel's address");
-
-void cService::MirrorLocked(int fd)
-{
-    const int index = m_SlotOfFd[fd];
-    uintptr_t as = 0;
-    const int events = GetEventsLocked(fd);
-    if (index >= 0 && m_Select[index].fd == fd && m_Select[index].channel != nullptr &&
-        m_Select[index].ctx == nullptr && (events & SELECT_EXCEPT) == 0)
-        as = reinterpret_cast<uintptr_t>(m_Select[index].channel) | static_cast<uintptr_t>(events);
-    m_RegisteredAs[fd].store(as, std::memory_order_relaxed);
-}
-
-void cService::UnregisterAll()
-{
-    std::lock_guard<std::mutex> lock(m_TableLock);
-    EmptySelectTable();
-}
+// ---- cService: what forwards to the loop -----------------------------------------
 
 ORVO_HOT int cService::ChannelAsyncSelect(int fd, int events, cChannel* channel, void* ctx)
 {
-    return Register(fd, events, channel, ctx, false);
+    return m_pLoop->Register(fd, events, channel, ctx);
 }
 
-ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx, bool merge)
+ORVO_HOT int cService::ChannelAsyncSelect(cChannel* channel, int events, void* ctx)
+{
+    if (channel == nullptr || channel->GetFd() < 0)
+        return 0;
+    return m_pLoop->Register(channel->GetFd(), events, channel, ctx);
+}
+
+int cService::GetSelectEvents(int fd) const
+{
+    return m_pLoop->GetEvents(fd);
+}
+
+ORVO_HOT bool cService::IsLoopThread() const
+{
+    return m_pLoop->IsLoopThread();
+}
+
+void cService::TimerAsyncSelect(cTimer* timer, unsigned long ms)
+{
+    m_pLoop->TimerAsyncSelect(timer, ms);
+}
+
+ORVO_HOT unsigned long cService::ScheduleGetIdleTimeMs() const
+{
+    return m_pLoop->GetIdleTimeMs();
+}
+
+ORVO_HOT void cService::ScanTimers()
+{
+    m_pLoop->ScanTimers();
+}
+
+size_t cService::GetTimerCount() const
+{
+    return m_pLoop->GetTimerCount();
+}
+
+ORVO_HOT void cService::ScheduleSelect()
+{
+    m_pLoop->Pass();
+}
+
+// ---- Registration -----------------------------------------------------------------
+
+static_assert(cSelectLoop::kMaxSelect % 64 == 0, "a whole number of ask words");
+
+cSelectLoop::cSelectLoop(cService& owner) : m_Owner(owner)
+{
+    for (std::atomic<uint64_t>& bits : m_AskBits)
+        bits.store(0, std::memory_order_relaxed);
+    for (std::atomic<cChannel*>& asker : m_Asker)
+        asker.store(nullptr, std::memory_order_relaxed);
+    Clear();
+}
+
+cSelectLoop::~cSelectLoop() = default;
+
+void cSelectLoop::Clear()
+{
+    m_Count = 0;
+    m_Highest = 0;
+    Empty();
+}
+
+void cSelectLoop::Empty()
+{
+    std::memset(m_Rec, 0, sizeof m_Rec);
+    for (sRecord& r : m_Rec)
+        r.index = -1;
+    std::fill(std::begin(m_FdOfEntry), std::end(m_FdOfEntry), int16_t(-1));
+    m_Wait.Reset();
+}
+
+std::unique_lock<std::mutex> cSelectLoop::PreLoopLock() const
+{
+    // Before the first pass every thread counts as the loop thread
+    // (IsLoopThread), so two could register at once; from the first pass on
+    // only the loop thread does, and the lock is no longer taken.
+    if (m_LoopThread.load(std::memory_order_acquire) != 0 || threadid::SingleThreaded())
+        return std::unique_lock<std::mutex>();
+    return std::unique_lock<std::mutex>(m_PreLoop);
+}
+
+ORVO_HOT int cSelectLoop::Register(int fd, int events, cChannel* channel, void* ctx)
 {
     ORVO_ASSERT(fd>=0);
-    const bool reg = events != 0 && channel != nullptr;
     if (fd >= kMaxSelect) {
-        // Never put into an fd_set: that would write past its end.
-        if (!reg)
+        // Never put into a descriptor set: that would write past its end.
+        if (events == 0 || channel == nullptr)
             return 1;
         ORVO_TRACE(UnitORVO, ERROR,
                    FormatString("cService::ChannelAsyncSelect: descriptor %i >= FD_SETSIZE (%i) "
@@ -247,138 +305,211 @@ ORVO_HOT int cService::Register(int fd, int events, cChannel* channel, void* ctx
             channel->Close();
         return -1;
     }
+    std::unique_lock<std::mutex> lock = PreLoopLock();
+    if (lock.owns_lock() && !IsLoopThread() && events != 0 && channel != nullptr &&
+        (events & SELECT_WRITE) && channel->GetFd() == fd) {
+        // The first pass began on another thread while this one waited for
+        // the lock: from now on this thread is a foreign sender, whose write
+        // request the loop applies.
+        lock.unlock();
+        AskWrite(channel, true);
+        return 1;
+    }
+    const int result = RegisterLocked(fd, events, channel, ctx, false);
+    if (result != kTableFull)
+        return result;
+    if (lock.owns_lock())
+        lock.unlock();
+    TraceTableFull(fd);
+    return -1;
+}
 
-    std::unique_lock<std::mutex> lock(m_TableLock);
-    int index = m_SlotOfFd[fd];
-    if (index >= 0 && (m_Select[index].fd != fd || m_Select[index].channel == nullptr))
-        index = -1;
+void cSelectLoop::TraceTableFull(int fd)
+{
+    ORVO_TRACE(UnitORVO, ERROR,
+               FormatString("cService::ChannelAsyncSelect: table full, descriptor %i refused", fd));
+}
+
+void cSelectLoop::UpdateChannelSlow(cChannel* channel, int fd, int events)
+{
+    if (fd < 0)
+        return;
+    // Before the first pass the check needs the lock.
+    if (fd < kMaxSelect && (events & SELECT_EXCEPT) == 0) {
+        std::unique_lock<std::mutex> lock = PreLoopLock();
+        const sRecord& r = m_Rec[fd];
+        if (r.index >= 0 && r.channel == channel && r.ctx == nullptr && r.events == events)
+            return;
+    }
+    Register(fd, events, channel, nullptr);
+}
+
+ORVO_HOT int cSelectLoop::RegisterLocked(int fd, int events, cChannel* channel, void* ctx, bool merge)
+{
+    const bool reg = events != 0 && channel != nullptr;
+    sRecord& r = m_Rec[fd];
+    int index = r.index;
     if (index < 0 && reg) {
-        for (int i = m_SelectCount - 1; i >= 0; --i) {
-            if (m_Select[i].channel == nullptr) {
+        // The last free entry among those used, else a new one at the end.
+        for (int i = m_Count - 1; i >= 0; --i) {
+            if (m_FdOfEntry[i] < 0) {
                 index = i;
                 break;
             }
         }
         if (index < 0) {
-            if (m_SelectCount >= kMaxSelect) {
-                lock.unlock();
-                ORVO_TRACE(UnitORVO, ERROR,
-                           FormatString("cService::ChannelAsyncSelect: table full, descriptor %i "
-                                        "refused", fd));
-                return -1;
-            }
-            index = m_SelectCount++;
+            if (m_Count >= kMaxSelect)
+                return kTableFull;   // traced by the caller, with no lock held
+            index = m_Count++;
         }
+    }
+    if (!reg) {
+        if (index >= 0)
+            Unregister(fd);
+        return 1;
     }
 
     // Write pending may have been set by a sender of another thread since
     // the caller computed events; its request must not be lost here.
-    if (reg && channel->GetFd() == fd && channel->IsWritePending())
+    if (channel->GetFd() == fd && channel->IsWritePending())
         events |= SELECT_WRITE;
-    const int before = GetEventsLocked(fd);
-    if (merge && index >= 0 && m_Select[index].channel == channel)
+    const int before = r.index >= 0 ? r.events : 0;
+    if (merge && r.index >= 0 && r.channel == channel)
         events |= before;
-    bool newOwner = false;
-    if (reg) {
-        sSelectEntry& e = m_Select[index];
-        // A new owner of the entry: the pass that is running must not hand
-        // it readiness that was seen for the previous owner.
-        if (e.channel != channel || e.fd != fd) {
-            e.seq = ++m_SelectSeq;
-            newOwner = true;
-        }
-        e.fd = fd;
-        e.channel = channel;
-        e.ctx = ctx;
-        m_SlotOfFd[fd] = static_cast<int16_t>(index);
-        if (fd > m_SelectHighest)
-            m_SelectHighest = fd;
-    } else if (index >= 0) {
-        std::memset(&m_Select[index], 0, sizeof m_Select[index]);
-        m_SlotOfFd[fd] = -1;
-    }
-
-    if (reg && (events & SELECT_READ))
-        FD_SET(fd, &m_ReadSet);
-    else
-        FD_CLR(fd, &m_ReadSet);
-    if (reg && (events & SELECT_WRITE))
-        FD_SET(fd, &m_WriteSet);
-    else
-        FD_CLR(fd, &m_WriteSet);
-    if (reg && (events & SELECT_EXCEPT))
-        FD_SET(fd, &m_ExceptSet);
-    else
-        FD_CLR(fd, &m_ExceptSet);
-    MirrorLocked(fd);
+    events &= SELECT_READ | SELECT_WRITE | SELECT_EXCEPT;
+    // A new owner of the descriptor: the pass that is running must not hand
+    // it readiness that was seen for the previous owner.
+    const bool newOwner = r.index < 0 || r.channel != channel;
+    if (newOwner)
+        r.seq = ++m_Seq;
+    r.channel = channel;
+    r.ctx = ctx;
+    r.index = static_cast<int16_t>(index);
+    r.events = static_cast<uint8_t>(events);
+    m_FdOfEntry[index] = static_cast<int16_t>(fd);
+    if (fd > m_Highest)
+        m_Highest = fd;
     // The kernel learns of it at the start of the next pass.
-    if (newOwner || GetEventsLocked(fd) != before)
-        m_pWait->MarkDirty(fd, newOwner);
+    if (newOwner || events != before)
+        m_Wait.MarkDirty(fd, newOwner);
     return 1;
 }
 
-ORVO_HOT int cService::ChannelAsyncSelect(cChannel* channel, int events, void* ctx)
+void cSelectLoop::Unregister(int fd)
 {
-    if (channel == nullptr || channel->GetFd() < 0)
-        return 0;
-    return ChannelAsyncSelect(channel->GetFd(), events, channel, ctx);
+    sRecord& r = m_Rec[fd];
+    if (r.index < 0)
+        return;
+    m_FdOfEntry[r.index] = -1;
+    const bool had = r.events != 0;
+    std::memset(&r, 0, sizeof r);
+    r.index = -1;
+    if (had)
+        m_Wait.MarkDirty(fd, false);
 }
 
-int cService::GetSelectEvents(int fd) const
+int cSelectLoop::GetEvents(int fd) const
 {
     if (fd < 0 || fd >= kMaxSelect)
         return 0;
-    std::lock_guard<std::mutex> lock(m_TableLock);
-    return GetEventsLocked(fd);
+    std::unique_lock<std::mutex> lock = PreLoopLock();
+    return m_Rec[fd].index >= 0 ? m_Rec[fd].events : 0;
 }
 
-int cService::GetEventsLocked(int fd) const
+int cSelectLoop::EventsOf(const void* self, int fd)
 {
-    return (FD_ISSET(fd, &m_ReadSet) ? SELECT_READ : 0) |
-           (FD_ISSET(fd, &m_WriteSet) ? SELECT_WRITE : 0) |
-           (FD_ISSET(fd, &m_ExceptSet) ? SELECT_EXCEPT : 0);
+    const sRecord& r = static_cast<const cSelectLoop*>(self)->m_Rec[fd];
+    return r.index >= 0 ? r.events : 0;
 }
 
-void cService::AddWriteInterest(cChannel* channel, bool wakeLoop)
+void cSelectLoop::ForgetChannel(cChannel* channel)
+{
+    std::unique_lock<std::mutex> lock = PreLoopLock();
+    for (int i = 0; i < m_Count; ++i) {
+        const int fd = m_FdOfEntry[i];
+        if (fd >= 0 && m_Rec[fd].channel == channel)
+            Unregister(fd);
+    }
+    // A write request it made and the loop has not applied yet.
+    if (m_AnyAsk.load(std::memory_order_acquire)) {
+        for (int w = 0; w < kMaxSelect / 64; ++w) {
+            uint64_t bits = m_AskBits[w].load(std::memory_order_acquire);
+            while (bits != 0) {
+                const int fd = w * 64 + __builtin_ctzll(bits);
+                bits &= bits - 1;
+                cChannel* expected = channel;
+                m_Asker[fd].compare_exchange_strong(expected, nullptr);
+            }
+        }
+    }
+}
+
+void cSelectLoop::AskWrite(cChannel* channel, bool wakeLoop)
 {
     const int fd = channel != nullptr ? channel->GetFd() : -1;
     // A descriptor the table cannot hold was refused (and its channel
     // closed) on the loop thread already.
     if (fd < 0 || fd >= kMaxSelect || !channel->IsEnabled())
         return;
-    // Added to what the channel has registered (a channel that reads nothing
-    // may have no entry yet).
-    Register(fd, SELECT_WRITE, channel, nullptr, true);
+    m_Asker[fd].store(channel, std::memory_order_release);
+    m_AskBits[fd / 64].fetch_or(uint64_t(1) << (fd % 64), std::memory_order_acq_rel);
+    m_AnyAsk.store(true, std::memory_order_release);
     if (wakeLoop)
         WakeAll();
 }
 
-ORVO_HOT bool cService::IsLoopThread() const
+ORVO_HOT void cSelectLoop::ApplyWriteAsks()
+{
+    // One load per pass while nobody asked: the common case.
+    if (!m_AnyAsk.load(std::memory_order_relaxed) || !m_AnyAsk.exchange(false))
+        return;
+    for (int w = 0; w < kMaxSelect / 64; ++w) {
+        uint64_t bits = m_AskBits[w].load(std::memory_order_relaxed) != 0
+                            ? m_AskBits[w].exchange(0, std::memory_order_acq_rel)
+                            : 0;
+        while (bits != 0) {
+            const int fd = w * 64 + __builtin_ctzll(bits);
+            bits &= bits - 1;
+            cChannel* channel = m_Asker[fd].exchange(nullptr, std::memory_order_acq_rel);
+            // The channel is alive: its destructor (this thread's) takes its
+            // request back. It may have moved to another descriptor or been
+            // disabled since it asked.
+            if (channel == nullptr || channel->GetFd() != fd || !channel->IsEnabled())
+                continue;
+            // Added to what the channel has registered (a channel that reads
+            // nothing may have no registration yet).
+            if (RegisterLocked(fd, SELECT_WRITE, channel, nullptr, true) == kTableFull)
+                TraceTableFull(fd);
+        }
+    }
+}
+
+// ---- Loop thread ------------------------------------------------------------------
+
+ORVO_HOT void cSelectLoop::EnterLoopThread()
+{
+    const pid_t self = threadid::Current();
+    if (m_LoopThread.load(std::memory_order_relaxed) == self)
+        return;
+    if (m_LoopThread.load(std::memory_order_relaxed) == 0) {
+        // Waits for a registration of another thread that started while any
+        // thread still counted as the loop thread.
+        std::lock_guard<std::mutex> lock(m_PreLoop);
+        m_LoopThread.store(self, std::memory_order_release);
+        return;
+    }
+    m_LoopThread.store(self, std::memory_order_release);
+}
+
+ORVO_HOT bool cSelectLoop::IsLoopThread() const
 {
     const pid_t loop = m_LoopThread.load(std::memory_order_relaxed);
     return loop == 0 || loop == threadid::Current();
 }
 
-void cService::ForgetChannel(cChannel* channel)
-{
-    std::lock_guard<std::mutex> lock(m_TableLock);
-    for (int i = 0; i < m_SelectCount; ++i) {
-        if (m_Select[i].channel == channel) {
-            const int fd = m_Select[i].fd;
-            std::memset(&m_Select[i], 0, sizeof m_Select[i]);
-            m_SlotOfFd[fd] = -1;
-            FD_CLR(fd, &m_ReadSet);
-            FD_CLR(fd, &m_WriteSet);
-            FD_CLR(fd, &m_ExceptSet);
-            MirrorLocked(fd);
-            m_pWait->MarkDirty(fd, false);
-        }
-    }
-}
-
 // ---- Timers ----------------------------------------------------------------------
 
-void cService::TimerAsyncSelect(cTimer* timer, unsigned long ms)
+void cSelectLoop::TimerAsyncSelect(cTimer* timer, unsigned long ms)
 {
     if (timer == nullptr)
         return;
@@ -393,7 +524,24 @@ void cService::TimerAsyncSelect(cTimer* timer, unsigned long ms)
     AddTimerEntry(sTimerEntry{timer, due, 0});
 }
 
-void cService::AddTimerEntry(const sTimerEntry& entry)
+void cSelectLoop::AddWaitTimeout(uint64_t due, uint32_t wait)
+{
+    AddTimerEntry(sTimerEntry{nullptr, due, wait});
+}
+
+bool cSelectLoop::RemoveWaitTimeout(uint32_t wait)
+{
+    m_Timers.erase(std::remove_if(m_Timers.begin(), m_Timers.end(),
+                                  [wait](const sTimerEntry& e) { return e.wait == wait; }),
+                   m_Timers.end());
+    auto fired = std::find(m_WaitFired.begin(), m_WaitFired.end(), wait);
+    if (fired == m_WaitFired.end())
+        return false;
+    m_WaitFired.erase(fired);
+    return true;
+}
+
+void cSelectLoop::AddTimerEntry(const sTimerEntry& entry)
 {
     // Inserted behind every entry due at the same time or earlier: the list
     // stays sorted and equal due times keep their arming order, without the
@@ -403,7 +551,7 @@ void cService::AddTimerEntry(const sTimerEntry& entry)
     m_Timers.insert(at, entry);
 }
 
-ORVO_HOT unsigned long cService::ScheduleGetIdleTimeMs() const
+ORVO_HOT unsigned long cSelectLoop::GetIdleTimeMs() const
 {
     if (m_Timers.empty())
         return kMaxIdleMs;
@@ -415,7 +563,7 @@ ORVO_HOT unsigned long cService::ScheduleGetIdleTimeMs() const
     return static_cast<unsigned long>(left);
 }
 
-ORVO_HOT void cService::ScanTimers()
+ORVO_HOT void cSelectLoop::ScanTimers()
 {
     if (m_Timers.empty())
         return;
@@ -436,19 +584,19 @@ ORVO_HOT void cService::ScanTimers()
             // The time-out of a WaitSyncMsg.
             m_WaitFired.push_back(due.wait);
             cMsg msg(MSG_WAIT_TIMEOUT);
-            OnMsg(msg);
+            m_Owner.OnMsg(msg);
         } else {
             due.timer->OnExec();
         }
     }
 }
 
-// ---- The loop ---------------------------------------------------------------------
+// ---- The pass ---------------------------------------------------------------------
 
-ORVO_HOT void cService::ScheduleSelect()
+ORVO_HOT void cSelectLoop::Pass()
 {
-    m_LoopThread.store(threadid::Current(), std::memory_order_relaxed);
-    sSelectPass pass;
+    EnterLoopThread();
+    sPass pass;
     const int result = WaitForEvents(pass);
     if (result > 0)
         DispatchReady(pass);
@@ -461,50 +609,19 @@ ORVO_HOT void cService::ScheduleSelect()
         ReportSelectError(pass.error);
 }
 
-namespace {
-
-// The table lock on the loop's per-pass path, skipped while the process
-// has a single thread: then nobody else can change the table, and the two
-// lock rounds of every pass are a good part of what a pass costs.
-class cPassLock {
-public:
-    explicit cPassLock(std::mutex& lock) : m_pLock(threadid::SingleThreaded() ? nullptr : &lock)
-    {
-        if (m_pLock != nullptr)
-            m_pLock->lock();
-    }
-    ~cPassLock()
-    {
-        if (m_pLock != nullptr)
-            m_pLock->unlock();
-    }
-    cPassLock(const cPassLock&) = delete;
-    cPassLock& operator=(const cPassLock&) = delete;
-
-private:
-    std::mutex* m_pLock;
-};
-
-}  // namespace
-
-ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
+ORVO_HOT int cSelectLoop::WaitForEvents(sPass& pass)
 {
     // The wake descriptor joins every wait; with no channel registered the
     // wait is a sleep of the idle time that a signal or a stop can cut short.
     // While the process is stopping it stays readable (every loop must see
     // the stop), so a wait that starts after the stop leaves it out.
     const int wake = gStop.load() ? -1 : gWakeFd.load();
-    int count;
-    bool synced;
-    {
-        cPassLock lock(m_TableLock);
-        count = m_SelectCount;
-        pass.seq = m_SelectSeq;
-        const cKernelWait::sTable table{&m_ReadSet, &m_WriteSet, &m_ExceptSet,
-                                        count == 0 ? -1 : m_SelectHighest};
-        synced = m_pWait->Sync(table, wake);
-    }
-    if (!synced) {
+    // Write readiness other threads asked for since the last pass.
+    ApplyWriteAsks();
+    const int count = m_Count;
+    pass.seq = m_Seq;
+    const cKernelWait::sTable table{&EventsOf, this, count == 0 ? -1 : m_Highest};
+    if (!m_Wait.Sync(table, wake)) {
         // A registered descriptor is no longer open (or the kernel refused
         // the wait): the same failure as a select that found it.
         pass.error = errno;
@@ -512,13 +629,13 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
     }
     // A signal already marked (its wake-up may have been drained by another
     // loop) is handled without waiting.
-    const unsigned long idle = mHasSignal.load() ? 0 : ScheduleGetIdleTimeMs();
+    const unsigned long idle = mHasSignal.load() ? 0 : GetIdleTimeMs();
     bool wokeUp = false;
-    int result = m_pWait->Wait(idle, wake, wokeUp);
+    int result = m_Wait.Wait(idle, wake, wokeUp);
     pass.error = errno;
 
-    if (m_bTimeStamp)
-        m_LastSelected.Now(true);
+    if (m_Owner.m_bTimeStamp)
+        m_Owner.m_LastSelected.Now(true);
 
     if (wokeUp && !gStop.load())
         DrainWake();
@@ -527,22 +644,19 @@ ORVO_HOT int cService::WaitForEvents(sSelectPass& pass)
     return result;
 }
 
-ORVO_HOT void cService::DispatchReady(const sSelectPass& pass)
+ORVO_HOT void cSelectLoop::DispatchReady(const sPass& pass)
 {
     // Ready descriptors go to their channels in table order, whatever order
     // the kernel reported them in. Handlers may register, unregister and
-    // close: each entry is looked at again just before its hand-on, and one
+    // close: each record is looked at again just before its hand-on, and one
     // that changed owner since the wait began (a newer registration number)
     // gets nothing.
     // The list is taken out of the kernel wait for the walk: a handler that
     // waits (WaitSyncMsg) runs passes of its own, which refill the wait's.
     std::vector<cKernelWait::sReady> ready;
-    ready.swap(m_pWait->Ready());
-    {
-        cPassLock lock(m_TableLock);
-        for (cKernelWait::sReady& r : ready)
-            r.index = m_SlotOfFd[r.fd];
-    }
+    ready.swap(m_Wait.Ready());
+    for (cKernelWait::sReady& r : ready)
+        r.index = m_Rec[r.fd].index;
     if (ready.size() > 1)
         std::sort(ready.begin(), ready.end(),
                   [](const cKernelWait::sReady& a, const cKernelWait::sReady& b) {
@@ -551,32 +665,26 @@ ORVO_HOT void cService::DispatchReady(const sSelectPass& pass)
     for (const cKernelWait::sReady& r : ready) {
         if (r.index < 0)
             continue;
-        cChannel* channel;
-        {
-            cPassLock lock(m_TableLock);
-            const sSelectEntry& entry = m_Select[r.index];
-            if (r.index >= m_SelectCount || entry.fd != r.fd || entry.channel == nullptr ||
-                entry.seq > pass.seq)
-                continue;
-            channel = entry.channel;
-        }
-        HandOn(channel, r.fd, r.events);
+        const sRecord& rec = m_Rec[r.fd];
+        if (rec.index != r.index || rec.channel == nullptr || rec.seq > pass.seq)
+            continue;
+        HandOn(rec.channel, r.fd, r.events);
     }
     // Its storage goes back, so the next pass allocates nothing.
     ready.clear();
-    m_pWait->Ready().swap(ready);
+    m_Wait.Ready().swap(ready);
 }
 
-ORVO_HOT void cService::HandOn(cChannel* channel, int fd, int events)
+ORVO_HOT void cSelectLoop::HandOn(cChannel* channel, int fd, int events)
 {
     // Exception readiness alone still reaches the channel, as OnSelect(0).
     if (channel->GetFd() == fd)
         channel->OnSelect(events & (SELECT_READ | SELECT_WRITE));
     else
-        ChannelAsyncSelect(fd, 0, nullptr, nullptr);
+        Register(fd, 0, nullptr, nullptr);
 }
 
-bool cService::RunSignalHandlers()
+bool cSelectLoop::RunSignalHandlers()
 {
     // Read before the exchange: a pass without a signal (nearly every one)
     // then costs no locked instruction. A mark set just after the read
@@ -588,19 +696,22 @@ bool cService::RunSignalHandlers()
         if (mvSignal[sig].pending.exchange(0) != 0) {
             any = true;
             if (mvSignal[sig].handler != nullptr)
-                mvSignal[sig].handler(this, sig, mvSignal[sig].ctx);
+                mvSignal[sig].handler(&m_Owner, sig, mvSignal[sig].ctx);
         }
     }
     return any;
 }
 
-void cService::ReportSelectError(int error)
+void cSelectLoop::ReportSelectError(int error)
 {
     ORVO_TRACE(UnitORVO, FATAL, FormatString("select() error, retval=%i", -1));
-    if (error == EBADF)
-        UnregisterAll();
+    if (error == EBADF) {
+        // The whole table unregistered; count and highest descriptor stay.
+        std::unique_lock<std::mutex> lock = PreLoopLock();
+        Empty();
+    }
     cMsg msg(MSG_SELECT_FAILED);
-    OnMsg(msg);
+    m_Owner.OnMsg(msg);
 }
 
 }  // namespace orvo

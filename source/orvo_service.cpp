@@ -29,7 +29,6 @@
 #include "orvo_msgtypes.h"
 #include "orvo_record.h"
 #include "orvo_selectloop.h"
-#include "orvo_kernelwait.h"
 #include "orvo_snoop.h"
 #include "orvo_socket.h"
 #include "orvo_statem.h"
@@ -217,8 +216,7 @@ bool cService::InitGlobal()
 // ---- Construction -------------------------------------------------------------
 
 cService::cService()
-    : m_SelectCount(0),
-      m_SelectHighest(0),
+    : m_pLoop(new cSelectLoop(*this)),
       m_pSapSocket(nullptr),
       m_bTimeStamp(false),
       m_LastHandOut(0),
@@ -226,11 +224,8 @@ cService::cService()
       m_bThreadService(false),
       m_TimelostMs(8000),
       m_QueueLimit(200),
-      m_pSendLock(new cCriticalSection()),
-      m_SelectSeq(0),
-      m_pWait(new cKernelWait())
+      m_pSendLock(new cCriticalSection())
 {
-    ClearSelectTable();
     // Senders of other threads wake the loop through it, Init or not.
     loop::EnsureWakeFd();
 }
@@ -286,10 +281,7 @@ bool cService::Init(const std::string& name, cSocketAddr sap)
         mMainService = this;
 
     m_ServiceId.Create();
-    {
-        std::lock_guard<std::mutex> lock(m_TableLock);
-        ClearSelectTable();
-    }
+    m_pLoop->Clear();
     loop::EnsureWakeFd();
 
     if (sap.IsEmpty() && !m_bThreadService)
@@ -364,12 +356,12 @@ void cService::CloseSockets()
 void cService::DeInit()
 {
     CloseSockets();
-    m_Timers.clear();
+    m_pLoop->ClearTimers();
 }
 
 ORVO_HOT bool cService::GetMessage(cMsg& msg)
 {
-    m_LoopThread.store(threadid::Current(), std::memory_order_relaxed);
+    m_pLoop->EnterLoopThread();
     if (m_LastHandOut != 0) {
         // A span of seconds: the tick's resolution is enough, and the coarse
         // clock is read without the time-stamp counter.
@@ -389,7 +381,8 @@ ORVO_HOT bool cService::GetMessage(cMsg& msg)
         if (m_MsgQ.empty()) {
             if (GetStopFlag())
                 return false;
-            ScheduleSelect();
+            // One pass of the loop (what ScheduleSelect does).
+            m_pLoop->Pass();
         }
         if (m_MsgQ.empty()) {
             msg.Create();
@@ -804,7 +797,7 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
     // A one-shot timer of this service: an entry of the timer list that
     // posts 0x2015 when due.
     const uint32_t wait = ++m_WaitSerial == 0 ? ++m_WaitSerial : m_WaitSerial;
-    AddTimerEntry(sTimerEntry{nullptr, static_cast<uint64_t>(GetMsecClock()) + ms, wait});
+    m_pLoop->AddWaitTimeout(static_cast<uint64_t>(GetMsecClock()) + ms, wait);
 
     std::vector<cMsg> aside;
     cMsg last;
@@ -827,12 +820,7 @@ cMsg cService::WaitSyncMsg(unsigned long ms, unsigned long type1, unsigned long 
 
     // Stop the timer; a time-out that fired but did not end the wait is
     // purged like a destroyed timer's message.
-    m_Timers.erase(std::remove_if(m_Timers.begin(), m_Timers.end(),
-                                  [wait](const sTimerEntry& e) { return e.wait == wait; }),
-                   m_Timers.end());
-    auto fired = std::find(m_WaitFired.begin(), m_WaitFired.end(), wait);
-    if (fired != m_WaitFired.end()) {
-        m_WaitFired.erase(fired);
+    if (m_pLoop->RemoveWaitTimeout(wait)) {
         if (last.GetType() != MSG_WAIT_TIMEOUT) {
             // The oldest such message is the one the fired time-out posted.
             for (size_t i = m_MsgQ.size(); i-- > 0;) {

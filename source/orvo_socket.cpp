@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "orvo_handle.h"
+#include "orvo_selectloop.h"
 #include "orvo_service.h"
 #include "orvo_tls.h"
 #include "orvo_trace.h"
@@ -698,7 +699,7 @@ int cUdpSocket::SendTo(const cSocketAddr& to, const void* data, int size)
     int result = static_cast<int>(::sendto(m_fd, data, static_cast<size_t>(size), MSG_NOSIGNAL,
                                            to.GetSockAddr(), sizeof(sockaddr_in)));
     if (result > 0)
-        WantWriteReady(false);
+        loop::WantWriteReady(*this, false);
     return result;
 }
 

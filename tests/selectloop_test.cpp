@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdio>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -159,6 +160,41 @@ TEST_F(SelectLoop, WriteInterestFollowsTheRegistrationAcrossPasses)
     EXPECT_EQ(log, (tLog{{"w", SELECT_WRITE}}));
     EXPECT_EQ(svc.GetSelectEvents(fd), SELECT_WRITE);
     ch.Dettach();
+}
+
+// A write asked for on another thread reaches the loop by its next pass,
+// also for a channel that had no registration; a channel deleted before
+// that pass takes its request with it and is never called.
+TEST_F(SelectLoop, WriteAskedOnAnotherThreadIsAddedByTheNextPass)
+{
+    cTestService svc;
+    tLog log;
+    sPair p;
+    Pass(svc);   // this thread is the loop thread now
+    cProbe ch(&svc, log, "w");
+    ch.Attach(p.fd[0]);
+    ch.EnableRead(false);
+    ASSERT_EQ(svc.GetSelectEvents(p.fd[0]), 0);
+    std::thread([&ch] { EXPECT_EQ(ch.Write("x", 1), 1); }).join();
+    Pass(svc);
+    EXPECT_EQ(log, (tLog{{"w", SELECT_WRITE}}));
+    EXPECT_EQ(svc.GetSelectEvents(p.fd[0]), SELECT_WRITE);
+    ch.Dettach();
+
+    log.clear();
+    sPair q;
+    cProbe* gone = new cProbe(&svc, log, "gone");
+    gone->Attach(q.fd[0]);
+    gone->EnableRead(false);
+    std::thread([gone] { EXPECT_EQ(gone->Write("x", 1), 1); }).join();
+    delete gone;
+    cProbe next(&svc, log, "next");   // the same descriptor, nothing to write
+    next.Attach(q.fd[0]);
+    next.EnableRead(false);
+    Pass(svc);
+    EXPECT_TRUE(log.empty());
+    EXPECT_EQ(svc.GetSelectEvents(q.fd[0]), 0);
+    next.Dettach();
 }
 
 // Urgent TCP data is exception readiness: a channel registered for it alone
