@@ -28,7 +28,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
     // The accessors print their diagnostics on standard output.
     (void)!std::freopen("/dev/null", "w", stdout);
-    static std::string path = std::string(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") + "/orvo_eeprom_fuzz_" + std::to_string(getpid());
+    // On tmpfs when there is one: the accessors read and write the image a
+    // few bytes at a time.
+    const char* dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    static std::string path = std::string(dir) + "/orvo_eeprom_fuzz_" + std::to_string(getpid());
     setenv("ORVO_EEPROM_DEVICE", path.c_str(), 1);
     return 0;
 }

@@ -258,8 +258,9 @@ TEST_F(SelectLoop, DescriptorClosedBehindTheLoopsBackEndsInTheSelectError)
             otherFd = ::dup(keep.fd[0]);
         }
         other.Attach(otherFd);
-        if (busy != kIdle)
+        if (busy != kIdle) {
             ASSERT_EQ(svc.ChannelAsyncSelect(otherFd, SELECT_READ | SELECT_WRITE, &other, nullptr), 1);
+        }
         const int fd = gone.fd[0];
         gone.fd[0] = -1;   // the test closes it, behind the loop's back
         closed.Attach(fd);
