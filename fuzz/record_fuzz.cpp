@@ -38,7 +38,7 @@ void WalkRecord(const cRecord& rec, int depth, std::string& path);
 
 // Look-ups by name and deletions walk or copy the whole record, so they are
 // tried on the first few elements of each record only: on every element
-// they made a long input cost a quadratic walk and slowed the fuzzer tenfold.
+// they made a long input cost a quadratic walk.
 const int kWholeRecordOps = 8;
 
 void WalkPar(const cRecord& rec, const cRecordPar& par, int index, int depth, std::string& path)
